@@ -1,0 +1,19 @@
+# One INTERFACE target carries the warning and sanitizer options for every
+# library and executable of the project.
+add_library(ndpx_options INTERFACE)
+target_compile_options(ndpx_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wformat=2 -Werror=format-security)
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  target_compile_options(ndpx_options INTERFACE -Wthread-safety)
+endif()
+
+if(NDPX_SANITIZE STREQUAL "address")
+  target_compile_options(ndpx_options INTERFACE -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  target_link_options(ndpx_options INTERFACE -fsanitize=address,undefined)
+elseif(NDPX_SANITIZE STREQUAL "thread")
+  target_compile_options(ndpx_options INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
+  target_link_options(ndpx_options INTERFACE -fsanitize=thread)
+elseif(NOT NDPX_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "NDPX_SANITIZE must be empty, 'address' or 'thread'")
+endif()
+

@@ -1,0 +1,25 @@
+#pragma once
+// Machine paths relocated under one root prefix, so that the agent, its tests
+// and the demo can run unprivileged in a temporary directory.
+
+#include <filesystem>
+#include <string>
+
+namespace ndpx::platform::paths {
+
+// The root prefix: set by the host's --root flag, else $NDPX_ROOT, else "/".
+void setRoot(const std::filesystem::path& root);
+std::filesystem::path root();
+
+std::filesystem::path programData();        // $ROOT/var/lib
+std::filesystem::path systemDrive();        // $ROOT
+std::filesystem::path vendorDataDir();      // $ROOT/var/lib/Brasswick
+std::filesystem::path settingsStoreFile();  // .../Brasswick/registry.sqlite
+std::filesystem::path certStoreFile();      // .../Brasswick/certstore.sqlite
+std::filesystem::path runDir();             // $ROOT/run/Brasswick
+
+// Creates `dir` and its missing parents with mode 0700. An existing directory
+// is accepted as it is. Returns false (and sets `error`) on failure.
+bool createSecureDirectories(const std::filesystem::path& dir, std::string& error);
+
+}  // namespace ndpx::platform::paths
