@@ -1,1 +1,498 @@
-// (being written)
+#include <platform/Paths.h>
+#include <platform/SettingsStore.h>
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+
+namespace ndpx::platform {
+
+namespace {
+
+// Registry type numbers, so that the table reads naturally next to .reg files.
+constexpr int kTypeString = 1;
+constexpr int kTypeDword = 4;
+constexpr int kTypeMulti = 7;
+
+constexpr int kBusyTimeoutMs = 5000;
+
+struct DbCloser {
+    void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+};
+using DbPtr = std::unique_ptr<sqlite3, DbCloser>;
+
+struct StmtFinalizer {
+    void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+};
+using StmtPtr = std::unique_ptr<sqlite3_stmt, StmtFinalizer>;
+
+// Resets and unbinds a cached statement when the call that used it returns.
+class StmtUse {
+  public:
+    explicit StmtUse(sqlite3_stmt* stmt) : stmt_(stmt) {}
+    ~StmtUse() {
+        sqlite3_reset(stmt_);
+        sqlite3_clear_bindings(stmt_);
+    }
+    StmtUse(const StmtUse&) = delete;
+    StmtUse& operator=(const StmtUse&) = delete;
+
+    sqlite3_stmt* get() const { return stmt_; }
+    bool bind(int index, std::string_view text) {
+        // A null pointer would bind SQL NULL, which matches nothing.
+        const char* p = text.data() != nullptr ? text.data() : "";
+        return sqlite3_bind_text64(stmt_, index, p, text.size(), SQLITE_TRANSIENT, SQLITE_UTF8) ==
+               SQLITE_OK;
+    }
+
+  private:
+    sqlite3_stmt* stmt_;
+};
+
+std::string columnText(sqlite3_stmt* stmt, int col) {
+    const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt, col));
+    if (p == nullptr) {
+        return {};
+    }
+    return std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt, col)));
+}
+
+// Multi-strings are stored as each string followed by a NUL byte, the
+// registry's own layout, so commas and newlines inside the strings survive.
+std::string encodeMulti(const std::vector<std::string>& strings) {
+    std::string blob;
+    for (const auto& s : strings) {
+        blob += s;
+        blob += '\0';
+    }
+    return blob;
+}
+
+std::vector<std::string> decodeMulti(std::string_view blob) {
+    std::vector<std::string> out;
+    std::size_t pos = 0;
+    while (pos < blob.size()) {
+        std::size_t end = blob.find('\0', pos);
+        if (end == std::string_view::npos) {
+            end = blob.size();  // tolerate a missing final terminator
+        }
+        out.emplace_back(blob.substr(pos, end - pos));
+        pos = end + 1;
+    }
+    return out;
+}
+
+std::optional<SettingValue> readValue(sqlite3_stmt* stmt, int typeCol, int dataCol) {
+    switch (sqlite3_column_int(stmt, typeCol)) {
+        case kTypeString:
+            return SettingValue::ofString(columnText(stmt, dataCol));
+        case kTypeDword:
+            return SettingValue::ofDword(
+                static_cast<std::uint32_t>(sqlite3_column_int64(stmt, dataCol)));
+        case kTypeMulti: {
+            const void* p = sqlite3_column_blob(stmt, dataCol);
+            const auto n = static_cast<std::size_t>(sqlite3_column_bytes(stmt, dataCol));
+            return SettingValue::ofMulti(
+                decodeMulti(p == nullptr ? std::string_view()
+                                         : std::string_view(static_cast<const char*>(p), n)));
+        }
+        default:
+            return std::nullopt;
+    }
+}
+
+bool lessIgnoreCase(const std::string& a, const std::string& b) {
+    return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+        return std::tolower(static_cast<unsigned char>(x)) <
+               std::tolower(static_cast<unsigned char>(y));
+    });
+}
+
+bool equalIgnoreCase(const std::string& a, const std::string& b) {
+    return !lessIgnoreCase(a, b) && !lessIgnoreCase(b, a);
+}
+
+constexpr const char* kSchema = R"sql(
+CREATE TABLE IF NOT EXISTS keys(
+    path TEXT NOT NULL COLLATE NOCASE PRIMARY KEY
+);
+CREATE TABLE IF NOT EXISTS vals(
+    key  TEXT NOT NULL COLLATE NOCASE,
+    name TEXT NOT NULL COLLATE NOCASE,
+    type INTEGER NOT NULL,
+    data,
+    PRIMARY KEY(key, name)
+);
+)sql";
+
+// The row's key is `?1` or any key below it, compared without case.
+std::string inSubtree(const std::string& column) {
+    return "(" + column + " = ?1 OR substr(" + column +
+           ", 1, length(?1) + 1) = (?1 || '\\') COLLATE NOCASE)";
+}
+
+class SqliteSettingsStore final : public SettingsStore {
+  public:
+    explicit SqliteSettingsStore(DbPtr db) : db_(std::move(db)) {}
+
+    bool prepareAll(std::string& error) {
+        const std::string subtreeVals = inSubtree("key");
+        const std::string subtreeKeys = inSubtree("path");
+        const std::pair<StmtPtr*, std::string> statements[] = {
+            {&get_, "SELECT type, data FROM vals WHERE key = ?1 AND name = ?2"},
+            {&insertKey_, "INSERT OR IGNORE INTO keys(path) VALUES(?1)"},
+            {&upsert_,
+             "INSERT INTO vals(key, name, type, data) VALUES(?1, ?2, ?3, ?4) "
+             "ON CONFLICT(key, name) DO UPDATE SET type = excluded.type, data = excluded.data"},
+            {&removeValue_, "DELETE FROM vals WHERE key = ?1 AND name = ?2"},
+            {&removeTreeVals_, "DELETE FROM vals WHERE " + subtreeVals},
+            {&removeTreeKeys_, "DELETE FROM keys WHERE " + subtreeKeys},
+            {&keyExists_, "SELECT 1 FROM keys WHERE path = ?1"},
+            {&listValues_, "SELECT name, type, data FROM vals WHERE key = ?1 ORDER BY name"},
+            {&listKeys_, "SELECT path FROM keys"},
+            {&listSubtreeKeys_, "SELECT path FROM keys WHERE " + subtreeKeys},
+            {&dataVersion_, "PRAGMA data_version"},
+            {&begin_, "BEGIN IMMEDIATE"},
+            {&commit_, "COMMIT"},
+            {&rollback_, "ROLLBACK"},
+        };
+        for (const auto& [target, sql] : statements) {
+            sqlite3_stmt* stmt = nullptr;
+            if (sqlite3_prepare_v3(db_.get(), sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &stmt,
+                                   nullptr) != SQLITE_OK) {
+                error = std::string("cannot prepare statement: ") + sqlite3_errmsg(db_.get());
+                sqlite3_finalize(stmt);
+                return false;
+            }
+            target->reset(stmt);
+        }
+        return true;
+    }
+
+    std::optional<SettingValue> get(std::string_view key, std::string_view name) override {
+        const std::string k = normalizeKeyPath(key);
+        std::lock_guard lock(mutex_);
+        StmtUse q(get_.get());
+        if (!q.bind(1, k) || !q.bind(2, name) || sqlite3_step(q.get()) != SQLITE_ROW) {
+            return std::nullopt;
+        }
+        return readValue(q.get(), 0, 1);
+    }
+
+    bool set(std::string_view key, std::string_view name, const SettingValue& value) override {
+        const std::string k = normalizeKeyPath(key);
+        if (k.empty()) {
+            return false;
+        }
+        std::string data;
+        int type = kTypeString;
+        switch (value.type) {
+            case SettingValue::Type::String:
+                data = value.text;
+                break;
+            case SettingValue::Type::Dword:
+                type = kTypeDword;
+                break;
+            case SettingValue::Type::MultiString:
+                type = kTypeMulti;
+                // A NUL inside a string would end it early when read back.
+                for (const auto& s : value.multi) {
+                    if (s.find('\0') != std::string::npos) {
+                        return false;
+                    }
+                }
+                data = encodeMulti(value.multi);
+                break;
+        }
+        std::lock_guard lock(mutex_);
+        Transaction tx(*this);
+        if (!tx.begun() || !insertKeyAndParents(k)) {
+            return false;
+        }
+        {
+            StmtUse q(upsert_.get());
+            if (!q.bind(1, k) || !q.bind(2, name) ||
+                sqlite3_bind_int(q.get(), 3, type) != SQLITE_OK) {
+                return false;
+            }
+            int rc = SQLITE_OK;
+            if (type == kTypeDword) {
+                rc = sqlite3_bind_int64(q.get(), 4, value.dword);
+            } else if (type == kTypeMulti) {
+                rc = sqlite3_bind_blob64(q.get(), 4, data.data(), data.size(), SQLITE_TRANSIENT);
+            } else {
+                rc = q.bind(4, data) ? SQLITE_OK : SQLITE_ERROR;
+            }
+            if (rc != SQLITE_OK || sqlite3_step(q.get()) != SQLITE_DONE) {
+                return false;
+            }
+        }
+        return tx.commit();
+    }
+
+    bool remove(std::string_view key, std::string_view name) override {
+        const std::string k = normalizeKeyPath(key);
+        std::lock_guard lock(mutex_);
+        StmtUse q(removeValue_.get());
+        if (!q.bind(1, k) || !q.bind(2, name) || sqlite3_step(q.get()) != SQLITE_DONE) {
+            return false;
+        }
+        if (sqlite3_changes(db_.get()) > 0) {
+            ++counter_;
+        }
+        return true;
+    }
+
+    bool removeKey(std::string_view key) override {
+        const std::string k = normalizeKeyPath(key);
+        if (k.empty()) {
+            return false;  // never wipe the whole store by accident
+        }
+        std::lock_guard lock(mutex_);
+        Transaction tx(*this);
+        if (!tx.begun()) {
+            return false;
+        }
+        for (sqlite3_stmt* stmt : {removeTreeVals_.get(), removeTreeKeys_.get()}) {
+            StmtUse q(stmt);
+            if (!q.bind(1, k) || sqlite3_step(q.get()) != SQLITE_DONE) {
+                return false;
+            }
+        }
+        return tx.commit();
+    }
+
+    bool createKey(std::string_view key) override {
+        const std::string k = normalizeKeyPath(key);
+        if (k.empty()) {
+            return false;
+        }
+        std::lock_guard lock(mutex_);
+        Transaction tx(*this);
+        return tx.begun() && insertKeyAndParents(k) && tx.commit();
+    }
+
+    bool keyExists(std::string_view key) override {
+        const std::string k = normalizeKeyPath(key);
+        std::lock_guard lock(mutex_);
+        StmtUse q(keyExists_.get());
+        return q.bind(1, k) && sqlite3_step(q.get()) == SQLITE_ROW;
+    }
+
+    std::vector<std::pair<std::string, SettingValue>> listValues(std::string_view key) override {
+        const std::string k = normalizeKeyPath(key);
+        std::vector<std::pair<std::string, SettingValue>> out;
+        std::lock_guard lock(mutex_);
+        StmtUse q(listValues_.get());
+        if (!q.bind(1, k)) {
+            return out;
+        }
+        while (sqlite3_step(q.get()) == SQLITE_ROW) {
+            if (auto v = readValue(q.get(), 1, 2)) {
+                out.emplace_back(columnText(q.get(), 0), std::move(*v));
+            }
+        }
+        return out;
+    }
+
+    std::vector<std::string> listSubkeys(std::string_view key) override {
+        const std::string k = normalizeKeyPath(key);
+        std::vector<std::string> names;
+        {
+            std::lock_guard lock(mutex_);
+            StmtUse q(k.empty() ? listKeys_.get() : listSubtreeKeys_.get());
+            if (!k.empty() && !q.bind(1, k)) {
+                return names;
+            }
+            // Rows written by other tools may lack their parents, so the child
+            // name is taken from any descendant, not only from direct children.
+            const std::size_t skip = k.empty() ? 0 : k.size() + 1;
+            while (sqlite3_step(q.get()) == SQLITE_ROW) {
+                const std::string path = normalizeKeyPath(columnText(q.get(), 0));
+                if (path.size() <= skip) {
+                    continue;
+                }
+                const std::size_t end = path.find('\\', skip);
+                names.push_back(path.substr(skip, end == std::string::npos ? end : end - skip));
+            }
+        }
+        std::stable_sort(names.begin(), names.end(), lessIgnoreCase);
+        names.erase(std::unique(names.begin(), names.end(), equalIgnoreCase), names.end());
+        return names;
+    }
+
+    std::uint64_t changeCounter() override {
+        std::lock_guard lock(mutex_);
+        StmtUse q(dataVersion_.get());
+        if (sqlite3_step(q.get()) == SQLITE_ROW) {
+            const std::int64_t version = sqlite3_column_int64(q.get(), 0);
+            if (version != lastDataVersion_) {
+                lastDataVersion_ = version;
+                ++counter_;
+            }
+        }
+        return counter_;
+    }
+
+  private:
+    // BEGIN IMMEDIATE takes the write lock at once (waiting for other
+    // writers up to the busy time-out); destruction without commit rolls back.
+    class Transaction {
+      public:
+        explicit Transaction(SqliteSettingsStore& store) : store_(store) {
+            StmtUse q(store_.begin_.get());
+            begun_ = sqlite3_step(q.get()) == SQLITE_DONE;
+        }
+        ~Transaction() {
+            if (begun_ && !committed_) {
+                StmtUse q(store_.rollback_.get());
+                sqlite3_step(q.get());
+            }
+        }
+        Transaction(const Transaction&) = delete;
+        Transaction& operator=(const Transaction&) = delete;
+
+        bool begun() const { return begun_; }
+        bool commit() {
+            StmtUse q(store_.commit_.get());
+            committed_ = sqlite3_step(q.get()) == SQLITE_DONE;
+            if (committed_) {
+                ++store_.counter_;
+            }
+            return committed_;
+        }
+
+      private:
+        SqliteSettingsStore& store_;
+        bool begun_ = false;
+        bool committed_ = false;
+    };
+
+    // Caller holds mutex_ inside a transaction.
+    bool insertKeyAndParents(const std::string& key) {
+        std::size_t pos = 0;
+        while (true) {
+            const std::size_t end = key.find('\\', pos);
+            StmtUse q(insertKey_.get());
+            if (!q.bind(1, std::string_view(key).substr(0, end)) ||
+                sqlite3_step(q.get()) != SQLITE_DONE) {
+                return false;
+            }
+            if (end == std::string::npos) {
+                return true;
+            }
+            pos = end + 1;
+        }
+    }
+
+    std::mutex mutex_;
+    std::uint64_t counter_ = 0;
+    std::int64_t lastDataVersion_ = -1;
+    // The connection outlives the statements declared after it.
+    DbPtr db_;
+    StmtPtr get_, insertKey_, upsert_, removeValue_, removeTreeVals_, removeTreeKeys_, keyExists_,
+        listValues_, listKeys_, listSubtreeKeys_, dataVersion_, begin_, commit_, rollback_;
+};
+
+// Runs a statement that answers with one text row (a PRAGMA).
+std::optional<std::string> queryText(sqlite3* db, const char* sql, std::string& error) {
+    sqlite3_stmt* raw = nullptr;
+    if (sqlite3_prepare_v2(db, sql, -1, &raw, nullptr) != SQLITE_OK) {
+        error = sqlite3_errmsg(db);
+        return std::nullopt;
+    }
+    StmtPtr stmt(raw);
+    const int rc = sqlite3_step(stmt.get());
+    if (rc != SQLITE_ROW) {
+        error = sqlite3_errmsg(db);
+        return std::nullopt;
+    }
+    return columnText(stmt.get(), 0);
+}
+
+bool exec(sqlite3* db, const char* sql, std::string& error) {
+    char* message = nullptr;
+    if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+        error = message != nullptr ? message : sqlite3_errmsg(db);
+        sqlite3_free(message);
+        return false;
+    }
+    return true;
+}
+
+// Creates the database file with mode 0600 before SQLite sees it: SQLite
+// would create it with 0644, and gives its -wal and -shm files the mode of
+// the database file.
+bool createPrivateFile(const std::string& file, std::string& error) {
+    const std::filesystem::path path(file);
+    if (path.has_parent_path() && !paths::createSecureDirectories(path.parent_path(), error)) {
+        return false;
+    }
+    const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        if (errno == EEXIST) {
+            return true;
+        }
+        error = "cannot create " + file + ": " + std::strerror(errno);
+        return false;
+    }
+    const bool ok = ::fchmod(fd, 0600) == 0;
+    if (!ok) {
+        error = "cannot set the mode of " + file + ": " + std::strerror(errno);
+    }
+    ::close(fd);
+    return ok;
+}
+
+}  // namespace
+
+std::unique_ptr<SettingsStore> openSqliteSettingsStore(const std::string& file,
+                                                       std::string& error) {
+    const bool inMemory = file == ":memory:";
+    if (file.empty()) {
+        error = "no settings store file given";
+        return nullptr;
+    }
+    if (!inMemory && !createPrivateFile(file, error)) {
+        return nullptr;
+    }
+    sqlite3* raw = nullptr;
+    const int rc = sqlite3_open_v2(
+        file.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+        nullptr);
+    DbPtr db(raw);
+    if (rc != SQLITE_OK) {
+        error = "cannot open " + file + ": " +
+                (raw != nullptr ? sqlite3_errmsg(raw) : sqlite3_errstr(rc));
+        return nullptr;
+    }
+    sqlite3_extended_result_codes(db.get(), 1);
+    sqlite3_busy_timeout(db.get(), kBusyTimeoutMs);
+    if (!inMemory) {
+        const auto mode = queryText(db.get(), "PRAGMA journal_mode=WAL", error);
+        if (!mode || *mode != "wal") {
+            error =
+                "cannot switch " + file + " to WAL: " + (mode ? "journal mode is " + *mode : error);
+            return nullptr;
+        }
+    }
+    if (!exec(db.get(), kSchema, error)) {
+        error = "cannot create the tables in " + file + ": " + error;
+        return nullptr;
+    }
+    auto store = std::make_unique<SqliteSettingsStore>(std::move(db));
+    if (!store->prepareAll(error)) {
+        return nullptr;
+    }
+    return store;
+}
+
+}  // namespace ndpx::platform

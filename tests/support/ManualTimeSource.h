@@ -12,7 +12,7 @@
 namespace ndpx::test {
 
 class ManualTimeSource : public platform::TimeSource {
-public:
+  public:
     ManualTimeSource();
 
     SystemTime systemNow() const override;
@@ -32,7 +32,7 @@ public:
     bool awaitWaiters(std::size_t n,
                       std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
 
-private:
+  private:
     struct Waiter {
         std::mutex* mutex;
         std::condition_variable* cv;
@@ -42,6 +42,7 @@ private:
     SystemTime system_;
     SteadyTime steady_;
     std::vector<Waiter> waiters_;
+    std::size_t notifying_ = 0;  // advance() calls still notifying waiters
 };
 
 }  // namespace ndpx::test

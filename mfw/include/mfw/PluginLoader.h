@@ -12,7 +12,7 @@ namespace CORE {
 
 class PluginLoader {
 public:
-    PluginLoader() = default;
+    PluginLoader();
     ~PluginLoader();  // unloads everything still loaded
     PluginLoader(const PluginLoader&) = delete;
     PluginLoader& operator=(const PluginLoader&) = delete;

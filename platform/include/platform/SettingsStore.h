@@ -59,6 +59,13 @@ public:
     // A number that changes whenever anything in the store changed, whoever
     // wrote it (this process or another). Cheap: no value is read.
     virtual std::uint64_t changeCounter() = 0;
+
+    // Calls `onChange` soon after anyone wrote the store; nullptr when this
+    // store cannot be watched.
+    virtual std::unique_ptr<class SettingsWatch> watch(std::function<void()> onChange) {
+        (void)onChange;
+        return nullptr;
+    }
 };
 
 // Calls `onChange` (on a thread the watch owns) soon after the store was

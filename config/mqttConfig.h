@@ -1,0 +1,204 @@
+#pragma once
+// The plug-in's settings: every tunable of the session, the registration
+// thread, the certificate monitor, the duplicate filter, the session report
+// and the join monitor, with defaults and ranges, read afresh on every use.
+
+#include <mfw/sysconfig.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace ndpx {
+
+inline constexpr const char* kProductKey = "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane";
+inline constexpr const char* kNodeManagerKey =
+    "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane\\Node Manager";
+inline constexpr const char* kMonitoringConfigKey =
+    "HKLM\\Software\\Brasswick, Inc.\\Brasswick LmMon\\Config\\";
+inline constexpr const char* kComposerKey =
+    "HKLM\\SOFTWARE\\Brasswick, Inc.\\NimbrelComposer\\ga\\AgentIntegration";
+inline constexpr const char* kFipsModeValue =
+    "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane\\FipsMode";
+
+// Migration states as stored in "mqtt_MigrationStatus".
+enum class MigrationStatus : int {
+    NotStarted = 0,
+    Bootstrap = 1,
+    Connected = 2,
+    Rollback = 3,
+    Commit = 4,
+    CommitComplete = 5,
+    BootstrapInvalid = 6,
+    BootstrapFailed = 7,
+    RollbackFailed = 8,
+    CommitFailed = 9,
+};
+const char* migrationStatusName(int state);
+
+// One row of the settings table.
+struct SettingDef {
+    const wchar_t* name;
+    const wchar_t* defaultText;
+    int min;
+    int max;
+};
+
+class mqttConfig : public CORE::sysconfig {
+public:
+    // Reactions to live changes, registered by the objects that own them.
+    struct LiveChangeHandlers {
+        std::function<void()> asyncSessionSecondsChanged;  // restart the report generator
+        std::function<void(bool)> triggerCertRefresh;
+        std::function<void()> triggerCertSwap;
+    };
+
+    mqttConfig();
+    explicit mqttConfig(std::shared_ptr<ndpx::platform::SettingsStore> store);
+    ~mqttConfig() override;
+
+    // The process's configuration: load() creates it on first call and counts
+    // users; release() destroys it when the last user is gone.
+    static std::shared_ptr<mqttConfig> load();
+    static void release();
+    static std::shared_ptr<mqttConfig> current();
+
+    // The defaults list, "name=default" in table order.
+    static std::vector<std::wstring> defaultsList();
+    static const std::vector<SettingDef>& table();
+
+    int getIntInRange(const std::wstring& name, int min, int max);
+
+    void setLiveChangeHandlers(LiveChangeHandlers handlers);
+
+    bool composerAgentDetected() const { return composerAgentDetected_; }
+
+    // Integer settings (range-checked).
+    int getAsyncSessionSeconds();
+    int getCertMonitorIntervalHours();
+    int getCertExpiryDays();
+    int getCertRefreshTimeout();
+    int getCertOtpRepeatInterval();
+    int getMaxBufferedMessages();
+    int getLWTQoS();
+    int getKeepAliveInterval();
+    int getReconnectIntervalMin();
+    int getReconnectIntervalMax();
+    int getSessionExpiryInterval();
+    int getMsgRetryInterval();
+    int getDuplicateMsgInterval();
+    int getDuplicateMsgTimerInterval();  // milliseconds
+    int getStartupMinWaitInterval();
+    int getStartupMaxWaitInterval();
+    int getStartupMinJitter();
+    int getStartupMaxJitter();
+    int getStartupMaxCachedRetries();
+    int getStartupLCMSpecWaitInterval();
+    int getStartupFFWaitInterval();
+    int getDisconnectTimeout();
+    int getMigrationStatus();
+    int getAzureADJoinMaxInterval();
+    int getAzureADJoinQueryInterval();
+    int getEndpointChangeAttempts();
+
+    // Boolean settings.
+    bool getSendWhileDisconnected();
+    bool getAllowDisconnectedSendAtAnyTime();
+    bool getDeleteOldestMessages();
+    bool getAutomaticReconnect();
+    bool getCleanStart();
+    bool getCertRevocation();
+    bool getDeleteLCMSpec();
+    bool getSkipDomainJoin();
+    bool getIPCServerEnabled();
+    bool getMigrationMsgRcvd();
+    bool getContinuousPairEnabled();
+    bool getTriggerCertRefresh();
+    bool getTriggerCertSwap();
+
+    // String settings.
+    std::wstring getHttpProxyServer();
+    std::wstring getHttpProxyBypass();
+    std::wstring getHttpProxyAutoConfigUrl();
+    std::wstring getName();
+    std::wstring getLWTMessage();
+    std::wstring getMsTransport();
+    std::vector<std::wstring> getUnwantedFields();
+    std::vector<std::wstring> getUnwantedSessionFields();
+
+    // Identity and pairing values, as UTF-8.
+    std::string getAgentIdentity();
+    std::string getAgentIdentityPend();
+    std::string getEdgeId();
+    std::string getEdgeIdPend();
+    std::string getTemplateId();
+    std::string getShortTemplateId();
+    std::string getShortTemplateIdPend();
+    std::string getVmId();
+    std::string getVmIdPend();
+    std::string getOtp();
+    std::string getOtpUrl();
+    std::string getSslCertThumbprint();
+
+    // Derived readers.
+    int getCustomizationState();
+    bool isCustomizationFinished();
+    bool isMigrationActive();
+    bool isOtherTransportActive();
+    // Process base names allowed on the IPC channel (value name -> data).
+    std::map<std::string, std::string> getIpcIncludeList();
+    std::string getMonitoringEndpoint();
+    static bool isFipsMode();
+
+    // Writers: straight to the store, not through the settings list.
+    void setEdgeId(const std::string& v);
+    void setEdgeIdPend(const std::string& v);
+    void setAgentIdentity(const std::string& v);
+    void setAgentIdentityPend(const std::string& v);
+    void setShortTemplateId(const std::string& v);
+    void setShortTemplateIdPend(const std::string& v);
+    void setTemplateId(const std::string& v);
+    void setVmId(const std::string& v);
+    void setVmIdPend(const std::string& v);
+    void setOtp(const std::string& v);
+    void setOtpUrl(const std::string& v);
+    void setPaired(bool paired);
+    void setUnwantedFields(const std::vector<std::wstring>& fields);
+    void setUnwantedSessionFields(const std::vector<std::wstring>& fields);
+    void setMigrationStatus(int state);
+    void setMonitoringEndpoint(const std::string& endpoint);
+
+    // The pairing in progress (never stored).
+    struct PairingSecrets {
+        std::string privateKey;
+        std::wstring keyContainer;
+        std::string csr;
+    };
+    void setPairingSecrets(PairingSecrets secrets);
+    PairingSecrets pairingSecrets() const;
+
+protected:
+    void changed(const std::wstring& name, const std::wstring& value) override;
+
+private:
+    int readInt(const wchar_t* name);
+    std::string readNarrow(const wchar_t* name);
+    std::vector<std::wstring> readList(const wchar_t* name);
+    bool writeString(const char* name, const std::string& value);
+
+    bool composerAgentDetected_ = false;
+    std::mutex handlersMutex_;
+    LiveChangeHandlers handlers_;
+    mutable std::mutex secretsMutex_;
+    PairingSecrets secrets_;
+};
+
+// Splits at every "," (an empty text gives an empty list).
+std::vector<std::wstring> splitList(const std::wstring& text);
+// Joins with ","; a separator is put only after non-empty text.
+std::wstring joinList(const std::vector<std::wstring>& items);
+
+}  // namespace ndpx

@@ -1,0 +1,45 @@
+#include "plugin/MQTTServiceOp.h"
+
+#include "plugin/MQTTService.h"
+
+#include <mfw/corestring.h>
+#include <mfw/moduleLog.h>
+
+namespace ndpx {
+
+void requestUnload() {
+    CORE::PropertyBag bag;
+    bag.set(L"FileName", L"ndpx_mqtt");
+    CORE::MessageHandler::PostMsg(L"System", L"UnloadPlugin", bag);
+}
+
+MQTTServiceOp::MQTTServiceOp(MQTTService* service) : service_(service) { service_->addRef(); }
+
+MQTTServiceOp::~MQTTServiceOp() { service_->release(); }
+
+bool MQTTServiceOp::handleMessage(const std::wstring& operation, CORE::PropertyBag& request,
+                                  CORE::PropertyBag& response) {
+    MFW_LOG(CORE::kLogVerbose, "%s: %s", "MQTTServiceOp", CORE::toUtf8(operation).c_str());
+    if (!startHook(operation, request, response)) {
+        return false;
+    }
+    const bool result = dispatch(operation, request, response);
+    endHook(operation, request, response);
+    return result;
+}
+
+bool MQTTServiceOp::dispatch(const std::wstring& operation, CORE::PropertyBag& /*request*/,
+                             CORE::PropertyBag& response) {
+    if (CORE::iequals(operation, L"ShutdownNotify")) {
+        requestUnload();
+        return true;
+    }
+    // The publishing, migration and endpoint operations are served once the
+    // session can carry them.
+    MFW_LOG(CORE::kLogVerbose, "Service operation: %s NOT IMPLEMENTED",
+            CORE::toUtf8(operation).c_str());
+    setReplyError(response, CORE::kErrorNotImplemented);
+    return false;
+}
+
+}  // namespace ndpx

@@ -1,0 +1,182 @@
+#include <mfw/corestring.h>
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+
+namespace {
+
+using CORE::base64Decode;
+using CORE::base64Encode;
+using CORE::toUtf8;
+using CORE::toWide;
+
+// Code points of a wide string, surrogate pairs combined when wchar_t is 16-bit.
+std::u32string codePoints(const std::wstring& w) {
+    std::u32string out;
+    for (std::size_t i = 0; i < w.size(); ++i) {
+        auto c = static_cast<char32_t>(static_cast<std::make_unsigned_t<wchar_t>>(w[i]));
+        if (sizeof(wchar_t) == 2 && c >= 0xD800 && c <= 0xDBFF && i + 1 < w.size()) {
+            const auto low = static_cast<char32_t>(static_cast<std::make_unsigned_t<wchar_t>>(w[++i]));
+            c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
+        }
+        out.push_back(c);
+    }
+    return out;
+}
+
+std::vector<std::uint8_t> bytes(std::string_view s) { return {s.begin(), s.end()}; }
+
+TEST(corestring, Utf8RoundTripsEveryEncodingLength) {
+    // 1, 2, 3 and 4 byte sequences, including the edges of each range.
+    const std::string text =
+        "A\x7F"
+        "\xC2\x80\xC3\xA9\xDF\xBF"                  // U+0080, é, U+07FF
+        "\xE0\xA0\x80\xE2\x82\xAC\xEF\xBF\xBD"      // U+0800, €, U+FFFD
+        "\xED\x9F\xBF\xEE\x80\x80"                  // U+D7FF, U+E000
+        "\xF0\x90\x80\x80\xF0\x9F\x98\x80\xF4\x8F\xBF\xBF";  // U+10000, 😀, U+10FFFF
+    const std::wstring wide = toWide(text);
+    EXPECT_EQ(codePoints(wide), (std::u32string{U'A', 0x7F, 0x80, 0xE9, 0x7FF, 0x800, 0x20AC, 0xFFFD,
+                                                0xD7FF, 0xE000, 0x10000, 0x1F600, 0x10FFFF}));
+    EXPECT_EQ(toUtf8(wide), text);
+
+    // Embedded NULs are characters like any other.
+    const std::string withNul("a\0b", 3);
+    EXPECT_EQ(toWide(withNul).size(), 3u);
+    EXPECT_EQ(toUtf8(toWide(withNul)), withNul);
+    EXPECT_EQ(toWide(""), L"");
+    EXPECT_EQ(toUtf8(L""), "");
+}
+
+TEST(corestring, InvalidUtf8BecomesOneReplacementPerMaximalSubpart) {
+    const char32_t R = 0xFFFD;
+    const std::pair<std::string, std::u32string> cases[] = {
+        {"\x80", {R}},                                  // lone continuation
+        {"\xE2\x82", {R}},                              // truncated at end
+        {"\xE2\x82" "A", {R, U'A'}},                    // truncated before ASCII
+        {"\xC0\xAF", {R, R}},                           // overlong '/'
+        {"\xE0\x80\xAF", {R, R, R}},                    // overlong 3-byte
+        {"\xF0\x80\x80\xAF", {R, R, R, R}},             // overlong 4-byte
+        {"\xED\xA0\x80", {R, R, R}},                    // encoded surrogate
+        {"\xF4\x90\x80\x80", {R, R, R, R}},             // above U+10FFFF
+        {"\xF5\x80", {R, R}},                           // never a lead byte
+        {"\xFF", {R}},
+        {"\xC3\xC3\xA9", {R, 0xE9}},                    // broken lead, then valid
+        // The Unicode standard's worked example.
+        {"\x61\xF1\x80\x80\xE1\x80\xC2\x62\x80\x63\x80\xBF\x64",
+         {U'a', R, R, R, U'b', R, U'c', R, R, U'd'}},
+    };
+    for (const auto& [input, expected] : cases) {
+        EXPECT_EQ(codePoints(toWide(input)), expected) << testing::PrintToString(input);
+    }
+}
+
+TEST(corestring, WideToUtf8ReplacesWhatUtf8CannotCarry) {
+    const std::string R = "\xEF\xBF\xBD";
+    // A surrogate pair (as a 16-bit wide string would carry it) is one character.
+    std::wstring pair;
+    pair.push_back(static_cast<wchar_t>(0xD83D));
+    pair.push_back(static_cast<wchar_t>(0xDE00));
+    EXPECT_EQ(toUtf8(pair), "\xF0\x9F\x98\x80");
+
+    std::wstring loneHigh;
+    loneHigh.push_back(static_cast<wchar_t>(0xD800));
+    loneHigh.push_back(L'x');
+    EXPECT_EQ(toUtf8(loneHigh), R + "x");
+
+    std::wstring loneLow;
+    loneLow.push_back(static_cast<wchar_t>(0xDC00));
+    EXPECT_EQ(toUtf8(loneLow), R);
+
+    std::wstring highAtEnd(1, static_cast<wchar_t>(0xDBFF));
+    EXPECT_EQ(toUtf8(highAtEnd), R);
+
+    if constexpr (sizeof(wchar_t) == 4) {
+        std::wstring tooBig(1, static_cast<wchar_t>(0x110000));
+        EXPECT_EQ(toUtf8(tooBig), R);
+        std::wstring negative(1, static_cast<wchar_t>(-1));
+        EXPECT_EQ(toUtf8(negative), R);
+    }
+}
+
+TEST(corestring, CaseBlindComparisonIsAsciiOnly) {
+    EXPECT_TRUE(CORE::iequals("HKLM\\Software", "hklm\\SOFTWARE"));
+    EXPECT_FALSE(CORE::iequals("abc", "abcd"));
+    EXPECT_FALSE(CORE::iequals("a", "b"));
+    EXPECT_FALSE(CORE::iequals("\xC3\x89", "\xC3\xA9"));  // É vs é: not ASCII
+    EXPECT_TRUE(CORE::iequals(L"MixedCase", L"mIXEDcASE"));
+    EXPECT_FALSE(CORE::iequals(L"\u00C9", L"\u00E9"));
+    EXPECT_FALSE(CORE::iequals(L"[", L"{"));  // 0x5B vs 0x7B differ only by the case bit
+    EXPECT_EQ(CORE::toLowerAscii("ABC xyz @[\xC3\x89]"), "abc xyz @[\xC3\x89]");
+}
+
+TEST(corestringBase64, Rfc4648Vectors) {
+    const std::pair<std::string, std::string> vectors[] = {
+        {"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},        {"foo", "Zm9v"},
+        {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
+    };
+    for (const auto& [plain, encoded] : vectors) {
+        EXPECT_EQ(base64Encode(plain), encoded);
+        EXPECT_EQ(base64Decode(encoded), bytes(plain)) << encoded;
+        std::string unpadded = encoded;
+        unpadded.erase(unpadded.find_last_not_of('=') + 1);
+        EXPECT_EQ(base64Decode(unpadded), bytes(plain)) << unpadded;
+    }
+}
+
+TEST(corestringBase64, EveryByteValueRoundTripsThroughWrappedText) {
+    std::vector<std::uint8_t> all(256);
+    for (int i = 0; i < 256; ++i) {
+        all[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(i);
+    }
+    const std::string encoded = base64Encode(all.data(), all.size());
+    EXPECT_NE(encoded.find('+'), std::string::npos);
+    EXPECT_NE(encoded.find('/'), std::string::npos);
+
+    std::string wrapped;
+    for (std::size_t i = 0; i < encoded.size(); i += 64) {
+        wrapped += encoded.substr(i, 64) + (i % 128 == 0 ? "\r\n" : "\n");
+    }
+    EXPECT_EQ(base64Decode(wrapped), all);
+    EXPECT_EQ(base64Decode("Zm9v\r\nYg=\r\n="), bytes("foob"));
+}
+
+TEST(corestringBase64, RejectsJunk) {
+    for (const char* bad : {"Zm9v YmFy", "Zm9v\tYmFy", "Zm=9", "Z", "Zm9vY", "Zg=", "Zg===", "Zm8==",
+                            "====", "=", "Zg==Zg==", "-_8="}) {
+        EXPECT_EQ(base64Decode(bad), std::nullopt) << bad;
+    }
+    EXPECT_EQ(base64Decode(std::string_view("Zm9v\0", 5)), std::nullopt);
+    EXPECT_EQ(base64Decode(""), std::vector<std::uint8_t>{});
+    EXPECT_EQ(base64Decode("\r\n"), std::vector<std::uint8_t>{});
+}
+
+TEST(corestringGuid, FormatVersionAndUniqueness) {
+    const std::regex shape(
+        R"(\{[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}\})");
+    std::set<std::string> seen;
+    for (int i = 0; i < 2000; ++i) {
+        const auto guid = CORE::makeGuid();
+        ASSERT_TRUE(guid.has_value());
+        ASSERT_TRUE(std::regex_match(*guid, shape)) << *guid;
+        ASSERT_EQ(guid->size(), CORE::kNullGuid.size());
+        seen.insert(*guid);
+    }
+    EXPECT_EQ(seen.size(), 2000u);
+}
+
+TEST(corestring, FormatHandlesShortAndLongResults) {
+    EXPECT_EQ(CORE::format("%s=%d (%05.1f)", "x", -3, 2.25), "x=-3 (002.2)");
+    EXPECT_EQ(CORE::format("%s", ""), "");
+    const std::string longArg(1000, 'q');
+    const std::string result = CORE::format("[%s]%zu", longArg.c_str(), longArg.size());
+    EXPECT_EQ(result, "[" + longArg + "]1000");
+    // Exactly at the edge of an internal buffer of any power-of-two size.
+    for (std::size_t n : {255u, 256u, 257u, 511u, 512u}) {
+        const std::string s(n, 'z');
+        EXPECT_EQ(CORE::format("%s", s.c_str()), s);
+    }
+}
+
+}  // namespace
