@@ -141,7 +141,7 @@ std::string inSubtree(const std::string& column) {
 
 class SqliteSettingsStore final : public SettingsStore {
   public:
-    explicit SqliteSettingsStore(DbPtr db) : db_(std::move(db)) {}
+    SqliteSettingsStore(DbPtr db, std::string file) : file_(std::move(file)), db_(std::move(db)) {}
 
     bool prepareAll(std::string& error) {
         const std::string subtreeVals = inSubtree("key");
@@ -342,6 +342,13 @@ class SqliteSettingsStore final : public SettingsStore {
         return counter_;
     }
 
+    std::unique_ptr<SettingsWatch> watch(std::function<void()> onChange) override {
+        if (file_ == ":memory:") {
+            return nullptr;  // nobody else can write it
+        }
+        return watchSqliteSettingsStore(file_, std::move(onChange));
+    }
+
   private:
     // BEGIN IMMEDIATE takes the write lock at once (waiting for other
     // writers up to the busy time-out); destruction without commit rolls back.
@@ -393,6 +400,7 @@ class SqliteSettingsStore final : public SettingsStore {
         }
     }
 
+    const std::string file_;
     std::mutex mutex_;
     std::uint64_t counter_ = 0;
     std::int64_t lastDataVersion_ = -1;
@@ -488,7 +496,7 @@ std::unique_ptr<SettingsStore> openSqliteSettingsStore(const std::string& file,
         error = "cannot create the tables in " + file + ": " + error;
         return nullptr;
     }
-    auto store = std::make_unique<SqliteSettingsStore>(std::move(db));
+    auto store = std::make_unique<SqliteSettingsStore>(std::move(db), file);
     if (!store->prepareAll(error)) {
         return nullptr;
     }

@@ -200,6 +200,7 @@ TEST(SqliteStoreMemory, InMemoryStoreWorks) {
     ASSERT_NE(store, nullptr) << error;
     ASSERT_TRUE(store->set("HKLM\\X", "n", SettingValue::ofDword(5)));
     EXPECT_EQ(store->get("HKLM\\X", "n"), SettingValue::ofDword(5));
+    EXPECT_EQ(store->watch([] {}), nullptr);
 }
 
 // The watch reports writes through a second store object (as another process
@@ -211,7 +212,7 @@ TEST_F(SqliteStoreTest, WatchReportsWritesOfOthersAndCoalesces) {
     std::condition_variable cv;
     int calls = 0;
     std::uint32_t lastSeen = 0;
-    auto watch = watchSqliteSettingsStore(file_.string(), [&] {
+    auto watch = reader->watch([&] {
         const auto v = reader->get("HKLM\\W", "seq");
         std::lock_guard lock(m);
         ++calls;
