@@ -38,13 +38,12 @@ std::string commandDocument() {
     cmd["version"] = 2;
     cmd["timestamp"] = Json::Int64{1700000000123};
     cmd["urgent"] = false;
-    cmd["targets"].append("desk-01.example.test");
-    cmd["targets"].append("desk-02.example.test");
+    cmd["targets"].append("desk-01");
+    cmd["targets"].append("desk-02");
     Json::Value& params = cmd["params"];
     params["sessionId"] = 3;
     params["force"] = true;
     params["reason"] = "maintenance window starting";
-    params["notifyUser"] = "Your session ends in 5 minutes";
     return writeCompact(cmd);
 }
 
@@ -55,7 +54,7 @@ std::string reportDocument() {
     report["agentId"] = "E1ST_VM9";
     report["reportTime"] = "2024-05-01T12:00:00Z";
     report["sequence"] = 4711;
-    for (int s = 0; s < 6; ++s) {
+    for (int s = 0; s < 10; ++s) {
         Json::Value session(Json::objectValue);
         session["sessionId"] = s + 1;
         session["user"] = "user" + std::to_string(s) + "@corp.example.test";
@@ -64,7 +63,7 @@ std::string reportDocument() {
         session["clientAddress"] = "10.0.0." + std::to_string(20 + s);
         session["logonTime"] = "2024-05-01T08:0" + std::to_string(s) + ":00Z";
         session["idle"] = s % 3 == 0;
-        for (int p = 0; p < 4; ++p) {
+        for (int p = 0; p < 5; ++p) {
             Json::Value process(Json::objectValue);
             process["name"] = "process" + std::to_string(p) + ".exe";
             process["pid"] = 1000 + 10 * s + p;

@@ -41,6 +41,11 @@ void convertArray(const std::wstring& name, const Json::Value& array, CORE::Prop
     }
 }
 
+void logInvalidType(std::string_view name) {
+    MFW_LOG(3, "MqttManagerUtil::toBag(): JSON parsing invalid type for key: %s",
+            std::string(name).c_str());
+}
+
 class FileDescriptor {
 public:
     explicit FileDescriptor(int fd) : fd_(fd) {}
@@ -100,41 +105,42 @@ void toBag(const Json::Value& json, CORE::PropertyBag& bag) {
     }
     // Object iteration follows the library's member order (names sorted).
     for (auto it = json.begin(); it != json.end(); ++it) {
+        const char* nameEnd = nullptr;
+        const char* nameBegin = it.memberName(&nameEnd);
+        const std::string_view utf8Name(nameBegin, static_cast<std::size_t>(nameEnd - nameBegin));
         const Json::Value& member = *it;
         switch (member.type()) {
             case Json::intValue:
-                bag.setInt64(CORE::toWide(it.name()), member.asInt64());
+                bag.setInt64(CORE::toWide(utf8Name), member.asInt64());
                 break;
             case Json::uintValue:
                 // Parsed numbers are unsigned only above INT64_MAX, but a value
                 // built in code may be unsigned and small.
                 if (member.isInt64()) {
-                    bag.setInt64(CORE::toWide(it.name()), member.asInt64());
+                    bag.setInt64(CORE::toWide(utf8Name), member.asInt64());
                 } else {
-                    MFW_LOG(3, "MqttManagerUtil::toBag(): JSON parsing invalid type for key: %s",
-                            it.name().c_str());
+                    logInvalidType(utf8Name);
                 }
                 break;
             case Json::stringValue:
-                bag.set(CORE::toWide(it.name()), wideText(member));
+                bag.set(CORE::toWide(utf8Name), wideText(member));
                 break;
             case Json::booleanValue:
-                bag.setBool(CORE::toWide(it.name()), member.asBool());
+                bag.setBool(CORE::toWide(utf8Name), member.asBool());
                 break;
             case Json::objectValue: {
-                const std::wstring name = CORE::toWide(it.name());
+                const std::wstring name = CORE::toWide(utf8Name);
                 bag.setBag(name, CORE::PropertyBag{});
                 JSONToBag(member, *bag.getBag(name));
                 break;
             }
             case Json::arrayValue:
-                convertArray(CORE::toWide(it.name()), member, bag);
+                convertArray(CORE::toWide(utf8Name), member, bag);
                 break;
             case Json::nullValue:
             case Json::realValue:
             default:
-                MFW_LOG(3, "MqttManagerUtil::toBag(): JSON parsing invalid type for key: %s",
-                        it.name().c_str());
+                logInvalidType(utf8Name);
                 break;
         }
     }

@@ -1,6 +1,7 @@
 #include <mfw/PropertyBag.h>
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 
 namespace CORE {
@@ -52,6 +53,24 @@ std::optional<std::int64_t> parseInt64(std::wstring_view text) {
         value = -value;
     }
     return value;
+}
+
+// Decimal text without the locale machinery of std::to_wstring.
+std::wstring decimal(std::int64_t value) {
+    wchar_t buffer[24];
+    wchar_t* end = buffer + std::size(buffer);
+    wchar_t* p = end;
+    // Work on the unsigned magnitude: negating INT64_MIN would overflow.
+    std::uint64_t magnitude =
+        value < 0 ? 0 - static_cast<std::uint64_t>(value) : static_cast<std::uint64_t>(value);
+    do {
+        *--p = static_cast<wchar_t>(L'0' + magnitude % 10);
+        magnitude /= 10;
+    } while (magnitude != 0);
+    if (value < 0) {
+        *--p = L'-';
+    }
+    return std::wstring(p, end);
 }
 
 }  // namespace
@@ -108,7 +127,7 @@ void PropertyBag::set(std::wstring_view name, std::wstring_view value) {
 }
 
 void PropertyBag::setInt64(std::wstring_view name, std::int64_t value) {
-    setEntry(name, std::to_wstring(value), nullptr);
+    setEntry(name, decimal(value), nullptr);
 }
 
 void PropertyBag::setBool(std::wstring_view name, bool value) {

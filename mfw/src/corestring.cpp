@@ -18,34 +18,36 @@ constexpr char32_t kReplacement = 0xFFFD;
 // wchar_t holds UTF-32 on Linux and UTF-16 on Windows; both are handled.
 constexpr bool kWideIsUtf16 = sizeof(wchar_t) == 2;
 
-void appendWide(std::wstring& out, char32_t cp) {
+wchar_t* appendWide(wchar_t* out, char32_t cp) {
     if constexpr (kWideIsUtf16) {
         if (cp >= 0x10000) {
             cp -= 0x10000;
-            out.push_back(static_cast<wchar_t>(0xD800 + (cp >> 10)));
-            out.push_back(static_cast<wchar_t>(0xDC00 + (cp & 0x3FF)));
-            return;
+            *out++ = static_cast<wchar_t>(0xD800 + (cp >> 10));
+            *out++ = static_cast<wchar_t>(0xDC00 + (cp & 0x3FF));
+            return out;
         }
     }
-    out.push_back(static_cast<wchar_t>(cp));
+    *out++ = static_cast<wchar_t>(cp);
+    return out;
 }
 
-void appendUtf8(std::string& out, char32_t cp) {
+char* appendUtf8(char* out, char32_t cp) {
     if (cp < 0x80) {
-        out.push_back(static_cast<char>(cp));
+        *out++ = static_cast<char>(cp);
     } else if (cp < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+        *out++ = static_cast<char>(0xC0 | (cp >> 6));
+        *out++ = static_cast<char>(0x80 | (cp & 0x3F));
     } else if (cp < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+        *out++ = static_cast<char>(0xE0 | (cp >> 12));
+        *out++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+        *out++ = static_cast<char>(0x80 | (cp & 0x3F));
     } else {
-        out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+        *out++ = static_cast<char>(0xF0 | (cp >> 18));
+        *out++ = static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+        *out++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+        *out++ = static_cast<char>(0x80 | (cp & 0x3F));
     }
+    return out;
 }
 
 char32_t unitValue(wchar_t c) {
@@ -54,6 +56,23 @@ char32_t unitValue(wchar_t c) {
 
 bool isHighSurrogate(char32_t c) { return c >= 0xD800 && c <= 0xDBFF; }
 bool isLowSurrogate(char32_t c) { return c >= 0xDC00 && c <= 0xDFFF; }
+
+// The code point at wide[i]; advances i past a surrogate pair's second half.
+// Anything UTF-8 cannot carry comes back as U+FFFD.
+char32_t decodeUnit(std::wstring_view wide, std::size_t& i) {
+    const char32_t cp = unitValue(wide[i]);
+    if (cp < 0xD800) {
+        return cp;
+    }
+    if (isHighSurrogate(cp) && i + 1 < wide.size() && isLowSurrogate(unitValue(wide[i + 1]))) {
+        ++i;
+        return 0x10000 + ((cp - 0xD800) << 10) + (unitValue(wide[i]) - 0xDC00);
+    }
+    if (cp <= 0xDFFF || cp > 0x10FFFF) {
+        return kReplacement;
+    }
+    return cp;
+}
 
 char lowerAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
 wchar_t lowerAscii(wchar_t c) {
@@ -75,15 +94,17 @@ bool randomBytes(unsigned char* buffer, std::size_t size) {
 // maximal subpart of a broken sequence becomes one U+FFFD. Overlong forms,
 // encoded surrogates and values above U+10FFFF are ill-formed.
 std::wstring toWide(std::string_view utf8) {
-    std::wstring out;
-    out.reserve(utf8.size());
+    // No input byte yields more than one code unit (a 4-byte sequence gives at
+    // most two), so the output fits in utf8.size() units: write in place.
+    std::wstring out(utf8.size(), L'\0');
+    wchar_t* w = out.data();
     const auto* s = reinterpret_cast<const unsigned char*>(utf8.data());
     const std::size_t n = utf8.size();
     std::size_t i = 0;
     while (i < n) {
         const unsigned char b0 = s[i];
         if (b0 < 0x80) {
-            out.push_back(static_cast<wchar_t>(b0));
+            *w++ = static_cast<wchar_t>(b0);
             ++i;
             continue;
         }
@@ -111,7 +132,7 @@ std::wstring toWide(std::string_view utf8) {
                 hi = 0x8F;  // above U+10FFFF
             }
         } else {
-            out.push_back(static_cast<wchar_t>(kReplacement));
+            *w++ = static_cast<wchar_t>(kReplacement);
             ++i;
             continue;
         }
@@ -126,24 +147,24 @@ std::wstring toWide(std::string_view utf8) {
             lo = 0x80;
             hi = 0xBF;
         }
-        appendWide(out, complete ? cp : kReplacement);
+        w = appendWide(w, complete ? cp : kReplacement);
         i = j;  // an offending byte is not consumed: it may start the next character
     }
+    out.resize(static_cast<std::size_t>(w - out.data()));
     return out;
 }
 
 std::string toUtf8(std::wstring_view wide) {
-    std::string out;
-    out.reserve(wide.size());
+    // Two passes: size exactly, then encode into place.
+    std::size_t length = 0;
     for (std::size_t i = 0; i < wide.size(); ++i) {
-        char32_t cp = unitValue(wide[i]);
-        if (isHighSurrogate(cp) && i + 1 < wide.size() && isLowSurrogate(unitValue(wide[i + 1]))) {
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (unitValue(wide[i + 1]) - 0xDC00);
-            ++i;
-        } else if ((cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) {
-            cp = kReplacement;
-        }
-        appendUtf8(out, cp);
+        const char32_t cp = decodeUnit(wide, i);
+        length += cp < 0x80 ? 1 : cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4;
+    }
+    std::string out(length, '\0');
+    char* p = out.data();
+    for (std::size_t i = 0; i < wide.size(); ++i) {
+        p = appendUtf8(p, decodeUnit(wide, i));
     }
     return out;
 }
