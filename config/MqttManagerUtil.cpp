@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <memory>
-#include <sstream>
 
 namespace ndpx::MqttManagerUtil {
 
@@ -47,7 +46,7 @@ void logInvalidType(std::string_view name) {
 }
 
 class FileDescriptor {
-public:
+  public:
     explicit FileDescriptor(int fd) : fd_(fd) {}
     ~FileDescriptor() {
         if (fd_ >= 0) {
@@ -58,7 +57,7 @@ public:
     FileDescriptor& operator=(const FileDescriptor&) = delete;
     int get() const { return fd_; }
 
-private:
+  private:
     int fd_;
 };
 
@@ -104,7 +103,7 @@ void toBag(const Json::Value& json, CORE::PropertyBag& bag) {
         return;
     }
     // Object iteration follows the library's member order (names sorted).
-    for (auto it = json.begin(); it != json.end(); ++it) {
+    for (auto it = json.begin(), end = json.end(); it != end; ++it) {
         const char* nameEnd = nullptr;
         const char* nameBegin = it.memberName(&nameEnd);
         const std::string_view utf8Name(nameBegin, static_cast<std::size_t>(nameEnd - nameBegin));
@@ -192,7 +191,9 @@ bool FileExistsWithRequiredOwner(const std::string& path, FileOwner owner) {
     }
     struct stat info {};
     if (::fstat(fd.get(), &info) != 0) {
-        MFW_LOG(1, "MqttManagerUtil::FileExistsWithRequiredOwner(): Unable to get security info for file");
+        MFW_LOG(
+            1,
+            "MqttManagerUtil::FileExistsWithRequiredOwner(): Unable to get security info for file");
         return false;
     }
     // Only a regular file counts as a file (a directory opens for reading too).
@@ -203,8 +204,9 @@ bool FileExistsWithRequiredOwner(const std::string& path, FileOwner owner) {
     // Anyone else who may write the file could choose its content: treat
     // group or other write access like a foreign owner.
     if (info.st_uid != owner.uid || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        MFW_LOG(4, "MqttManagerUtil::FileExistsWithRequiredOwner(): File %s found with incorrect owner",
-                path.c_str());
+        MFW_LOG(
+            4, "MqttManagerUtil::FileExistsWithRequiredOwner(): File %s found with incorrect owner",
+            path.c_str());
         return false;
     }
     return true;

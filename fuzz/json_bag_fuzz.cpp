@@ -17,7 +17,8 @@ using namespace ndpx;
 
 [[noreturn]] void fail(const char* what, const Json::Value& a, const Json::Value& b) {
     std::fprintf(stderr, "invariant broken: %s\n  %s\n  %s\n", what,
-                 MqttManagerUtil::writeCompact(a).c_str(), MqttManagerUtil::writeCompact(b).c_str());
+                 MqttManagerUtil::writeCompact(a).c_str(),
+                 MqttManagerUtil::writeCompact(b).c_str());
     std::abort();
 }
 

@@ -15,12 +15,14 @@ const std::wstring& emptyText() {
     return empty;
 }
 
-wchar_t lowerAscii(wchar_t c) { return (c >= L'A' && c <= L'Z') ? c - L'A' + L'a' : c; }
+wchar_t lowerAscii(wchar_t c) {
+    return (c >= L'A' && c <= L'Z') ? c - L'A' + L'a' : c;
+}
 
 bool equalsNoCase(std::wstring_view a, std::wstring_view b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](wchar_t x, wchar_t y) {
-               return lowerAscii(x) == lowerAscii(y);
-           });
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(),
+                      [](wchar_t x, wchar_t y) { return lowerAscii(x) == lowerAscii(y); });
 }
 
 // Strict decimal: optional sign, at least one digit, nothing else, no overflow.
@@ -175,7 +177,9 @@ const PropertyBag* PropertyBag::getBagPtr(std::size_t index) const {
     return index < entries_.size() ? entries_[index].bag.get() : nullptr;
 }
 
-bool PropertyBag::has(std::wstring_view name) const { return findFirst(name) != nullptr; }
+bool PropertyBag::has(std::wstring_view name) const {
+    return findFirst(name) != nullptr;
+}
 
 std::size_t PropertyBag::count(std::wstring_view name) const {
     return static_cast<std::size_t>(std::count_if(

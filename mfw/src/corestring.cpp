@@ -54,8 +54,12 @@ char32_t unitValue(wchar_t c) {
     return static_cast<char32_t>(static_cast<std::make_unsigned_t<wchar_t>>(c));
 }
 
-bool isHighSurrogate(char32_t c) { return c >= 0xD800 && c <= 0xDBFF; }
-bool isLowSurrogate(char32_t c) { return c >= 0xDC00 && c <= 0xDFFF; }
+bool isHighSurrogate(char32_t c) {
+    return c >= 0xD800 && c <= 0xDBFF;
+}
+bool isLowSurrogate(char32_t c) {
+    return c >= 0xDC00 && c <= 0xDFFF;
+}
 
 // The code point at wide[i]; advances i past a surrogate pair's second half.
 // Anything UTF-8 cannot carry comes back as U+FFFD.
@@ -74,7 +78,9 @@ char32_t decodeUnit(std::wstring_view wide, std::size_t& i) {
     return cp;
 }
 
-char lowerAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+char lowerAscii(char c) {
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
 wchar_t lowerAscii(wchar_t c) {
     return (c >= L'A' && c <= L'Z') ? static_cast<wchar_t>(c - L'A' + L'a') : c;
 }
@@ -155,15 +161,23 @@ std::wstring toWide(std::string_view utf8) {
 }
 
 std::string toUtf8(std::wstring_view wide) {
-    // Two passes: size exactly, then encode into place.
-    std::size_t length = 0;
-    for (std::size_t i = 0; i < wide.size(); ++i) {
+    // Names and values are mostly ASCII: copy that prefix unit by unit, then
+    // size the rest exactly and encode it into place.
+    std::size_t ascii = 0;
+    while (ascii < wide.size() && unitValue(wide[ascii]) < 0x80) {
+        ++ascii;
+    }
+    std::size_t length = ascii;
+    for (std::size_t i = ascii; i < wide.size(); ++i) {
         const char32_t cp = decodeUnit(wide, i);
         length += cp < 0x80 ? 1 : cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4;
     }
     std::string out(length, '\0');
     char* p = out.data();
-    for (std::size_t i = 0; i < wide.size(); ++i) {
+    for (std::size_t i = 0; i < ascii; ++i) {
+        *p++ = static_cast<char>(wide[i]);
+    }
+    for (std::size_t i = ascii; i < wide.size(); ++i) {
         p = appendUtf8(p, decodeUnit(wide, i));
     }
     return out;
@@ -176,9 +190,9 @@ bool iequals(std::string_view a, std::string_view b) {
 }
 
 bool iequals(std::wstring_view a, std::wstring_view b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](wchar_t x, wchar_t y) {
-               return lowerAscii(x) == lowerAscii(y);
-           });
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(),
+                      [](wchar_t x, wchar_t y) { return lowerAscii(x) == lowerAscii(y); });
 }
 
 std::string toLowerAscii(std::string_view s) {

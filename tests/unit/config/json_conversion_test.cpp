@@ -23,7 +23,7 @@ constexpr const char* kNotObject =
 
 // Captures every log line at every level for the duration of a test.
 class LogCapture : public testing::Test {
-protected:
+  protected:
     void SetUp() override {
         savedLevel_ = CORE::logLevel();
         CORE::setLogLevel(0);
@@ -81,9 +81,9 @@ TEST_F(jsonToBag, ScalarMembersComeInSortedNameOrder) {
     const PropertyBag bag = toBag(
         R"({"z":"last","a":5,"m":true,"f":false,"neg":-7,
             "big":9223372036854775807,"small":-9223372036854775808,"u":"\u00e9\ud83d\ude00"})");
-    EXPECT_EQ(dump(bag), (Lines{L"a=5", L"big=9223372036854775807", L"f=false", L"m=true",
-                                L"neg=-7", L"small=-9223372036854775808", L"u=\u00e9\U0001F600",
-                                L"z=last"}));
+    EXPECT_EQ(dump(bag),
+              (Lines{L"a=5", L"big=9223372036854775807", L"f=false", L"m=true", L"neg=-7",
+                     L"small=-9223372036854775808", L"u=\u00e9\U0001F600", L"z=last"}));
     EXPECT_EQ(lineCount(), 0u);
 }
 
@@ -108,9 +108,10 @@ TEST_F(jsonToBag, RealsNullsAndHugeNumbersAreSkippedByName) {
         toBag(R"({"keep":"1","r":1.5,"whole":2.0,"n":null,"huge":18446744073709551615})");
     EXPECT_EQ(dump(bag), (Lines{L"keep=1"}));
     for (const char* key : {"r", "whole", "n", "huge"}) {
-        EXPECT_EQ(levelsOf(std::string("MqttManagerUtil::toBag(): JSON parsing invalid type for key: ") +
-                           key),
-                  (std::vector<int>{3}))
+        EXPECT_EQ(
+            levelsOf(std::string("MqttManagerUtil::toBag(): JSON parsing invalid type for key: ") +
+                     key),
+            (std::vector<int>{3}))
             << key;
     }
 }
@@ -244,8 +245,8 @@ TEST(jsonText, ParseAllowsCommentsAndRejectsGarbage) {
 
 TEST(jsonText, CompactOutputHasNoLineBreaks) {
     Json::Value value;
-    ASSERT_TRUE(
-        MqttManagerUtil::parseJson("{\n \"b\": [1, 2],\n // note\n \"a\": {\"c\": null}\n}", value));
+    ASSERT_TRUE(MqttManagerUtil::parseJson("{\n \"b\": [1, 2],\n // note\n \"a\": {\"c\": null}\n}",
+                                           value));
     EXPECT_EQ(MqttManagerUtil::writeCompact(value), R"({"a":{"c":null},"b":[1,2]})");
 }
 
@@ -254,8 +255,8 @@ TEST(jsonText, CompactOutputHasNoLineBreaks) {
 using jsonUtil = LogCapture;
 
 TEST_F(jsonUtil, GetStringPropertyReadsScalarsAsText) {
-    const Json::Value json = parse(
-        R"({"s":"text","n":5,"r":1.5,"b":true,"empty":"","nul":null,"o":{},"arr":["x"]})");
+    const Json::Value json =
+        parse(R"({"s":"text","n":5,"r":1.5,"b":true,"empty":"","nul":null,"o":{},"arr":["x"]})");
     std::string out = "stale";
     EXPECT_TRUE(JsonUtil::GetStringProperty(json, "s", out));
     EXPECT_EQ(out, "text");
@@ -342,8 +343,9 @@ TEST_F(jsonUtil, GetArrayPropertyKeepsStringElementsOnly) {
     EXPECT_EQ(levelsOf("JsonUtil::GetArrayProperty(): Property s is not an array"),
               (std::vector<int>{1}));
     EXPECT_FALSE(JsonUtil::GetArrayProperty(json, "missing", out));
-    EXPECT_EQ(levelsOf("JsonUtil::GetArrayProperty(): Could not find missing array property in JSON"),
-              (std::vector<int>{1}));
+    EXPECT_EQ(
+        levelsOf("JsonUtil::GetArrayProperty(): Could not find missing array property in JSON"),
+        (std::vector<int>{1}));
 }
 
 TEST_F(jsonUtil, RedactionMatchesNamesExactly) {
@@ -358,10 +360,18 @@ TEST_F(jsonUtil, RedactionMatchesNamesExactly) {
               (std::vector<int>{1}));
     EXPECT_FALSE(sink_->contains("s3cret"));
 
-    const std::set<std::string, std::less<>> expected{
-        "FRAMEWORKCHANNELTICKET", "otp",    "PASSWORD",     "password",
-        "auxiliaryPassword",      "RDSLICENSEDATA", "SMARTCARDPIN", "TICKET",
-        "TOKEN",                  "BINDINGTOKEN",   "certificate",  "oneTimePassword"};
+    const std::set<std::string, std::less<>> expected{"FRAMEWORKCHANNELTICKET",
+                                                      "otp",
+                                                      "PASSWORD",
+                                                      "password",
+                                                      "auxiliaryPassword",
+                                                      "RDSLICENSEDATA",
+                                                      "SMARTCARDPIN",
+                                                      "TICKET",
+                                                      "TOKEN",
+                                                      "BINDINGTOKEN",
+                                                      "certificate",
+                                                      "oneTimePassword"};
     EXPECT_EQ(redactionSet(), expected);
     for (const auto& name : expected) {
         sink_->clear();
@@ -385,7 +395,7 @@ TEST_F(jsonUtil, LogRedactedWritesNothingAboveLevelOne) {
 // ---- owner check ------------------------------------------------------------------
 
 class jsonOwnerCheck : public LogCapture {
-protected:
+  protected:
     std::string makeFile(const char* name, mode_t mode) {
         const std::string path = (dir_.path() / name).string();
         std::ofstream(path) << "{}";

@@ -75,9 +75,9 @@ TEST(propertybag, IntegersAndBooleansAreKeptAsText) {
 
 TEST(propertybag, GetInt64RejectsAnythingButWholeDecimalNumbers) {
     PropertyBag bag;
-    for (const wchar_t* text : {L"", L"-", L"+", L"12a", L" 1", L"1 ", L"0x10", L"1.5",
-                                L"9223372036854775808", L"-9223372036854775809",
-                                L"99999999999999999999"}) {
+    for (const wchar_t* text :
+         {L"", L"-", L"+", L"12a", L" 1", L"1 ", L"0x10", L"1.5", L"9223372036854775808",
+          L"-9223372036854775809", L"99999999999999999999"}) {
         bag.set(L"n", text);
         EXPECT_EQ(bag.getInt64(L"n"), std::nullopt) << text;
     }
@@ -91,8 +91,8 @@ TEST(propertybag, GetInt64RejectsAnythingButWholeDecimalNumbers) {
 TEST(propertybag, GetBoolAcceptsWordsInAnyCaseAndDigits) {
     PropertyBag bag;
     const std::pair<const wchar_t*, std::optional<bool>> cases[] = {
-        {L"true", true},  {L"TRUE", true},  {L"True", true},       {L"1", true},
-        {L"false", false}, {L"FaLsE", false}, {L"0", false},       {L"yes", std::nullopt},
+        {L"true", true},     {L"TRUE", true},       {L"True", true},         {L"1", true},
+        {L"false", false},   {L"FaLsE", false},     {L"0", false},           {L"yes", std::nullopt},
         {L"", std::nullopt}, {L"01", std::nullopt}, {L"truex", std::nullopt}};
     for (const auto& [text, expected] : cases) {
         bag.set(L"b", text);
