@@ -8,7 +8,9 @@ namespace ndpx {
 namespace {
 
 // A JSON string literal (quotes and escapes) for `text`.
-std::string quoted(const std::string& text) { return Json::valueToQuotedString(text.c_str()); }
+std::string quoted(const std::string& text) {
+    return Json::valueToQuotedString(text.c_str());
+}
 
 }  // namespace
 

@@ -109,10 +109,9 @@ bool isTrue(const std::wstring& v) {
 }  // namespace
 
 const char* migrationStatusName(int state) {
-    static const char* const kNames[] = {"notstarted",       "bootstrap",       "connected",
-                                         "rollback",         "commit",          "commitcomplete",
-                                         "bootstrapinvalid", "bootstrapfailed", "rollbackfailed",
-                                         "commitfailed"};
+    static const char* const kNames[] = {
+        "notstarted",     "bootstrap",        "connected",       "rollback",       "commit",
+        "commitcomplete", "bootstrapinvalid", "bootstrapfailed", "rollbackfailed", "commitfailed"};
     return state >= 0 && state <= 9 ? kNames[state] : "unknown";
 }
 
@@ -186,7 +185,9 @@ std::shared_ptr<mqttConfig> mqttConfig::current() {
     return g_instance;
 }
 
-const std::vector<SettingDef>& mqttConfig::table() { return kTable; }
+const std::vector<SettingDef>& mqttConfig::table() {
+    return kTable;
+}
 
 std::vector<std::wstring> mqttConfig::defaultsList() {
     std::vector<std::wstring> list;
@@ -225,63 +226,151 @@ int mqttConfig::readInt(const wchar_t* name) {
     return getIntInRange(name, d.min, d.max);
 }
 
-std::string mqttConfig::readNarrow(const wchar_t* name) { return CORE::toUtf8(get(name)); }
+std::string mqttConfig::readNarrow(const wchar_t* name) {
+    return CORE::toUtf8(get(name));
+}
 
-std::vector<std::wstring> mqttConfig::readList(const wchar_t* name) { return splitList(get(name)); }
+std::vector<std::wstring> mqttConfig::readList(const wchar_t* name) {
+    return splitList(get(name));
+}
 
-int mqttConfig::getAsyncSessionSeconds() { return readInt(L"AsyncSessionSeconds"); }
-int mqttConfig::getCertMonitorIntervalHours() { return readInt(L"mqtt_CertMonitorIntervalHours"); }
-int mqttConfig::getCertExpiryDays() { return readInt(L"mqtt_CertExpiryDays"); }
-int mqttConfig::getCertRefreshTimeout() { return readInt(L"mqtt_CertRefreshTimeout"); }
-int mqttConfig::getCertOtpRepeatInterval() { return readInt(L"mqtt_CertOtpRepeatInterval"); }
-int mqttConfig::getMaxBufferedMessages() { return readInt(L"mqtt_MaxBufferedMessages"); }
-int mqttConfig::getLWTQoS() { return readInt(L"mqtt_LWTQoS"); }
-int mqttConfig::getKeepAliveInterval() { return readInt(L"mqtt_KeepAliveInterval"); }
-int mqttConfig::getReconnectIntervalMin() { return readInt(L"mqtt_ReconnectIntervalMin"); }
-int mqttConfig::getReconnectIntervalMax() { return readInt(L"mqtt_ReconnectIntervalMax"); }
-int mqttConfig::getSessionExpiryInterval() { return readInt(L"mqtt_SessionExpiryInterval"); }
-int mqttConfig::getMsgRetryInterval() { return readInt(L"mqtt_MsgRetryInterval"); }
-int mqttConfig::getDuplicateMsgInterval() { return readInt(L"mqtt_DuplicateMsgInterval"); }
+int mqttConfig::getAsyncSessionSeconds() {
+    return readInt(L"AsyncSessionSeconds");
+}
+int mqttConfig::getCertMonitorIntervalHours() {
+    return readInt(L"mqtt_CertMonitorIntervalHours");
+}
+int mqttConfig::getCertExpiryDays() {
+    return readInt(L"mqtt_CertExpiryDays");
+}
+int mqttConfig::getCertRefreshTimeout() {
+    return readInt(L"mqtt_CertRefreshTimeout");
+}
+int mqttConfig::getCertOtpRepeatInterval() {
+    return readInt(L"mqtt_CertOtpRepeatInterval");
+}
+int mqttConfig::getMaxBufferedMessages() {
+    return readInt(L"mqtt_MaxBufferedMessages");
+}
+int mqttConfig::getLWTQoS() {
+    return readInt(L"mqtt_LWTQoS");
+}
+int mqttConfig::getKeepAliveInterval() {
+    return readInt(L"mqtt_KeepAliveInterval");
+}
+int mqttConfig::getReconnectIntervalMin() {
+    return readInt(L"mqtt_ReconnectIntervalMin");
+}
+int mqttConfig::getReconnectIntervalMax() {
+    return readInt(L"mqtt_ReconnectIntervalMax");
+}
+int mqttConfig::getSessionExpiryInterval() {
+    return readInt(L"mqtt_SessionExpiryInterval");
+}
+int mqttConfig::getMsgRetryInterval() {
+    return readInt(L"mqtt_MsgRetryInterval");
+}
+int mqttConfig::getDuplicateMsgInterval() {
+    return readInt(L"mqtt_DuplicateMsgInterval");
+}
 int mqttConfig::getDuplicateMsgTimerInterval() {
     return readInt(L"mqtt_DuplicateMsgTimerInterval") * 1000;
 }
-int mqttConfig::getStartupMinWaitInterval() { return readInt(L"mqtt_StartupMinWaitInterval"); }
-int mqttConfig::getStartupMaxWaitInterval() { return readInt(L"mqtt_StartupMaxWaitInterval"); }
-int mqttConfig::getStartupMinJitter() { return readInt(L"mqtt_StartupMinJitter"); }
-int mqttConfig::getStartupMaxJitter() { return readInt(L"mqtt_StartupMaxJitter"); }
-int mqttConfig::getStartupMaxCachedRetries() { return readInt(L"mqtt_StartupMaxCachedRetries"); }
+int mqttConfig::getStartupMinWaitInterval() {
+    return readInt(L"mqtt_StartupMinWaitInterval");
+}
+int mqttConfig::getStartupMaxWaitInterval() {
+    return readInt(L"mqtt_StartupMaxWaitInterval");
+}
+int mqttConfig::getStartupMinJitter() {
+    return readInt(L"mqtt_StartupMinJitter");
+}
+int mqttConfig::getStartupMaxJitter() {
+    return readInt(L"mqtt_StartupMaxJitter");
+}
+int mqttConfig::getStartupMaxCachedRetries() {
+    return readInt(L"mqtt_StartupMaxCachedRetries");
+}
 int mqttConfig::getStartupLCMSpecWaitInterval() {
     return readInt(L"mqtt_StartupLCMSpecWaitInterval");
 }
-int mqttConfig::getStartupFFWaitInterval() { return readInt(L"mqtt_StartupFFWaitInterval"); }
-int mqttConfig::getDisconnectTimeout() { return readInt(L"mqtt_DisconnectTimeout"); }
-int mqttConfig::getMigrationStatus() { return readInt(L"mqtt_MigrationStatus"); }
-int mqttConfig::getAzureADJoinMaxInterval() { return readInt(L"mqtt_AzureADJoinMaxInterval"); }
-int mqttConfig::getAzureADJoinQueryInterval() { return readInt(L"mqtt_AzureADJoinQueryInterval"); }
-int mqttConfig::getEndpointChangeAttempts() { return readInt(L"mqtt_EndpointChangeAttempts"); }
+int mqttConfig::getStartupFFWaitInterval() {
+    return readInt(L"mqtt_StartupFFWaitInterval");
+}
+int mqttConfig::getDisconnectTimeout() {
+    return readInt(L"mqtt_DisconnectTimeout");
+}
+int mqttConfig::getMigrationStatus() {
+    return readInt(L"mqtt_MigrationStatus");
+}
+int mqttConfig::getAzureADJoinMaxInterval() {
+    return readInt(L"mqtt_AzureADJoinMaxInterval");
+}
+int mqttConfig::getAzureADJoinQueryInterval() {
+    return readInt(L"mqtt_AzureADJoinQueryInterval");
+}
+int mqttConfig::getEndpointChangeAttempts() {
+    return readInt(L"mqtt_EndpointChangeAttempts");
+}
 
-bool mqttConfig::getSendWhileDisconnected() { return getBool(L"mqtt_SendWhileDisconnected"); }
+bool mqttConfig::getSendWhileDisconnected() {
+    return getBool(L"mqtt_SendWhileDisconnected");
+}
 bool mqttConfig::getAllowDisconnectedSendAtAnyTime() {
     return getBool(L"mqtt_AllowDisconnectedSendAtAnyTime");
 }
-bool mqttConfig::getDeleteOldestMessages() { return getBool(L"mqtt_DeleteOldestMessages"); }
-bool mqttConfig::getAutomaticReconnect() { return getBool(L"mqtt_AutomaticReconnect"); }
-bool mqttConfig::getCleanStart() { return getBool(L"mqtt_CleanStart"); }
-bool mqttConfig::getCertRevocation() { return getBool(L"mqtt_CertRevocation"); }
-bool mqttConfig::getDeleteLCMSpec() { return getBool(L"mqtt_DeleteLCMSpec"); }
-bool mqttConfig::getSkipDomainJoin() { return isTrue(get(L"mqtt_SkipDomainJoin")); }
-bool mqttConfig::getIPCServerEnabled() { return getBool(L"mqtt_IPCServerEnabled"); }
-bool mqttConfig::getMigrationMsgRcvd() { return getBool(L"mqtt_MigrationMsgRcvd"); }
-bool mqttConfig::getContinuousPairEnabled() { return getBool(L"mqtt_ContinuousPairEnabled"); }
-bool mqttConfig::getTriggerCertRefresh() { return getBool(L"mqtt_TriggerCertRefresh"); }
-bool mqttConfig::getTriggerCertSwap() { return getBool(L"mqtt_TriggerCertSwap"); }
+bool mqttConfig::getDeleteOldestMessages() {
+    return getBool(L"mqtt_DeleteOldestMessages");
+}
+bool mqttConfig::getAutomaticReconnect() {
+    return getBool(L"mqtt_AutomaticReconnect");
+}
+bool mqttConfig::getCleanStart() {
+    return getBool(L"mqtt_CleanStart");
+}
+bool mqttConfig::getCertRevocation() {
+    return getBool(L"mqtt_CertRevocation");
+}
+bool mqttConfig::getDeleteLCMSpec() {
+    return getBool(L"mqtt_DeleteLCMSpec");
+}
+bool mqttConfig::getSkipDomainJoin() {
+    return isTrue(get(L"mqtt_SkipDomainJoin"));
+}
+bool mqttConfig::getIPCServerEnabled() {
+    return getBool(L"mqtt_IPCServerEnabled");
+}
+bool mqttConfig::getMigrationMsgRcvd() {
+    return getBool(L"mqtt_MigrationMsgRcvd");
+}
+bool mqttConfig::getContinuousPairEnabled() {
+    return getBool(L"mqtt_ContinuousPairEnabled");
+}
+bool mqttConfig::getTriggerCertRefresh() {
+    return getBool(L"mqtt_TriggerCertRefresh");
+}
+bool mqttConfig::getTriggerCertSwap() {
+    return getBool(L"mqtt_TriggerCertSwap");
+}
 
-std::wstring mqttConfig::getHttpProxyServer() { return get(L"HTTP Proxy Server"); }
-std::wstring mqttConfig::getHttpProxyBypass() { return get(L"HTTP Proxy Bypass"); }
-std::wstring mqttConfig::getHttpProxyAutoConfigUrl() { return get(L"HTTP Proxy Auto Config URL"); }
-std::wstring mqttConfig::getName() { return get(L"mqtt_Name"); }
-std::wstring mqttConfig::getLWTMessage() { return get(L"mqtt_LWTMessage"); }
-std::wstring mqttConfig::getMsTransport() { return get(L"MS Transport"); }
+std::wstring mqttConfig::getHttpProxyServer() {
+    return get(L"HTTP Proxy Server");
+}
+std::wstring mqttConfig::getHttpProxyBypass() {
+    return get(L"HTTP Proxy Bypass");
+}
+std::wstring mqttConfig::getHttpProxyAutoConfigUrl() {
+    return get(L"HTTP Proxy Auto Config URL");
+}
+std::wstring mqttConfig::getName() {
+    return get(L"mqtt_Name");
+}
+std::wstring mqttConfig::getLWTMessage() {
+    return get(L"mqtt_LWTMessage");
+}
+std::wstring mqttConfig::getMsTransport() {
+    return get(L"MS Transport");
+}
 std::vector<std::wstring> mqttConfig::getUnwantedFields() {
     return readList(L"mqtt_UnwantedFields");
 }
@@ -289,20 +378,42 @@ std::vector<std::wstring> mqttConfig::getUnwantedSessionFields() {
     return readList(L"mqtt_UnwantedSessionFields");
 }
 
-std::string mqttConfig::getAgentIdentity() { return readNarrow(L"mqtt_AgentIdentity"); }
-std::string mqttConfig::getAgentIdentityPend() { return readNarrow(L"mqtt_AgentIdentity_pend"); }
-std::string mqttConfig::getEdgeId() { return readNarrow(L"mqtt_EdgeId"); }
-std::string mqttConfig::getEdgeIdPend() { return readNarrow(L"mqtt_EdgeId_pend"); }
-std::string mqttConfig::getTemplateId() { return readNarrow(L"mqtt_TemplateId"); }
-std::string mqttConfig::getShortTemplateId() { return readNarrow(L"mqtt_ShortTemplateId"); }
+std::string mqttConfig::getAgentIdentity() {
+    return readNarrow(L"mqtt_AgentIdentity");
+}
+std::string mqttConfig::getAgentIdentityPend() {
+    return readNarrow(L"mqtt_AgentIdentity_pend");
+}
+std::string mqttConfig::getEdgeId() {
+    return readNarrow(L"mqtt_EdgeId");
+}
+std::string mqttConfig::getEdgeIdPend() {
+    return readNarrow(L"mqtt_EdgeId_pend");
+}
+std::string mqttConfig::getTemplateId() {
+    return readNarrow(L"mqtt_TemplateId");
+}
+std::string mqttConfig::getShortTemplateId() {
+    return readNarrow(L"mqtt_ShortTemplateId");
+}
 std::string mqttConfig::getShortTemplateIdPend() {
     return readNarrow(L"mqtt_ShortTemplateId_pend");
 }
-std::string mqttConfig::getVmId() { return readNarrow(L"mqtt_VmId"); }
-std::string mqttConfig::getVmIdPend() { return readNarrow(L"mqtt_VmId_pend"); }
-std::string mqttConfig::getOtp() { return readNarrow(L"mqtt_Otp"); }
-std::string mqttConfig::getOtpUrl() { return readNarrow(L"mqtt_OtpUrl"); }
-std::string mqttConfig::getSslCertThumbprint() { return readNarrow(L"mqtt_SslCertThumbprint"); }
+std::string mqttConfig::getVmId() {
+    return readNarrow(L"mqtt_VmId");
+}
+std::string mqttConfig::getVmIdPend() {
+    return readNarrow(L"mqtt_VmId_pend");
+}
+std::string mqttConfig::getOtp() {
+    return readNarrow(L"mqtt_Otp");
+}
+std::string mqttConfig::getOtpUrl() {
+    return readNarrow(L"mqtt_OtpUrl");
+}
+std::string mqttConfig::getSslCertThumbprint() {
+    return readNarrow(L"mqtt_SslCertThumbprint");
+}
 
 int mqttConfig::getCustomizationState() {
     const auto value = store().get(kComposerKey, kCustomizationStateValue);
@@ -347,15 +458,23 @@ std::string mqttConfig::getMonitoringEndpoint() {
     return CORE::readRegistry(std::string(kMonitoringConfigKey) + "endpoint").value_or("");
 }
 
-bool mqttConfig::isFipsMode() { return CORE::readRegistry(kFipsModeValue).value_or("") == "1"; }
+bool mqttConfig::isFipsMode() {
+    return CORE::readRegistry(kFipsModeValue).value_or("") == "1";
+}
 
 bool mqttConfig::writeString(const char* name, const std::string& value) {
     return store().set(kNodeManagerKey, name, ndpx::platform::SettingValue::ofString(value));
 }
 
-void mqttConfig::setEdgeId(const std::string& v) { writeString("mqtt_EdgeId", v); }
-void mqttConfig::setEdgeIdPend(const std::string& v) { writeString("mqtt_EdgeId_pend", v); }
-void mqttConfig::setAgentIdentity(const std::string& v) { writeString("mqtt_AgentIdentity", v); }
+void mqttConfig::setEdgeId(const std::string& v) {
+    writeString("mqtt_EdgeId", v);
+}
+void mqttConfig::setEdgeIdPend(const std::string& v) {
+    writeString("mqtt_EdgeId_pend", v);
+}
+void mqttConfig::setAgentIdentity(const std::string& v) {
+    writeString("mqtt_AgentIdentity", v);
+}
 void mqttConfig::setAgentIdentityPend(const std::string& v) {
     writeString("mqtt_AgentIdentity_pend", v);
 }
@@ -365,12 +484,24 @@ void mqttConfig::setShortTemplateId(const std::string& v) {
 void mqttConfig::setShortTemplateIdPend(const std::string& v) {
     writeString("mqtt_ShortTemplateId_pend", v);
 }
-void mqttConfig::setTemplateId(const std::string& v) { writeString("mqtt_TemplateId", v); }
-void mqttConfig::setVmId(const std::string& v) { writeString("mqtt_VmId", v); }
-void mqttConfig::setVmIdPend(const std::string& v) { writeString("mqtt_VmId_pend", v); }
-void mqttConfig::setOtp(const std::string& v) { writeString("mqtt_Otp", v); }
-void mqttConfig::setOtpUrl(const std::string& v) { writeString("mqtt_OtpUrl", v); }
-void mqttConfig::setPaired(bool paired) { writeString("mqtt_Paired", paired ? "true" : "false"); }
+void mqttConfig::setTemplateId(const std::string& v) {
+    writeString("mqtt_TemplateId", v);
+}
+void mqttConfig::setVmId(const std::string& v) {
+    writeString("mqtt_VmId", v);
+}
+void mqttConfig::setVmIdPend(const std::string& v) {
+    writeString("mqtt_VmId_pend", v);
+}
+void mqttConfig::setOtp(const std::string& v) {
+    writeString("mqtt_Otp", v);
+}
+void mqttConfig::setOtpUrl(const std::string& v) {
+    writeString("mqtt_OtpUrl", v);
+}
+void mqttConfig::setPaired(bool paired) {
+    writeString("mqtt_Paired", paired ? "true" : "false");
+}
 void mqttConfig::setUnwantedFields(const std::vector<std::wstring>& fields) {
     writeString("mqtt_UnwantedFields", CORE::toUtf8(joinList(fields)));
 }

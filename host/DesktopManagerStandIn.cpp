@@ -12,9 +12,9 @@ namespace {
 constexpr const char* kSource = "agenthost";
 
 // Messages that plug-ins send to manage their place in the agent.
-constexpr std::array<const wchar_t*, 5> kAcknowledged = {
-    L"NotifyQueueAdd", L"NotifyQueueRemove", L"NotifyQueueRegisterMessageTransport",
-    L"SetSSOv2Settings", L"Ping"};
+constexpr std::array<const wchar_t*, 5> kAcknowledged = {L"NotifyQueueAdd", L"NotifyQueueRemove",
+                                                         L"NotifyQueueRegisterMessageTransport",
+                                                         L"SetSSOv2Settings", L"Ping"};
 
 class DesktopManagerOperation : public CORE::serviceOperation {
 public:

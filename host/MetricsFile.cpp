@@ -27,8 +27,8 @@ void MetricsFile::writeLockHeld() {
         Json::CharReaderBuilder builder;
         std::string errors;
         std::istringstream in(r.value);
-        entry["value"] = Json::parseFromStream(builder, in, &parsed, &errors) ? parsed
-                                                                               : Json::Value(r.value);
+        entry["value"] =
+            Json::parseFromStream(builder, in, &parsed, &errors) ? parsed : Json::Value(r.value);
         root[key] = entry;
     }
     std::error_code ec;

@@ -59,8 +59,8 @@ int main(int argc, char** argv) {
         CORE::addLogSink(CORE::makeRotatingFileSink(logFile, 10u << 20, 5));
     }
 
-    CORE::setMetricsSink(std::make_shared<ndpx::host::MetricsFile>(
-        ndpx::platform::paths::runDir() / "metrics.json"));
+    CORE::setMetricsSink(std::make_shared<ndpx::host::MetricsFile>(ndpx::platform::paths::runDir() /
+                                                                   "metrics.json"));
     ndpx::host::MetricsCollector collector;
     collector.start(static_cast<std::uint32_t>(metricsSeconds) * 1000u);
 
@@ -79,7 +79,8 @@ int main(int argc, char** argv) {
             ++failures;
         }
     }
-    CORE::__SysMessage(kSource, CORE::kLogInfo, "agenthost: running (pid %d, root %s, %zu plug-ins)",
+    CORE::__SysMessage(kSource, CORE::kLogInfo,
+                       "agenthost: running (pid %d, root %s, %zu plug-ins)",
                        static_cast<int>(::getpid()), root.c_str(), plugins.size() - failures);
 
     int signal = 0;

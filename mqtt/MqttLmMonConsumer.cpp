@@ -13,7 +13,9 @@ constexpr int kDataTypeJson = 4;
 MqttLmMonConsumer::MqttLmMonConsumer(std::function<std::string()> stateName)
     : stateName_(std::move(stateName)) {}
 
-MqttLmMonConsumer::~MqttLmMonConsumer() { unload(); }
+MqttLmMonConsumer::~MqttLmMonConsumer() {
+    unload();
+}
 
 void MqttLmMonConsumer::load() {
     if (collectorId_ == 0) {

@@ -87,7 +87,9 @@ std::int32_t MqttManager::GetState() const {
     return state_;
 }
 
-std::string MqttManager::GetStateName() const { return mqttStateName(GetState()); }
+std::string MqttManager::GetStateName() const {
+    return mqttStateName(GetState());
+}
 
 void MqttManager::ResetRunData() {
     pairedFlag_ = false;
@@ -175,8 +177,7 @@ void MqttManager::StopHealingThread() {
 }
 
 void MqttManager::StopTearDownThread() {
-    MFW_LOG(CORE::kLogDebug,
-            "MqttManager::StopTearDownThread(): Stopping the tear down thread.");
+    MFW_LOG(CORE::kLogDebug, "MqttManager::StopTearDownThread(): Stopping the tear down thread.");
     std::lock_guard lock(tearDownLock_);
 }
 
@@ -221,10 +222,11 @@ int MqttManager::RetrieveRootFolderPath(std::string& path) {
     return 1;
 }
 
-bool MqttManager::DoPublishMessage(const std::string& topic, const std::string& payload,
-                                   int& token, int qos, bool retained) {
+bool MqttManager::DoPublishMessage(const std::string& topic, const std::string& payload, int& token,
+                                   int qos, bool retained) {
     if (shutdownEvent_.isSet()) {
-        MFW_LOG(CORE::kLogDebug, "MqttManager::DoPublishMessage(): Not publishing message, stopping");
+        MFW_LOG(CORE::kLogDebug,
+                "MqttManager::DoPublishMessage(): Not publishing message, stopping");
         return false;
     }
     if (!pairedStateKnown_) {
@@ -261,8 +263,7 @@ bool MqttManager::DoPublishMessage(const std::string& topic, const std::string& 
     return true;
 }
 
-bool MqttManager::PublishMessage(const std::string& topic, const Json::Value& json,
-                                 bool reliable) {
+bool MqttManager::PublishMessage(const std::string& topic, const Json::Value& json, bool reliable) {
     int token = 0;
     const std::string text = MqttManagerUtil::writeCompact(json);
     if (!DoPublishMessage(topic, text, token, reliable ? 2 : 0, false)) {
@@ -270,8 +271,9 @@ bool MqttManager::PublishMessage(const std::string& topic, const Json::Value& js
     }
     if (CORE::isLoggingAtLevel(CORE::kLogInfo)) {
         const std::string redacted = RedactWriter::write(json);
-        MFW_LOG(CORE::kLogInfo, "MqttManager::PublishMessage(): Published message (%d) to topic %s: %s",
-                token, topic.c_str(), redacted.c_str());
+        MFW_LOG(CORE::kLogInfo,
+                "MqttManager::PublishMessage(): Published message (%d) to topic %s: %s", token,
+                topic.c_str(), redacted.c_str());
     }
     return true;
 }

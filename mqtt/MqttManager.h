@@ -51,8 +51,8 @@ public:
     int RetrieveRootFolderPath(std::string& path);
 
     // Publishing.
-    bool DoPublishMessage(const std::string& topic, const std::string& payload, int& token,
-                          int qos, bool retained);
+    bool DoPublishMessage(const std::string& topic, const std::string& payload, int& token, int qos,
+                          bool retained);
     bool PublishMessage(const std::string& topic, const Json::Value& json, bool reliable);
     // detailKind: 0 none, 1 error ("errMsg"), 2 device ("deviceId").
     void BuildStatusMessage(Json::Value& out, const std::string& status, int detailKind,

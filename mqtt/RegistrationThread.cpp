@@ -11,7 +11,8 @@
 namespace ndpx {
 
 void MqttManager::RegistrationThreadProc() {
-    MFW_LOG(CORE::kLogVerbose, "MqttManager::RegistrationThreadProc(): Inside registration thread.");
+    MFW_LOG(CORE::kLogVerbose,
+            "MqttManager::RegistrationThreadProc(): Inside registration thread.");
     auto cfg = config();
     const int minWait = cfg->getStartupMinWaitInterval();
     const int maxWait = cfg->getStartupMaxWaitInterval();

@@ -14,8 +14,8 @@ bool MQTTInstall(const std::string& fipsModeText) {
     }
     tls::requestFips(requested);
     const bool mode = tls::completeSetup();
-    MFW_LOG(CORE::kLogInfo, "MQTTInstall(): Running in %sFips mode = (mode:%d)",
-            mode ? "" : "Non-", mode ? 1 : 0);
+    MFW_LOG(CORE::kLogInfo, "MQTTInstall(): Running in %sFips mode = (mode:%d)", mode ? "" : "Non-",
+            mode ? 1 : 0);
     return mode;
 }
 

@@ -10,9 +10,13 @@
 
 namespace ndpx {
 
-bool MQTTPlugin::pluginInit(void*, void*, void*) { return false; }
+bool MQTTPlugin::pluginInit(void*, void*, void*) {
+    return false;
+}
 
-bool MQTTPlugin::pluginInitDone() { return true; }
+bool MQTTPlugin::pluginInitDone() {
+    return true;
+}
 
 bool MQTTPlugin::isMqttRequired(const std::wstring& transport, bool migrationMessageReceived) {
     return migrationMessageReceived || transport.empty() || CORE::iequals(transport, L"MQTT");
@@ -36,8 +40,7 @@ void MQTTPlugin::pluginServiceInstall(void*, void*, void*) {
     const bool migrationReceived = config->getMigrationMsgRcvd();
     MFW_LOG(CORE::kLogDebug, "MQTTPlugin::pluginServiceInstall(): Registered Message transport: %s",
             CORE::toUtf8(transport).c_str());
-    MFW_LOG(CORE::kLogDebug,
-            "MQTTPlugin::pluginServiceInstall(): Migration message received: %s",
+    MFW_LOG(CORE::kLogDebug, "MQTTPlugin::pluginServiceInstall(): Migration message received: %s",
             migrationReceived ? "true" : "false");
 
     if (!isMqttRequired(transport, migrationReceived)) {

@@ -13,9 +13,13 @@ void requestUnload() {
     CORE::MessageHandler::PostMsg(L"System", L"UnloadPlugin", bag);
 }
 
-MQTTServiceOp::MQTTServiceOp(MQTTService* service) : service_(service) { service_->addRef(); }
+MQTTServiceOp::MQTTServiceOp(MQTTService* service) : service_(service) {
+    service_->addRef();
+}
 
-MQTTServiceOp::~MQTTServiceOp() { service_->release(); }
+MQTTServiceOp::~MQTTServiceOp() {
+    service_->release();
+}
 
 bool MQTTServiceOp::handleMessage(const std::wstring& operation, CORE::PropertyBag& request,
                                   CORE::PropertyBag& response) {

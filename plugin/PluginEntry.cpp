@@ -18,5 +18,7 @@ __attribute__((visibility("default"))) bool PluginParams(CORE::PropertyBag* para
     return CORE::mfwPluginDll::onPluginParams(params);
 }
 
-__attribute__((visibility("default"))) void PluginExit() { CORE::mfwPluginDll::onPluginExit(); }
+__attribute__((visibility("default"))) void PluginExit() {
+    CORE::mfwPluginDll::onPluginExit();
+}
 }

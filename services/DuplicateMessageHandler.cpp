@@ -18,7 +18,9 @@ DuplicateMessageHandler::DuplicateMessageHandler(std::int64_t retentionSeconds,
     start(timerPeriodMs);
 }
 
-DuplicateMessageHandler::~DuplicateMessageHandler() { stop(); }
+DuplicateMessageHandler::~DuplicateMessageHandler() {
+    stop();
+}
 
 bool DuplicateMessageHandler::IsDuplicate(const std::wstring& id) {
     std::lock_guard lock(mutex_);

@@ -24,7 +24,7 @@ struct SyncState {
 struct Request {
     std::wstring operation;
     PropertyBag request;
-    std::shared_ptr<SyncState> sync;                    // SendMsg
+    std::shared_ptr<SyncState> sync;                       // SendMsg
     MessageHandler::AsyncCompletion completion = nullptr;  // SendAsyncMsg
     void* context = nullptr;
     std::wstring requestId;
@@ -190,16 +190,18 @@ struct MessageFrameWork::Impl {
 
 MessageFrameWork::MessageFrameWork() : impl_(std::make_unique<Impl>()) {}
 
-MessageFrameWork::~MessageFrameWork() { Shutdown(); }
+MessageFrameWork::~MessageFrameWork() {
+    Shutdown();
+}
 
 MessageFrameWork& MessageFrameWork::System() {
     static MessageFrameWork instance;
     return instance;
 }
 
-void MessageFrameWork::AddWorkerEx(WorkItemFactory factory, void* context,
-                                   const std::wstring& name, const std::wstring& description,
-                                   std::uint32_t /*flags*/, void* /*reserved*/, unsigned threads) {
+void MessageFrameWork::AddWorkerEx(WorkItemFactory factory, void* context, const std::wstring& name,
+                                   const std::wstring& description, std::uint32_t /*flags*/,
+                                   void* /*reserved*/, unsigned threads) {
     if (factory == nullptr || name.empty()) {
         throw coreException("AddWorkerEx: a worker needs a name and a factory");
     }
@@ -235,8 +237,7 @@ bool MessageFrameWork::RemoveWorker(const std::wstring& name, std::uint32_t /*fl
         }
         for (const auto& t : it->second->threads) {
             if (t.get_id() == std::this_thread::get_id()) {
-                __SysMessage(kSource, kLogError,
-                             "MessageFrameWork: worker %s cannot remove itself",
+                __SysMessage(kSource, kLogError, "MessageFrameWork: worker %s cannot remove itself",
                              toUtf8(name).c_str());
                 return false;
             }
@@ -246,8 +247,7 @@ bool MessageFrameWork::RemoveWorker(const std::wstring& name, std::uint32_t /*fl
     }
     impl_->workersChanged.notify_all();
     impl_->stopWorker(worker);
-    __SysMessage(kSource, kLogVerbose, "MessageFrameWork: worker %s removed",
-                 toUtf8(name).c_str());
+    __SysMessage(kSource, kLogVerbose, "MessageFrameWork: worker %s removed", toUtf8(name).c_str());
     return true;
 }
 
@@ -350,11 +350,13 @@ bool MessageHandler::PostMsg(const std::wstring& queue, const std::wstring& oper
 bool MessageHandler::SendAsyncMsg(const std::wstring& queue, const std::wstring& operation,
                                   const PropertyBag& request, AsyncCompletion completion,
                                   void* context, const std::wstring& requestId) {
-    return MessageFrameWork::System().SendAsyncMsg(queue, operation, request, completion,
-                                                   context, requestId);
+    return MessageFrameWork::System().SendAsyncMsg(queue, operation, request, completion, context,
+                                                   requestId);
 }
 
-bool serviceOperation::startHook(const std::wstring&, PropertyBag&, PropertyBag&) { return true; }
+bool serviceOperation::startHook(const std::wstring&, PropertyBag&, PropertyBag&) {
+    return true;
+}
 
 void serviceOperation::endHook(const std::wstring&, PropertyBag&, PropertyBag&) {}
 

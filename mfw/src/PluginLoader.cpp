@@ -22,7 +22,9 @@ struct PluginLoader::Module {
 };
 
 PluginLoader::PluginLoader() = default;
-PluginLoader::~PluginLoader() { unloadAll(); }
+PluginLoader::~PluginLoader() {
+    unloadAll();
+}
 
 std::string PluginLoader::moduleName(const std::string& path) {
     return std::filesystem::path(path).stem().string();

@@ -5,7 +5,9 @@ namespace CORE {
 coretimer::coretimer(ndpx::platform::TimeSource& time)
     : stopEvent_(coreevent::Reset::Manual, false, time) {}
 
-coretimer::~coretimer() { stop(); }
+coretimer::~coretimer() {
+    stop();
+}
 
 bool coretimer::start(std::uint32_t periodMs) {
     if (thread_.joinable()) {

@@ -123,7 +123,9 @@ private:
 
 }  // namespace
 
-std::shared_ptr<LogSink> makeStderrSink() { return std::make_shared<StderrSink>(); }
+std::shared_ptr<LogSink> makeStderrSink() {
+    return std::make_shared<StderrSink>();
+}
 
 std::shared_ptr<LogSink> makeRotatingFileSink(const std::string& path, std::size_t maxBytes,
                                               int keep) {
@@ -150,13 +152,15 @@ std::vector<std::string> CaptureSink::lines() const {
     return out;
 }
 
-bool CaptureSink::contains(std::string_view text) const { return count(text) > 0; }
+bool CaptureSink::contains(std::string_view text) const {
+    return count(text) > 0;
+}
 
 std::size_t CaptureSink::count(std::string_view text) const {
     std::lock_guard lock(mutex_);
-    return static_cast<std::size_t>(std::count_if(
-        records_.begin(), records_.end(),
-        [&](const LogRecord& r) { return r.text.find(text) != std::string::npos; }));
+    return static_cast<std::size_t>(
+        std::count_if(records_.begin(), records_.end(),
+                      [&](const LogRecord& r) { return r.text.find(text) != std::string::npos; }));
 }
 
 void CaptureSink::clear() {
@@ -164,9 +168,15 @@ void CaptureSink::clear() {
     records_.clear();
 }
 
-void setLogLevel(int level) { g_level.store(std::clamp(level, 0, 5), std::memory_order_relaxed); }
-int logLevel() { return g_level.load(std::memory_order_relaxed); }
-bool isLoggingAtLevel(int level) { return level >= g_level.load(std::memory_order_relaxed); }
+void setLogLevel(int level) {
+    g_level.store(std::clamp(level, 0, 5), std::memory_order_relaxed);
+}
+int logLevel() {
+    return g_level.load(std::memory_order_relaxed);
+}
+bool isLoggingAtLevel(int level) {
+    return level >= g_level.load(std::memory_order_relaxed);
+}
 
 void addLogSink(std::shared_ptr<LogSink> sink) {
     auto& list = sinkList();

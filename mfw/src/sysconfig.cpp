@@ -21,7 +21,9 @@ sysconfig::sysconfig() : sysconfig(processStore()) {}
 sysconfig::sysconfig(std::shared_ptr<ndpx::platform::SettingsStore> store)
     : store_(std::move(store)) {}
 
-sysconfig::~sysconfig() { cleanup(); }
+sysconfig::~sysconfig() {
+    cleanup();
+}
 
 bool sysconfig::init(const std::wstring& keyPath, const std::vector<std::wstring>& defaults,
                      bool watch, bool create) {
@@ -178,6 +180,8 @@ void sysconfig::changed(const std::wstring& name, const std::wstring& /*value*/)
     __SysMessage("mfw", kLogVerbose, "sysconfig: %s changed", toUtf8(name).c_str());
 }
 
-void sysconfig::onStoreChanged() { reload(true); }
+void sysconfig::onStoreChanged() {
+    reload(true);
+}
 
 }  // namespace CORE

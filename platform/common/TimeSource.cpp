@@ -9,7 +9,7 @@ namespace ndpx::platform {
 namespace {
 
 class RealTimeSource final : public TimeSource {
-  public:
+public:
     SystemTime systemNow() const override { return std::chrono::system_clock::now(); }
     SteadyTime steadyNow() const override { return std::chrono::steady_clock::now(); }
 

@@ -36,7 +36,7 @@ using StmtPtr = std::unique_ptr<sqlite3_stmt, StmtFinalizer>;
 
 // Resets and unbinds a cached statement when the call that used it returns.
 class StmtUse {
-  public:
+public:
     explicit StmtUse(sqlite3_stmt* stmt) : stmt_(stmt) {}
     ~StmtUse() {
         sqlite3_reset(stmt_);
@@ -53,7 +53,7 @@ class StmtUse {
                SQLITE_OK;
     }
 
-  private:
+private:
     sqlite3_stmt* stmt_;
 };
 
@@ -140,7 +140,7 @@ std::string inSubtree(const std::string& column) {
 }
 
 class SqliteSettingsStore final : public SettingsStore {
-  public:
+public:
     SqliteSettingsStore(DbPtr db, std::string file) : file_(std::move(file)), db_(std::move(db)) {}
 
     bool prepareAll(std::string& error) {
@@ -349,11 +349,11 @@ class SqliteSettingsStore final : public SettingsStore {
         return watchSqliteSettingsStore(file_, std::move(onChange));
     }
 
-  private:
+private:
     // BEGIN IMMEDIATE takes the write lock at once (waiting for other
     // writers up to the busy time-out); destruction without commit rolls back.
     class Transaction {
-      public:
+    public:
         explicit Transaction(SqliteSettingsStore& store) : store_(store) {
             StmtUse q(store_.begin_.get());
             begun_ = sqlite3_step(q.get()) == SQLITE_DONE;
@@ -377,7 +377,7 @@ class SqliteSettingsStore final : public SettingsStore {
             return committed_;
         }
 
-      private:
+    private:
         SqliteSettingsStore& store_;
         bool begun_ = false;
         bool committed_ = false;
@@ -447,6 +447,13 @@ bool createPrivateFile(const std::string& file, std::string& error) {
     const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd < 0) {
         if (errno == EEXIST) {
+            // A file made by another tool may be readable by others: tighten
+            // it when it is ours, leave it alone otherwise.
+            struct stat st {};
+            if (::stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::geteuid() &&
+                (st.st_mode & 077) != 0) {
+                ::chmod(file.c_str(), st.st_mode & 0700);
+            }
             return true;
         }
         error = "cannot create " + file + ": " + std::strerror(errno);

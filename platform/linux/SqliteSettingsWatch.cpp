@@ -2,6 +2,7 @@
 #include <platform/SettingsStore.h>
 
 #include <poll.h>
+#include <sqlite3.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -18,14 +20,23 @@ namespace ndpx::platform {
 
 namespace {
 
-// Writes come in bursts (WAL append, checkpoint, -wal creation); one call
-// per burst is enough for a reader that reloads everything it cares about.
-constexpr std::chrono::milliseconds kQuietPeriod(50);
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+// Writes come in bursts (WAL appends, checkpoints, -wal creation); one call
+// per burst is enough for a reader that reloads what it cares about.
+constexpr milliseconds kQuietPeriod(50);
 // A steady stream of writes must still be reported now and then.
-constexpr std::chrono::milliseconds kMaxDelay(250);
+constexpr milliseconds kMaxDelay(250);
+// A commit becomes visible only after its last WAL write, the last event we
+// see of it; events without a commit follow checkpoints and readers closing
+// the file. So the data version decides, and is looked at for a while after
+// the events.
+constexpr milliseconds kConfirmWindow(1000);
+constexpr milliseconds kConfirmStep(25);
 
 class Fd {
-  public:
+public:
     explicit Fd(int fd = -1) : fd_(fd) {}
     ~Fd() {
         if (fd_ >= 0) {
@@ -39,56 +50,96 @@ class Fd {
     bool valid() const { return fd_ >= 0; }
     int release() { return std::exchange(fd_, -1); }
 
-  private:
+private:
     int fd_;
 };
 
+struct DbCloser {
+    void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+};
+
+// The watch's own connection: PRAGMA data_version changes exactly when
+// another connection committed.
+class VersionProbe {
+public:
+    explicit VersionProbe(std::string file) : file_(std::move(file)) { version_ = read(); }
+
+    // True when the store changed since the last call (or since it appeared).
+    bool changed() {
+        const bool hadDb = db_ != nullptr;
+        const auto now = read();
+        if (!now) {
+            return false;
+        }
+        const bool result = !hadDb || !version_ || *now != *version_;
+        version_ = now;
+        return result;
+    }
+
+    // After the file was replaced the old connection would watch the old file.
+    void reopen() {
+        db_.reset();
+        version_.reset();
+    }
+
+private:
+    std::optional<std::int64_t> read() {
+        if (!db_) {
+            sqlite3* raw = nullptr;
+            // No SQLITE_OPEN_CREATE: the store's owner creates the file with
+            // its private mode.
+            const int rc = sqlite3_open_v2(file_.c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
+            std::unique_ptr<sqlite3, DbCloser> db(raw);
+            if (rc != SQLITE_OK) {
+                return std::nullopt;
+            }
+            sqlite3_busy_timeout(db.get(), 200);
+            db_ = std::move(db);
+        }
+        sqlite3_stmt* stmt = nullptr;
+        std::optional<std::int64_t> version;
+        if (sqlite3_prepare_v2(db_.get(), "PRAGMA data_version", -1, &stmt, nullptr) == SQLITE_OK &&
+            sqlite3_step(stmt) == SQLITE_ROW) {
+            version = sqlite3_column_int64(stmt, 0);
+        }
+        sqlite3_finalize(stmt);
+        return version;
+    }
+
+    std::string file_;
+    std::unique_ptr<sqlite3, DbCloser> db_;
+    std::optional<std::int64_t> version_;
+};
+
 class InotifySettingsWatch final : public SettingsWatch {
-  public:
-    InotifySettingsWatch(Fd&& inotifyFd, Fd&& stopFd, std::string dbName,
+public:
+    InotifySettingsWatch(Fd&& inotifyFd, Fd&& stopFd, const std::filesystem::path& file,
                          std::function<void()> onChange)
         : inotify_(inotifyFd.release()),
           stop_(stopFd.release()),
-          dbName_(std::move(dbName)),
+          dbName_(file.filename().string()),
           walName_(dbName_ + "-wal"),
+          probe_(file.string()),
           onChange_(std::move(onChange)),
           thread_([this] { run(); }) {}
 
     ~InotifySettingsWatch() override {
         const std::uint64_t one = 1;
-        // eventfd writes of 8 bytes do not fail short of a counter overflow.
+        // An 8-byte eventfd write only fails when the counter would overflow.
         [[maybe_unused]] const auto written = ::write(stop_.get(), &one, sizeof one);
         if (thread_.joinable()) {
             thread_.join();
         }
     }
+    InotifySettingsWatch(const InotifySettingsWatch&) = delete;
+    InotifySettingsWatch& operator=(const InotifySettingsWatch&) = delete;
 
-  private:
-    enum class Wake { Stop, Change, Nothing, Timeout };
+private:
+    enum class Seen { Nothing, Write, Replaced };
 
-    // Waits for the stop signal or inotify events, at most `timeoutMs`
-    // (-1 = without limit), and drains the events that arrived.
-    Wake waitOnce(int timeoutMs) {
-        pollfd fds[2] = {{stop_.get(), POLLIN, 0}, {inotify_.get(), POLLIN, 0}};
-        const int rc = ::poll(fds, 2, timeoutMs);
-        if (rc < 0) {
-            return errno == EINTR ? Wake::Nothing : Wake::Stop;
-        }
-        if (rc == 0) {
-            return Wake::Timeout;
-        }
-        if ((fds[0].revents & POLLIN) != 0) {
-            return Wake::Stop;
-        }
-        if ((fds[1].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
-            return Wake::Stop;
-        }
-        return drainEvents() ? Wake::Change : Wake::Nothing;
-    }
-
-    // Reads all queued events; true when one concerns the database.
-    bool drainEvents() {
-        bool relevant = false;
+    // Reads all queued events and says what they mean for the database.
+    Seen drainEvents() {
+        Seen seen = Seen::Nothing;
         alignas(inotify_event) char buffer[4096];
         while (true) {
             const ssize_t n = ::read(inotify_.get(), buffer, sizeof buffer);
@@ -97,51 +148,88 @@ class InotifySettingsWatch final : public SettingsWatch {
             }
             for (ssize_t off = 0; off < n;) {
                 const auto* ev = reinterpret_cast<const inotify_event*>(buffer + off);
-                if ((ev->mask & IN_Q_OVERFLOW) != 0) {
-                    relevant = true;  // events were lost; assume the worst
-                } else if (ev->len > 0) {
-                    const std::string_view name(ev->name);
-                    if (name == dbName_ || name == walName_) {
-                        relevant = true;
-                    }
-                }
                 off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
+                if ((ev->mask & IN_Q_OVERFLOW) != 0) {
+                    seen = Seen::Replaced;  // events were lost: start afresh
+                    continue;
+                }
+                const std::string_view name = ev->len > 0 ? ev->name : "";
+                if (name == dbName_ && (ev->mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
+                    seen = Seen::Replaced;
+                } else if ((name == dbName_ || name == walName_) && seen == Seen::Nothing) {
+                    seen = Seen::Write;
+                }
             }
         }
-        return relevant;
+        return seen;
     }
 
+    // After events, the data version is checked once the burst has settled,
+    // then again at growing intervals until kConfirmWindow has passed since
+    // the last event: a commit whose events were drained together with an
+    // earlier one may become visible only after that earlier one was reported.
     void run() {
-        using Clock = std::chrono::steady_clock;
+        bool active = false;  // events seen less than kConfirmWindow ago
+        bool forced = false;  // report without asking the data version
+        std::optional<Clock::time_point> burstStart;
+        Clock::time_point last;       // latest event
+        Clock::time_point nextCheck;  // when to look at the data version
+        milliseconds step = kConfirmStep;
         while (true) {
-            Wake w = waitOnce(-1);
-            if (w == Wake::Stop) {
+            int timeoutMs = -1;
+            if (active) {
+                const auto wait = nextCheck - Clock::now();
+                timeoutMs = wait > Clock::duration::zero()
+                                ? static_cast<int>(std::chrono::ceil<milliseconds>(wait).count())
+                                : 0;
+            }
+            pollfd fds[2] = {{stop_.get(), POLLIN, 0}, {inotify_.get(), POLLIN, 0}};
+            if (::poll(fds, 2, timeoutMs) < 0 && errno != EINTR) {
                 return;
             }
-            if (w != Wake::Change) {
+            if ((fds[0].revents & POLLIN) != 0 ||
+                (fds[1].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
+                return;
+            }
+            const auto now = Clock::now();
+            if ((fds[1].revents & POLLIN) != 0) {
+                const Seen seen = drainEvents();
+                if (seen != Seen::Nothing) {
+                    if (!burstStart) {
+                        burstStart = now;
+                    }
+                    active = true;
+                    last = now;
+                    step = kConfirmStep;
+                    nextCheck = std::min(last + kQuietPeriod, *burstStart + kMaxDelay);
+                    if (seen == Seen::Replaced) {
+                        forced = true;
+                        probe_.reopen();
+                    }
+                }
+            }
+            if (!active || now < nextCheck) {
                 continue;
             }
-            // Coalesce the rest of the burst.
-            const auto first = Clock::now();
-            while (true) {
-                const auto left = kMaxDelay - std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                  Clock::now() - first);
-                if (left <= std::chrono::milliseconds::zero()) {
-                    break;
-                }
-                w = waitOnce(static_cast<int>(std::min(left, kQuietPeriod).count()));
-                if (w == Wake::Stop) {
-                    return;
-                }
-                if (w == Wake::Timeout) {
-                    break;
-                }
+            burstStart.reset();
+            if (probe_.changed() || forced) {
+                forced = false;
+                notify();
             }
-            try {
-                onChange_();
-            } catch (...) {
-                // A failing listener must not end the watch (nor the process).
+            if (now - last >= kConfirmWindow) {
+                active = false;
+            } else {
+                nextCheck = now + step;
+                step = std::min(step * 2, kConfirmWindow / 4);
             }
+        }
+    }
+
+    void notify() {
+        try {
+            onChange_();
+        } catch (...) {
+            // A failing listener must not end the watch, nor the process.
         }
     }
 
@@ -149,6 +237,7 @@ class InotifySettingsWatch final : public SettingsWatch {
     Fd stop_;
     std::string dbName_;
     std::string walName_;
+    VersionProbe probe_;
     std::function<void()> onChange_;
     std::thread thread_;  // last: starts once everything above is ready
 };
@@ -158,7 +247,7 @@ class InotifySettingsWatch final : public SettingsWatch {
 std::unique_ptr<SettingsWatch> watchSqliteSettingsStore(const std::string& file,
                                                         std::function<void()> onChange) {
     const std::filesystem::path path(file);
-    if (!onChange || !path.has_filename()) {
+    if (!onChange || !path.has_filename() || file == ":memory:") {
         return nullptr;
     }
     std::filesystem::path dir = path.parent_path();
@@ -178,8 +267,8 @@ std::unique_ptr<SettingsWatch> watchSqliteSettingsStore(const std::string& file,
                             IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE) < 0) {
         return nullptr;
     }
-    return std::make_unique<InotifySettingsWatch>(std::move(inotifyFd), std::move(stopFd),
-                                                  path.filename().string(), std::move(onChange));
+    return std::make_unique<InotifySettingsWatch>(std::move(inotifyFd), std::move(stopFd), path,
+                                                  std::move(onChange));
 }
 
 }  // namespace ndpx::platform

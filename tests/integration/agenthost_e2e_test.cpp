@@ -26,9 +26,9 @@ protected:
     }
 
     std::unique_ptr<Process> startHost() {
-        return std::make_unique<Process>(std::vector<std::string>{
-            AGENTHOST_PATH, "--root", root_.path().string(), "--plugin", MODULE_PATH,
-            "--log-level", "0", "--metrics-interval", "1"});
+        return std::make_unique<Process>(
+            std::vector<std::string>{AGENTHOST_PATH, "--root", root_.path().string(), "--plugin",
+                                     MODULE_PATH, "--log-level", "0", "--metrics-interval", "1"});
     }
 
     static void stopHost(Process& host) {

@@ -33,8 +33,8 @@ std::uint64_t ManualTimeSource::bootMilliseconds() const {
 
 bool ManualTimeSource::waitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
                                  SteadyTime deadline, const Predicate& pred) {
-    const Waiter self{lock.mutex(), &cv};
     while (!pred()) {
+        std::uint64_t id = 0;
         {
             // Checking the time and registering happen under mutex_ while the
             // caller's lock is held, so an advance() either is seen here or
@@ -43,23 +43,23 @@ bool ManualTimeSource::waitUntil(std::unique_lock<std::mutex>& lock, std::condit
             if (steady_ >= deadline) {
                 break;
             }
-            waiters_.push_back(self);
+            id = ++nextWaiterId_;
+            waiters_.push_back(Waiter{lock.mutex(), &cv, id});
             waitersChanged_.notify_all();
         }
         cv.wait(lock);
 
         std::unique_lock guard(mutex_);
-        const auto it = std::find_if(waiters_.begin(), waiters_.end(), [&](const Waiter& w) {
-            return w.mutex == self.mutex && w.cv == self.cv;
-        });
+        const auto it = std::find_if(waiters_.begin(), waiters_.end(),
+                                     [&](const Waiter& w) { return w.id == id; });
         if (it != waiters_.end()) {
-            waiters_.erase(it);
+            waiters_.erase(it);  // woken by someone else than advance()
+            waitersChanged_.notify_all();
         }
-        waitersChanged_.notify_all();
-        if (false && notifying_ > 0) {
-            // An advance() may still hold a copy of our entry and is about to
-            // lock our mutex and touch our condition variable: let it finish
-            // before the caller may destroy them. It needs our mutex for that.
+        if (notifying_ > 0) {
+            // An advance() may still hold our entry and is about to lock our
+            // mutex and touch our condition variable: let it finish before
+            // the caller may destroy them. It needs our mutex for that.
             lock.unlock();
             waitersChanged_.wait(guard, [&] { return notifying_ == 0; });
             guard.unlock();
@@ -77,8 +77,11 @@ void ManualTimeSource::advance(std::chrono::milliseconds by) {
             steady_ += by;
             system_ += by;
         }
-        toWake = waiters_;
+        // Every waiter is woken, so none is waiting any more: awaitWaiters()
+        // then sees them again only after they have looked at the new time.
+        toWake.swap(waiters_);
         ++notifying_;
+        waitersChanged_.notify_all();
     }
     // Our own mutex is released first: a waiter takes it while holding its
     // own, so taking them the other way round here would deadlock.

@@ -6,13 +6,14 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <vector>
 
 namespace ndpx::test {
 
 class ManualTimeSource : public platform::TimeSource {
-  public:
+public:
     ManualTimeSource();
 
     SystemTime systemNow() const override;
@@ -21,7 +22,8 @@ class ManualTimeSource : public platform::TimeSource {
     bool waitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
                    SteadyTime deadline, const Predicate& pred) override;
 
-    // Moves both clocks forward and wakes every waiter.
+    // Moves both clocks forward and wakes every waiter; a woken waiter counts
+    // in waiters() again once it has gone back to sleep.
     void advance(std::chrono::milliseconds by);
     // Moves only the wall clock (a clock change), both directions.
     void setSystemTime(SystemTime t);
@@ -32,10 +34,11 @@ class ManualTimeSource : public platform::TimeSource {
     bool awaitWaiters(std::size_t n,
                       std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
 
-  private:
+private:
     struct Waiter {
         std::mutex* mutex;
         std::condition_variable* cv;
+        std::uint64_t id;  // threads may share a mutex and condition variable
     };
     mutable std::mutex mutex_;
     mutable std::condition_variable waitersChanged_;
@@ -43,6 +46,7 @@ class ManualTimeSource : public platform::TimeSource {
     SteadyTime steady_;
     std::vector<Waiter> waiters_;
     std::size_t notifying_ = 0;  // advance() calls still notifying waiters
+    std::uint64_t nextWaiterId_ = 0;
 };
 
 }  // namespace ndpx::test

@@ -9,7 +9,8 @@ namespace ndpx::test {
 TestRegistry::TestRegistry() : log_(std::make_shared<CORE::CaptureSink>()) {
     platform::paths::setRoot(dir_.path());
     std::string error;
-    store_ = platform::openSqliteSettingsStore(platform::paths::settingsStoreFile().string(), error);
+    store_ =
+        platform::openSqliteSettingsStore(platform::paths::settingsStoreFile().string(), error);
     if (!store_) {
         throw std::runtime_error("cannot open test store: " + error);
     }
@@ -21,6 +22,7 @@ TestRegistry::TestRegistry() : log_(std::make_shared<CORE::CaptureSink>()) {
 TestRegistry::~TestRegistry() {
     CORE::removeLogSink(log_);
     CORE::setRegistry(nullptr);
+    platform::paths::setRoot({});  // back to $NDPX_ROOT: nothing may write into the dead root
 }
 
 void TestRegistry::setString(const std::string& key, const std::string& name,

@@ -122,7 +122,7 @@ std::vector<Line> logicalLines(std::string_view text) {
 }
 
 class LineParser {
-  public:
+public:
     LineParser(std::string_view text, std::string& error) : text_(text), error_(error) {}
 
     bool atEnd() const { return pos_ >= text_.size(); }
@@ -182,7 +182,7 @@ class LineParser {
         return false;
     }
 
-  private:
+private:
     std::string_view text_;
     std::size_t pos_ = 0;
     std::string& error_;

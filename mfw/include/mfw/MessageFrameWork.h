@@ -37,8 +37,8 @@ public:
     // Completion of SendAsyncMsg: runs on a worker thread once the request was
     // handled (or failed to be delivered). responseType 0 means success, else
     // an error code.
-    using AsyncCompletion = void (*)(void* context, const std::wstring& requestId,
-                                     int responseType, PropertyBag& response);
+    using AsyncCompletion = void (*)(void* context, const std::wstring& requestId, int responseType,
+                                     PropertyBag& response);
 
     // Sends and waits up to `timeoutMs` (kInfinite: no limit). Returns 0 or an
     // error code; `response` holds the worker's answer.
@@ -49,8 +49,8 @@ public:
     static bool PostMsg(const std::wstring& queue, const std::wstring& operation,
                         const PropertyBag& request);
     static bool SendAsyncMsg(const std::wstring& queue, const std::wstring& operation,
-                             const PropertyBag& request, AsyncCompletion completion,
-                             void* context, const std::wstring& requestId);
+                             const PropertyBag& request, AsyncCompletion completion, void* context,
+                             const std::wstring& requestId);
 };
 
 class WorkItem : public MessageHandler {};

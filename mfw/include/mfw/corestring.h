@@ -20,7 +20,9 @@ bool iequals(std::wstring_view a, std::wstring_view b);  // ASCII case-blind
 std::string toLowerAscii(std::string_view s);
 
 std::string base64Encode(const void* data, std::size_t size);
-inline std::string base64Encode(std::string_view s) { return base64Encode(s.data(), s.size()); }
+inline std::string base64Encode(std::string_view s) {
+    return base64Encode(s.data(), s.size());
+}
 // Accepts padded and unpadded input, ignores CR/LF; nullopt on bad input.
 std::optional<std::vector<std::uint8_t>> base64Decode(std::string_view text);
 

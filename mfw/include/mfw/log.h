@@ -12,7 +12,13 @@
 
 namespace CORE {
 
-enum LogLevel : int { kLogVerbose = 0, kLogDebug = 1, kLogInfo = 2, kLogWarning = 3, kLogError = 4 };
+enum LogLevel : int {
+    kLogVerbose = 0,
+    kLogDebug = 1,
+    kLogInfo = 2,
+    kLogWarning = 3,
+    kLogError = 4
+};
 
 struct LogRecord {
     std::string source;

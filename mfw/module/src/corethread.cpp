@@ -150,7 +150,9 @@ thread_local char t_nameRecord[5 + 1 + 254 + 1] = {};
 
 }  // namespace
 
-corethread::~corethread() { join(); }
+corethread::~corethread() {
+    join();
+}
 
 bool corethread::start(const std::string& name, std::function<void()> body) {
     if (thread_.joinable()) {
@@ -158,9 +160,8 @@ bool corethread::start(const std::string& name, std::function<void()> body) {
     }
     auto member = corethreadgroup::module().enter(name);
     try {
-        thread_ = std::thread([member, name, body = std::move(body)] {
-            runBody(member, name, body);
-        });
+        thread_ =
+            std::thread([member, name, body = std::move(body)] { runBody(member, name, body); });
     } catch (const std::system_error&) {
         corethreadgroup::module().leave(member);
         return false;

@@ -26,10 +26,16 @@ mfwPluginDll::~mfwPluginDll() {
     }
 }
 
-mfwPluginDll* mfwPluginDll::instance() { return g_instance; }
+mfwPluginDll* mfwPluginDll::instance() {
+    return g_instance;
+}
 
-bool mfwPluginDll::pluginInit(void*, void*, void*) { return false; }
-bool mfwPluginDll::pluginInitDone() { return true; }
+bool mfwPluginDll::pluginInit(void*, void*, void*) {
+    return false;
+}
+bool mfwPluginDll::pluginInitDone() {
+    return true;
+}
 void mfwPluginDll::pluginServiceInstall(void*, void*, void*) {}
 void mfwPluginDll::pluginServiceUninstall() {}
 
@@ -53,8 +59,8 @@ int mfwPluginDll::onPluginInit(void* /*host*/, void* a, void* b, void* c) {
             return plugin->pluginInitDone() ? 1 : 0;
         }
         // Installing never runs on the host's loading thread.
-        return corethread::startDetached("PluginInitThread",
-                                         [plugin, a, b, c] { plugin->pluginServiceInstall(a, b, c); })
+        return corethread::startDetached(
+                   "PluginInitThread", [plugin, a, b, c] { plugin->pluginServiceInstall(a, b, c); })
                    ? 1
                    : 0;
     } catch (const coreException& e) {

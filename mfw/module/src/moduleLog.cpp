@@ -9,7 +9,9 @@ namespace {
 char g_name[64] = "ndpx";
 }  // namespace
 
-const char* moduleSourceName() { return g_name; }
+const char* moduleSourceName() {
+    return g_name;
+}
 
 void setModuleSourceName(const std::string& name) {
     std::snprintf(g_name, sizeof g_name, "%s", name.c_str());

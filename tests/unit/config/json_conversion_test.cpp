@@ -23,7 +23,7 @@ constexpr const char* kNotObject =
 
 // Captures every log line at every level for the duration of a test.
 class LogCapture : public testing::Test {
-  protected:
+protected:
     void SetUp() override {
         savedLevel_ = CORE::logLevel();
         CORE::setLogLevel(0);
@@ -395,7 +395,7 @@ TEST_F(jsonUtil, LogRedactedWritesNothingAboveLevelOne) {
 // ---- owner check ------------------------------------------------------------------
 
 class jsonOwnerCheck : public LogCapture {
-  protected:
+protected:
     std::string makeFile(const char* name, mode_t mode) {
         const std::string path = (dir_.path() / name).string();
         std::ofstream(path) << "{}";

@@ -3,8 +3,8 @@
 
 #include "support/TempDir.h"
 
-#include <mfw/corethread.h>
 #include <mfw/coreevent.h>
+#include <mfw/corethread.h>
 #include <mfw/log.h>
 #include <mfw/moduleLog.h>
 

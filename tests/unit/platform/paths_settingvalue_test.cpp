@@ -49,7 +49,7 @@ TEST(SettingValue, FactoriesAndText) {
 
 // Restores $NDPX_ROOT and clears the explicit root after each test.
 class PathsTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         if (const char* v = std::getenv("NDPX_ROOT")) {
             savedEnv_ = v;
@@ -73,7 +73,7 @@ class PathsTest : public ::testing::Test {
 
     test::TempDir dir_;
 
-  private:
+private:
     std::optional<std::string> savedEnv_;
 };
 

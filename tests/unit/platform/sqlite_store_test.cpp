@@ -17,7 +17,7 @@ namespace {
 using namespace std::chrono_literals;
 
 class SqliteStoreTest : public ::testing::Test {
-  protected:
+protected:
     std::unique_ptr<SettingsStore> open() {
         std::string error;
         auto store = openSqliteSettingsStore(file_.string(), error);
@@ -134,6 +134,13 @@ TEST_F(SqliteStoreTest, FilesArePrivate) {
     // SQLite's side files take the database's mode while a connection is open.
     EXPECT_EQ(modeOf(file_.string() + "-wal"), 0600u);
     EXPECT_EQ(modeOf(file_.string() + "-shm"), 0600u);
+
+    // A store file left readable by others is tightened when opened.
+    store.reset();
+    ::chmod(file_.c_str(), 0644);
+    store = open();
+    ASSERT_NE(store, nullptr);
+    EXPECT_EQ(modeOf(file_), 0600u);
 
     std::ofstream(dir_.path() / "plainfile") << "x";
     std::string error;

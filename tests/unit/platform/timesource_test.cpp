@@ -170,6 +170,44 @@ TEST(ManualTimeSource, NotifyEndsWaitBeforeDeadlineAndNoLimitNeverTimesOut) {
     EXPECT_TRUE(sleeper.result.get());
 }
 
+TEST(ManualTimeSource, ThreadsSharingOneConditionWakeAtTheirOwnDeadlines) {
+    ManualTimeSource ts;
+    std::mutex m;
+    std::condition_variable cv;
+    bool quit = false;
+    auto waitOnShared = [&](std::chrono::milliseconds timeout) {
+        return std::async(std::launch::async, [&, timeout] {
+            std::unique_lock lock(m);
+            return ts.waitFor(lock, cv, timeout, [&] { return quit; });
+        });
+    };
+    auto shortWait = waitOnShared(10ms);
+    auto longWait = waitOnShared(20ms);
+    struct Release {  // declared last: frees the threads even after a failure
+        std::mutex& m;
+        std::condition_variable& cv;
+        bool& quit;
+        ~Release() {
+            std::lock_guard lock(m);
+            quit = true;
+            cv.notify_all();
+        }
+    } release{m, cv, quit};
+
+    ASSERT_TRUE(ts.awaitWaiters(2));
+    ts.advance(10ms);
+    ASSERT_EQ(shortWait.wait_for(5s), std::future_status::ready);
+    EXPECT_FALSE(shortWait.get());
+    ASSERT_TRUE(ts.awaitWaiters(1));
+    EXPECT_EQ(longWait.wait_for(0s), std::future_status::timeout);
+
+    cv.notify_all();  // a stray wake-up must not lose the long waiter's place
+    ASSERT_TRUE(ts.awaitWaiters(1));
+    ts.advance(10ms);
+    ASSERT_EQ(longWait.wait_for(5s), std::future_status::ready);
+    EXPECT_FALSE(longWait.get());
+}
+
 // Waiters whose mutex and condition variable die right after the wait, while
 // another thread keeps advancing: advance() must never touch them afterwards.
 TEST(ManualTimeSource, ShortLivedWaitersSurviveConcurrentAdvance) {

@@ -67,7 +67,8 @@ Posted g_posted;
 
 class SystemStub : public CORE::WorkItem {
 public:
-    bool handleMessage(const std::wstring& op, CORE::PropertyBag& req, CORE::PropertyBag&) override {
+    bool handleMessage(const std::wstring& op, CORE::PropertyBag& req,
+                       CORE::PropertyBag&) override {
         std::lock_guard lock(g_posted.m);
         g_posted.op = op;
         g_posted.file = req.get(L"FileName", L"");
@@ -83,8 +84,8 @@ TEST_F(ServiceOpTest, ShutdownNotifyInAnyCaseAsksTheHostToUnloadTheModule) {
     CORE::PropertyBag resp;
     EXPECT_TRUE(call(L"shutdownnotify", resp));
     std::unique_lock lock(g_posted.m);
-    EXPECT_TRUE(g_posted.cv.wait_for(lock, std::chrono::seconds(10),
-                                     [] { return !g_posted.op.empty(); }));
+    EXPECT_TRUE(
+        g_posted.cv.wait_for(lock, std::chrono::seconds(10), [] { return !g_posted.op.empty(); }));
     EXPECT_EQ(g_posted.op, L"UnloadPlugin");
     EXPECT_EQ(g_posted.file, L"ndpx_mqtt");
     lock.unlock();

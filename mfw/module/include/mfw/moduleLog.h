@@ -15,9 +15,9 @@ void setModuleSourceName(const std::string& name);
 
 // Formats and writes only when the level is on, so arguments cost nothing
 // otherwise. The format is checked by the compiler.
-#define MFW_LOG(level, ...)                                                          \
-    do {                                                                             \
-        if (::CORE::isLoggingAtLevel(level)) {                                       \
+#define MFW_LOG(level, ...)                                                         \
+    do {                                                                            \
+        if (::CORE::isLoggingAtLevel(level)) {                                      \
             ::CORE::__SysMessage(::CORE::moduleSourceName(), (level), __VA_ARGS__); \
-        }                                                                            \
+        }                                                                           \
     } while (0)
