@@ -145,9 +145,7 @@ std::wstring joinList(const std::vector<std::wstring>& items) {
 mqttConfig::mqttConfig() : mqttConfig(nullptr) {}
 
 mqttConfig::mqttConfig(std::shared_ptr<ndpx::platform::SettingsStore> store)
-    : CORE::sysconfig(store ? std::move(store)
-                            : std::shared_ptr<ndpx::platform::SettingsStore>(
-                                  &CORE::registry(), [](ndpx::platform::SettingsStore*) {})) {
+    : CORE::sysconfig(store ? std::move(store) : CORE::registryShared()) {
     composerAgentDetected_ = this->store().keyExists(kComposerKey);
     if (composerAgentDetected_) {
         MFW_LOG(CORE::kLogInfo, "XKPC agent detected");

@@ -54,6 +54,10 @@ SettingsStore& registry() {
     return *current();
 }
 
+std::shared_ptr<SettingsStore> registryShared() {
+    return current();
+}
+
 void setRegistry(std::shared_ptr<SettingsStore> store) {
     std::lock_guard lock(g_mutex);
     g_store = std::move(store);

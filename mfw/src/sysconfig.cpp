@@ -6,17 +6,8 @@
 #include <cwchar>
 
 namespace CORE {
-namespace {
 
-std::shared_ptr<ndpx::platform::SettingsStore> processStore() {
-    // Non-owning alias of the process registry, which outlives every sysconfig.
-    return std::shared_ptr<ndpx::platform::SettingsStore>(&registry(),
-                                                          [](ndpx::platform::SettingsStore*) {});
-}
-
-}  // namespace
-
-sysconfig::sysconfig() : sysconfig(processStore()) {}
+sysconfig::sysconfig() : sysconfig(registryShared()) {}
 
 sysconfig::sysconfig(std::shared_ptr<ndpx::platform::SettingsStore> store)
     : store_(std::move(store)) {}

@@ -11,6 +11,8 @@ namespace CORE {
 // The process-wide store. Never fails: if the database cannot be opened the
 // error is logged and an in-memory store that keeps nothing is returned.
 ndpx::platform::SettingsStore& registry();
+// The same store, shared: for objects that keep it beyond one call.
+std::shared_ptr<ndpx::platform::SettingsStore> registryShared();
 
 // Replaces the process store (nullptr: reopen from the root mapping on next use).
 void setRegistry(std::shared_ptr<ndpx::platform::SettingsStore> store);

@@ -1,0 +1,91 @@
+#pragma once
+// A small certificate authority for development and tests: root and
+// intermediate CAs, server and client certificates with chosen names and
+// validity, CSR signing and CRLs. Used by the test suites (real chains
+// instead of checked-in blobs) and by the development control plane.
+
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ndpx::devca {
+
+struct X509Deleter {
+    void operator()(X509* p) const { X509_free(p); }
+};
+struct PkeyDeleter {
+    void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
+};
+using X509Ptr = std::unique_ptr<X509, X509Deleter>;
+using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyDeleter>;
+
+// Validity relative to now: [now + notBefore, now + notBefore + lifetime].
+// A negative notBefore with a short lifetime gives an expired certificate; a
+// positive notBefore one that is not yet valid.
+struct Validity {
+    std::chrono::seconds notBefore{-3600};
+    std::chrono::seconds lifetime{std::chrono::hours(24 * 365)};
+};
+
+struct Issued {
+    X509Ptr cert;
+    PkeyPtr key;  // empty when a CSR was signed (the requester keeps the key)
+    std::string certPem;
+    std::string keyPem;  // PKCS#8 PEM, empty when `key` is empty
+    std::string serialHex;
+};
+
+class CertificateAuthority {
+public:
+    // A self-signed root CA (RSA-2048, SHA-256).
+    static CertificateAuthority createRoot(const std::string& commonName, Validity v = {});
+    // An intermediate CA signed by this one.
+    CertificateAuthority createIntermediate(const std::string& commonName, Validity v = {});
+
+    // A TLS server certificate; `dnsNames` and `ipAddresses` become the
+    // subject alternative names.
+    Issued issueServer(const std::string& commonName, const std::vector<std::string>& dnsNames,
+                       const std::vector<std::string>& ipAddresses, Validity v = {});
+    // A TLS client certificate with the given subject common name.
+    Issued issueClient(const std::string& commonName, Validity v = {});
+    // Signs a PEM CSR as a client certificate. The subject is taken from the
+    // CSR unless `commonName` is given. nullopt if the CSR is bad or its
+    // signature does not verify.
+    std::optional<Issued> signCsr(const std::string& csrPem,
+                                  const std::optional<std::string>& commonName = std::nullopt,
+                                  Validity v = {});
+
+    void revoke(const std::string& serialHex);
+    // A CRL (PEM) listing every revoked serial, valid from an hour ago for a day.
+    std::string crlPem() const;
+
+    const std::string& certPem() const { return certPem_; }
+    const std::string& keyPem() const { return keyPem_; }
+    X509* cert() const { return cert_.get(); }
+    EVP_PKEY* key() const { return key_.get(); }
+    // The chain from this CA up to its root, this CA first (PEM, concatenated).
+    std::string chainPem() const;
+
+    // Writes certificate and key PEM files (mode 0600).
+    bool writeFiles(const std::string& certFile, const std::string& keyFile) const;
+
+private:
+    CertificateAuthority() = default;
+    X509Ptr cert_;
+    PkeyPtr key_;
+    std::string certPem_;
+    std::string keyPem_;
+    std::string parentChainPem_;
+    std::vector<std::string> revoked_;
+    long nextSerial_ = 1000;
+};
+
+// Writes `text` to `path` with mode 0600 (atomically: temp file + rename).
+bool writePrivateFile(const std::string& path, const std::string& text);
+
+}  // namespace ndpx::devca
