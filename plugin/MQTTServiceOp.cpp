@@ -1,5 +1,6 @@
 #include "plugin/MQTTServiceOp.h"
 
+#include "mqtt/MqttManager.h"
 #include "plugin/MQTTService.h"
 
 #include <mfw/corestring.h>
@@ -32,14 +33,39 @@ bool MQTTServiceOp::handleMessage(const std::wstring& operation, CORE::PropertyB
     return result;
 }
 
-bool MQTTServiceOp::dispatch(const std::wstring& operation, CORE::PropertyBag& /*request*/,
+bool MQTTServiceOp::dispatch(const std::wstring& operation, CORE::PropertyBag& request,
                              CORE::PropertyBag& response) {
+    MqttManager& manager = MqttManager::GetInstance();
+    // Compared in this order, without regard to case; the first match wins.
+    if (CORE::iequals(operation, L"PublishAsyncNotification")) {
+        manager.SendSessionReport(request);
+        return true;
+    }
+    if (CORE::iequals(operation, L"PublishSessionMessage")) {
+        manager.PublishSessionMessage(request);
+        return true;
+    }
     if (CORE::iequals(operation, L"ShutdownNotify")) {
         requestUnload();
         return true;
     }
-    // The publishing, migration and endpoint operations are served once the
-    // session can carry them.
+    if (CORE::iequals(operation, L"PublishTopicMessage")) {
+        manager.PublishDesktopNotification(request);
+        return true;
+    }
+    if (CORE::iequals(operation, L"MigrateToCorvid")) {
+        return manager.MigrateToCorvid(request, response);
+    }
+    if (CORE::iequals(operation, L"SendEvent")) {
+        manager.PublishEvent(request);
+        return true;
+    }
+    if (CORE::iequals(operation, L"UpdateMqttEndpoints")) {
+        return manager.UpdateEndpointURL(request, response);
+    }
+    if (CORE::iequals(operation, L"GetEndpointProperties")) {
+        return manager.GetEndpointProperties(request, response);
+    }
     MFW_LOG(CORE::kLogVerbose, "Service operation: %s NOT IMPLEMENTED",
             CORE::toUtf8(operation).c_str());
     setReplyError(response, CORE::kErrorNotImplemented);

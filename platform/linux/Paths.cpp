@@ -1,6 +1,8 @@
 #include <platform/Paths.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -86,6 +88,43 @@ bool createSecureDirectories(const std::filesystem::path& dir, std::string& erro
         }
         error = "cannot create directory " + current.string() + ": " +
                 std::strerror(mkdirErrno == EEXIST ? ENOTDIR : mkdirErrno);
+        return false;
+    }
+    return true;
+}
+
+bool writePrivateFile(const std::filesystem::path& path, const std::string& text,
+                      std::string& error) {
+    const std::string tmp = path.string() + ".tmp";
+    const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        error = std::strerror(errno);
+        return false;
+    }
+    ::fchmod(fd, 0600);  // an old temporary file may have had other bits
+    std::size_t done = 0;
+    bool ok = true;
+    while (done < text.size()) {
+        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            ok = false;
+            break;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    ok = ok && ::fsync(fd) == 0;
+    if (!ok) {
+        error = std::strerror(errno);
+    }
+    ::close(fd);
+    if (!ok || ::rename(tmp.c_str(), path.c_str()) != 0) {
+        if (ok) {
+            error = std::strerror(errno);
+        }
+        ::unlink(tmp.c_str());
         return false;
     }
     return true;

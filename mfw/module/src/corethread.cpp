@@ -19,8 +19,9 @@ struct corethreadgroup::Member {
 };
 
 corethreadgroup& corethreadgroup::module() {
-    static corethreadgroup* group = new corethreadgroup;  // used until the module unloads
-    return *group;
+    // Destroyed when the module is unloaded, after PluginExit has emptied it.
+    static corethreadgroup group;
+    return group;
 }
 
 std::shared_ptr<corethreadgroup::Member> corethreadgroup::enter(const std::string& name) {

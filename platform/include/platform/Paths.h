@@ -22,4 +22,9 @@ std::filesystem::path runDir();             // $ROOT/run/Brasswick
 // is accepted as it is. Returns false (and sets `error`) on failure.
 bool createSecureDirectories(const std::filesystem::path& dir, std::string& error);
 
+// Writes `text` to `path` with mode 0600, atomically (a temporary file in the
+// same directory, flushed, then renamed over the old one).
+bool writePrivateFile(const std::filesystem::path& path, const std::string& text,
+                      std::string& error);
+
 }  // namespace ndpx::platform::paths

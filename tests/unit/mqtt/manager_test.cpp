@@ -18,7 +18,11 @@ class ManagerTest : public ::testing::Test {
 protected:
     TestRegistry reg_;
     std::shared_ptr<mqttConfig> cfg_ = std::make_shared<mqttConfig>(reg_.shared());
-    MqttManager manager_{{&platform::TimeSource::real(), [this] { return cfg_; }}};
+    MqttManager manager_{[this] {
+        MqttManagerDependencies d;
+        d.config = [this] { return cfg_; };
+        return d;
+    }()};
 };
 
 TEST(MqttStateNames, KnownAndUnknownValues) {

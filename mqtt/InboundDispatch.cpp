@@ -1,0 +1,185 @@
+// Inbound messages: routed by topic; commands go to the desktop manager
+// worker and their answers back to the control plane.
+
+#include "config/JsonUtil.h"
+#include "config/MqttManagerUtil.h"
+#include "config/RedactWriter.h"
+#include "mqtt/MqttManager.h"
+
+#include <mfw/MessageFrameWork.h>
+#include <mfw/corestring.h>
+#include <mfw/moduleLog.h>
+
+namespace ndpx {
+
+void MqttManager::onMessageArrived(std::string topic, std::string payload) {
+    // The library acknowledges once this returns: queue and return.
+    executor_.post([this, topic = std::move(topic), payload = std::move(payload)] {
+        OnMessage(topic, payload);
+    });
+}
+
+std::size_t MqttManager::pendingCommandCount() const {
+    std::lock_guard lock(pendingLock_);
+    return pendingCommands_.size();
+}
+
+void MqttManager::OnMessage(const std::string& topic, const std::string& payload) {
+    MFW_LOG(CORE::kLogDebug, "MqttManager::OnMessage(): Incoming message on topic %s",
+            topic.c_str());
+    const SubscribeTopics topics = subscribeTopics();
+    Json::Value root;
+    if (!MqttManagerUtil::parseJson(payload, root)) {
+        MFW_LOG(CORE::kLogError, "MqttManager::OnMessage(): Failed to parse incoming message: %s.",
+                payload.c_str());
+        if (topic == topics.dtemplate) {
+            Json::Value status;
+            BuildStatusMessage(status, "TEMPLATE_PARSE_ERROR", 0, {});
+            int token = 0;
+            DoPublishMessage(publishTopics().desktopStatus, MqttManagerUtil::writeCompact(status),
+                             token, 1, false);
+        }
+        return;
+    }
+    if (CORE::isLoggingAtLevel(CORE::kLogDebug)) {
+        const std::string redacted = RedactWriter::write(root);
+        MFW_LOG(CORE::kLogDebug, "MqttManager::OnMessage(): Incoming message: %s",
+                redacted.c_str());
+    }
+    if (!topics.bootstrap.empty() && topic == topics.bootstrap) {
+        ProcessBootstrapMessage(root);
+    } else if (topic == topics.commands || topic == topics.configuration) {
+        ProcessCommandMessage(std::move(root));
+    } else if (topic == topics.dtemplate) {
+        if (deps_.templateHandler) {
+            deps_.templateHandler(root);
+        }
+    } else if (topic == topics.otpToken) {
+        if (deps_.otpTokenHandler) {
+            deps_.otpTokenHandler(root);
+        }
+    } else {
+        MFW_LOG(CORE::kLogWarning,
+                "MqttManager::OnMessage(): Discarding message for unhandled topic %s",
+                topic.c_str());
+    }
+}
+
+void MqttManager::ProcessBootstrapMessage(const Json::Value& root) {
+    MFW_LOG(CORE::kLogInfo, "MqttManager::ProcessBootstrapMessage(): Processing bootstrap message");
+    if (!root.isObject() || !root.isMember("SessionReportConfig")) {
+        return;
+    }
+    const Json::Value& config = root["SessionReportConfig"];
+    if (config.isObject()) {
+        ProcessSessionReportConfigMessage(config);
+    } else {
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::ProcessBootstrapMessage(): Invalid SessionReportConfig");
+    }
+}
+
+void MqttManager::ProcessSessionReportConfigMessage(const Json::Value& config) {
+    MFW_LOG(CORE::kLogDebug,
+            "MqttManager::ProcessSessionReportConfigMessage(): Processing session report "
+            "configuration");
+    auto cfg = this->config();
+    std::vector<std::wstring> fields;
+    if (JsonUtil::GetArrayProperty(config, "UNWANTEDFIELDS", fields)) {
+        cfg->setUnwantedFields(fields);
+    }
+    if (JsonUtil::GetArrayProperty(config, "UNWANTEDSESSIONFIELDS", fields)) {
+        cfg->setUnwantedSessionFields(fields);
+    }
+}
+
+void MqttManager::ProcessCommandMessage(Json::Value root) {
+    MFW_LOG(CORE::kLogDebug, "MqttManager::ProcessCommandMessage(): Processing command message");
+    const std::wstring id =
+        CORE::toWide(root.isObject() && root["ID"].isString() ? root["ID"].asString() : "");
+    if (duplicates_->IsEnabled() && duplicates_->IsDuplicate(id)) {
+        MFW_LOG(CORE::kLogDebug,
+                "MqttManager::ProcessCommandMessage(): Found duplicate message for ID: %s, "
+                "dropping the message",
+                CORE::toUtf8(id).c_str());
+        return;
+    }
+    Json::Value command;
+    root.removeMember("COMMAND", &command);
+    if (!command.isString()) {
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::ProcessCommandMessage(): COMMAND object is not a string");
+        return;
+    }
+    Json::Value metadata;
+    root.removeMember("METADATA", &metadata);
+    if (!metadata.isNull() && !metadata.isObject()) {
+        MFW_LOG(CORE::kLogWarning, "MqttManager::ProcessCommandMessage(): Metadata is invalid");
+        metadata = Json::Value();
+    }
+    CORE::PropertyBag bag;
+    if (!MqttManagerUtil::JSONToBag(root, bag)) {
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::ProcessCommandMessage(): Unable to convert Json to PropertyBag");
+        return;
+    }
+    const std::wstring name = CORE::toWide(command.asString());
+    {
+        std::lock_guard lock(pendingLock_);
+        pendingCommands_[id] = PendingCommand{name, metadata};
+    }
+    duplicates_->Record(id);
+    if (!CORE::MessageHandler::SendAsyncMsg(L"DesktopManager", name, bag, &onAsyncMsgComplete, this,
+                                            id)) {
+        // No desktop manager to take it: answer now so the control plane is told.
+        CORE::PropertyBag error;
+        CORE::serviceOperation::setReplyError(error, CORE::kErrorNotFound,
+                                              L"DesktopManager is not available");
+        onAsyncMsgComplete(this, id, CORE::kErrorNotFound, error);
+    }
+}
+
+void MqttManager::onAsyncMsgComplete(void* context, const std::wstring& id, int responseType,
+                                     CORE::PropertyBag& response) {
+    if (context == nullptr) {
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::onAsyncMsgComplete(): Invalid context. Cannot respond to id: %s",
+                CORE::toUtf8(id).c_str());
+        return;
+    }
+    auto* self = static_cast<MqttManager*>(context);
+    std::wstring command;
+    Json::Value metadata;
+    {
+        std::lock_guard lock(self->pendingLock_);
+        auto it = self->pendingCommands_.find(id);
+        if (it != self->pendingCommands_.end()) {
+            command = it->second.command;
+            metadata = it->second.metadata;
+            self->pendingCommands_.erase(it);
+        }
+    }
+    if (responseType == CORE::kErrorSuccess && CORE::iequals(command, L"StartSession") &&
+        self->deps_.startSessionEnricher) {
+        self->deps_.startSessionEnricher(response);
+    }
+    Json::Value answer = MqttManagerUtil::BagToJSON(response);
+    if (!answer.isObject()) {
+        answer = Json::Value(Json::objectValue);
+    }
+    answer["ID"] = CORE::toUtf8(id);
+    if (!metadata.isNull()) {
+        answer["METADATA"] = metadata;
+    }
+    int token = 0;
+    const std::string text = MqttManagerUtil::writeCompact(answer);
+    if (self->DoPublishMessage(self->publishTopics().response, text, token, 1, false) &&
+        CORE::isLoggingAtLevel(CORE::kLogInfo)) {
+        const std::string redacted = RedactWriter::write(answer);
+        MFW_LOG(CORE::kLogInfo,
+                "MqttManager::PublishMessage(): Published message (%d) to topic %s: %s", token,
+                self->publishTopics().response.c_str(), redacted.c_str());
+    }
+}
+
+}  // namespace ndpx

@@ -1,0 +1,273 @@
+// Session logic against a fake client library: topic names, subscriptions,
+// connection options and callbacks, publishing rules and inbound dispatch.
+
+#include "config/MqttManagerUtil.h"
+#include "fakes/FakeMqttClient.h"
+#include "mqtt/MqttManager.h"
+#include "support/TestRegistry.h"
+
+#include <mfw/MessageFrameWork.h>
+#include <mfw/corestring.h>
+
+#include <gtest/gtest.h>
+
+namespace ndpx {
+namespace {
+
+using test::FakeMqttState;
+using test::TestRegistry;
+
+Json::Value parse(const std::string& text) {
+    Json::Value v;
+    EXPECT_TRUE(MqttManagerUtil::parseJson(text, v)) << text;
+    return v;
+}
+
+class SessionTest : public ::testing::Test {
+protected:
+    SessionTest() {
+        reg_.setString(kNodeManagerKey, "mqtt_EdgeId", "e1");
+        reg_.setString(kNodeManagerKey, "mqtt_VmId", "vm7");
+        reg_.setString(kNodeManagerKey, "mqtt_ShortTemplateId", "t3");
+        reg_.setString(kNodeManagerKey, "mqtt_AgentIdentity", "e1t3_vm7");
+    }
+    ~SessionTest() override { manager_->Stop(); }
+
+    MqttManagerDependencies deps() {
+        MqttManagerDependencies d;
+        d.config = [this] { return cfg_; };
+        d.clientFactory = test::fakeClientFactory(fake_);
+        d.connectionMaterial = [this]() -> std::optional<ConnectionMaterial> {
+            return material_;
+        };
+        return d;
+    }
+
+    // Started, paired, topics named and connected through the fake.
+    void connect() {
+        ASSERT_TRUE(manager_->Start());
+        manager_->setPairedStateKnown(true);
+        manager_->setPaired(true);
+        ASSERT_TRUE(manager_->ConfigureTopicNames());
+        ASSERT_EQ(manager_->Connect(), 1);
+        fake_.isConnected = true;
+        fake_.listener->onConnectSuccess();
+        fake_.listener->onConnected("connect");
+        ASSERT_TRUE(fake_.waitSubscribed(5));
+    }
+
+    void confirmSubscriptions() {
+        std::vector<MqttClient::SuccessFn> confirm;
+        {
+            std::lock_guard lock(fake_.mutex);
+            confirm = fake_.subscribeSuccess;
+        }
+        for (auto& fn : confirm) {
+            fn(0);
+        }
+    }
+
+    TestRegistry reg_;
+    std::shared_ptr<mqttConfig> cfg_ = std::make_shared<mqttConfig>(reg_.shared());
+    FakeMqttState fake_;
+    std::optional<ConnectionMaterial> material_ = ConnectionMaterial{
+        "ssl://broker.example:8883", "e1t3_vm7", "desktop/bootstrap/e1t3_vm7", "CA-PEM",
+        "CLIENT-PEM", "KEY-PEM", "ROOTS-PEM"};
+    std::unique_ptr<MqttManager> manager_ = std::make_unique<MqttManager>(deps());
+};
+
+TEST_F(SessionTest, TopicsAreNamedFromEdgeAndMachineOrFromTheIdentity) {
+    ASSERT_TRUE(manager_->ConfigureTopicNames());
+    auto sub = manager_->subscribeTopics();
+    auto pub = manager_->publishTopics();
+    EXPECT_EQ(sub.commands, "desktop/e1/vm7/agent/sessions/commands");
+    EXPECT_EQ(sub.configuration, "desktop/e1/t3/configuration");
+    EXPECT_EQ(sub.bootstrap, "desktop/bootstrap/e1t3_vm7");
+    EXPECT_EQ(pub.desktopStatus, "desktop/e1/vm7/agent/status");
+    EXPECT_EQ(pub.eventLogger, "desktop/e1/vm7/agent/eventlogger");
+
+    reg_.store().remove(kNodeManagerKey, "mqtt_EdgeId");
+    reg_.setString(kNodeManagerKey, "mqtt_TemplateId", "tmpl");
+    ASSERT_TRUE(manager_->ConfigureTopicNames());
+    sub = manager_->subscribeTopics();
+    EXPECT_EQ(sub.commands, "desktop/e1t3_vm7/agent/sessions/commands");
+    EXPECT_EQ(sub.configuration, "desktop/tmpl/configuration");
+    EXPECT_EQ(formatTopic("desktop/%s/x", std::string(300, 'a')).size(), 260u);
+}
+
+TEST_F(SessionTest, ConnectUsesTheConfiguredOptionsAndPrivateMaterialFiles) {
+    reg_.setString(kNodeManagerKey, "mqtt_MaxBufferedMessages", "7");
+    reg_.setString(kNodeManagerKey, "mqtt_LWTMessage", "GONE");
+    connect();
+    EXPECT_EQ(fake_.created.serverUri, "ssl://broker.example:8883");
+    EXPECT_EQ(fake_.created.clientId, "e1t3_vm7");
+    EXPECT_EQ(fake_.created.maxBufferedMessages, 7);
+    EXPECT_EQ(fake_.connected.willTopic, "desktop/e1/vm7/agent/status");
+    const Json::Value will = parse(fake_.connected.willPayload);
+    EXPECT_EQ(will["status"].asString(), "GONE");
+    EXPECT_EQ(will["guid"].asString(), manager_->connectionGuid());
+    EXPECT_EQ(will.size(), 2u);
+    EXPECT_EQ(manager_->connectionGuid().size(), 36u);
+    struct stat st {};
+    ASSERT_EQ(::stat(fake_.connected.privateKeyFile.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(manager_->GetState(), MQTT_STATE_CONNECTED);
+    EXPECT_EQ(manager_->lastEndpointResult("ssl://broker.example:8883"), kEndpointConnected);
+    EXPECT_EQ(reg_.log().count("MqttManager::SubscribeToTopics(): Subscribing to"), 5u);
+}
+
+TEST_F(SessionTest, AllFiveConfirmationsGiveMask31AndMoveAMigrationToConnected) {
+    cfg_->setMigrationStatus(1);
+    connect();
+    std::vector<MqttClient::SuccessFn> confirm;
+    {
+        std::lock_guard lock(fake_.mutex);
+        confirm = fake_.subscribeSuccess;
+    }
+    for (std::size_t i = 0; i + 1 < confirm.size(); ++i) {
+        confirm[i](0);
+    }
+    EXPECT_EQ(cfg_->getMigrationStatus(), 1);  // four of five: unchanged
+    confirm.back()(0);
+    EXPECT_EQ(manager_->subscribedMask(), kAllSubscribed);
+    EXPECT_EQ(cfg_->getMigrationStatus(), 2);
+    // The template subscription asked for an identity.
+    const auto status = fake_.publishedOn("desktop/e1/vm7/agent/status");
+    ASSERT_EQ(status.size(), 1u);
+    EXPECT_EQ(parse(status[0].payload)["status"].asString(), "NEED_ID");
+    EXPECT_EQ(status[0].qos, 2);
+
+    fake_.listener->onConnectionLost("broker went away");
+    EXPECT_EQ(manager_->subscribedMask(), 0u);
+    EXPECT_EQ(manager_->GetState(), MQTT_STATE_NOT_CONNECTED);
+}
+
+TEST_F(SessionTest, ConnectFailuresAreClassifiedAndLibraryErrorsLogged) {
+    ASSERT_TRUE(manager_->Start());
+    manager_->ConfigureTopicNames();
+    ASSERT_EQ(manager_->Connect(), 1);
+    fake_.listener->onConnectFailure({-1, 0, "tls handshake failed", 3});
+    EXPECT_EQ(manager_->lastEndpointResult("ssl://broker.example:8883"), kEndpointTlsFailed);
+    fake_.listener->onConnectFailure({-1, 0, "connection refused", 4});
+    EXPECT_EQ(manager_->lastEndpointResult("ssl://broker.example:8883"), kEndpointFailed);
+    EXPECT_TRUE(reg_.log().contains(
+        "MqttManager::OnConnectionFailure(): MQTT connection failed. Error code: -1. MQTT Reason "
+        "Code: 0. Error message: connection refused. Token: 4"));
+
+    fake_.attachRc = -3;
+    fake_.attachStep = 2;
+    EXPECT_EQ(manager_->Connect(), 0);
+    EXPECT_TRUE(reg_.log().contains(
+        "MqttManager::Connect(): Failed to set reconnected callback, return code -3"));
+    fake_.attachRc = 0;
+    material_.reset();
+    EXPECT_EQ(manager_->Connect(), 0);
+}
+
+TEST_F(SessionTest, PublishingRefusalsAndRedactedLogging) {
+    int token = 0;
+    EXPECT_FALSE(manager_->DoPublishMessage("t", "{}", token, 0, false));
+    EXPECT_TRUE(reg_.log().contains("Not publishing message, paired state is undetermined"));
+    connect();
+    EXPECT_FALSE(manager_->DoPublishMessage("", "{}", token, 0, false));
+    EXPECT_TRUE(reg_.log().contains("Message topic is empty, unable to publish msg"));
+
+    CORE::PropertyBag update;
+    update.set(L"BODY", L"AGENT_UPDATE_NOTIFICATION");
+    EXPECT_FALSE(manager_->PublishDesktopNotification(update));
+    EXPECT_TRUE(reg_.log().contains("empty properties bag for notification"));
+
+    CORE::PropertyBag event;
+    event.set(L"password", L"hunter2");
+    event.set(L"EVENT", L"login");
+    ASSERT_TRUE(manager_->PublishEvent(event));
+    const auto events = fake_.publishedOn("desktop/e1/vm7/agent/eventlogger");
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(parse(events[0].payload)["password"].asString(), "hunter2");  // sent as given
+    EXPECT_EQ(events[0].qos, 2);
+    for (const auto& line : reg_.log().lines()) {
+        EXPECT_EQ(line.find("hunter2"), std::string::npos) << line;
+    }
+}
+
+// A desktop manager that answers every command with its name and arguments.
+class EchoDesktopManager : public CORE::WorkItem {
+public:
+    bool handleMessage(const std::wstring& op, CORE::PropertyBag& req,
+                       CORE::PropertyBag& resp) override {
+        resp = req;
+        resp.set(L"HANDLED", op);
+        return true;
+    }
+};
+
+class InboundTest : public SessionTest {
+protected:
+    void SetUp() override {
+        CORE::MessageFrameWork::System().AddWorkerEx(
+            [](void*) -> std::unique_ptr<CORE::WorkItem> {
+                return std::make_unique<EchoDesktopManager>();
+            },
+            nullptr, L"DesktopManager", L"test", 0, nullptr);
+        connect();
+    }
+    void TearDown() override { CORE::MessageFrameWork::System().RemoveWorker(L"DesktopManager", 0); }
+    void deliver(const std::string& topic, const std::string& payload) {
+        fake_.listener->onMessageArrived(topic, payload);
+    }
+    const std::string commands_ = "desktop/e1/vm7/agent/sessions/commands";
+    const std::string response_ = "desktop/e1/vm7/agent/sessions/response";
+};
+
+TEST_F(InboundTest, CommandIsAnsweredOnceWithItsIdAndMetadata) {
+    deliver(commands_, R"({"ID":"c1","COMMAND":"GetHostFacts","METADATA":{"req":7},"X":"y"})");
+    ASSERT_TRUE(fake_.waitPublished(response_, 1));
+    deliver(commands_, R"({"ID":"c1","COMMAND":"GetHostFacts"})");  // redelivery
+    deliver(commands_, R"({"ID":"c2","COMMAND":"Other","METADATA":"not an object"})");
+    ASSERT_TRUE(fake_.waitPublished(response_, 2));
+    const auto answers = fake_.publishedOn(response_);
+    ASSERT_EQ(answers.size(), 2u);
+    const Json::Value first = parse(answers[0].payload);
+    EXPECT_EQ(first["ID"].asString(), "c1");
+    EXPECT_EQ(first["METADATA"]["req"].asInt(), 7);
+    EXPECT_EQ(first["HANDLED"].asString(), "GetHostFacts");
+    EXPECT_EQ(first["X"].asString(), "y");
+    EXPECT_FALSE(first.isMember("COMMAND"));
+    EXPECT_EQ(answers[0].qos, 1);
+    const Json::Value second = parse(answers[1].payload);
+    EXPECT_EQ(second["ID"].asString(), "c2");
+    EXPECT_FALSE(second.isMember("METADATA"));
+    EXPECT_TRUE(reg_.log().contains("Found duplicate message for ID: c1, dropping the message"));
+    EXPECT_EQ(manager_->pendingCommandCount(), 0u);
+}
+
+TEST_F(InboundTest, BadCommandsAreDroppedAndNotRemembered) {
+    deliver(commands_, R"({"ID":"n1","COMMAND":42})");
+    deliver(commands_, R"({"ID":"n1","COMMAND":"Fixed"})");  // not a duplicate: n1 was dropped
+    ASSERT_TRUE(fake_.waitPublished(response_, 1));
+    EXPECT_TRUE(reg_.log().contains("COMMAND object is not a string"));
+    EXPECT_EQ(parse(fake_.publishedOn(response_)[0].payload)["HANDLED"].asString(), "Fixed");
+}
+
+TEST_F(InboundTest, TemplateParseErrorsAreReportedOnceAndOtherTopicsDiscarded) {
+    deliver("desktop/e1/vm7/agent/receive/dtemplate", "{not json");
+    deliver(commands_, "{also not json");
+    deliver("desktop/elsewhere", R"({"a":1})");
+    deliver("desktop/bootstrap/e1t3_vm7",
+            R"({"SessionReportConfig":{"UNWANTEDFIELDS":[],"UNWANTEDSESSIONFIELDS":["A","B"]}})");
+    deliver(commands_, R"({"ID":"last","COMMAND":"Marker"})");  // runs after all of the above
+    ASSERT_TRUE(fake_.waitPublished(response_, 1));
+    const auto status = fake_.publishedOn("desktop/e1/vm7/agent/status");
+    std::size_t parseErrors = 0;
+    for (const auto& s : status) {
+        parseErrors += parse(s.payload)["status"].asString() == "TEMPLATE_PARSE_ERROR" ? 1 : 0;
+    }
+    EXPECT_EQ(parseErrors, 1u);
+    EXPECT_TRUE(reg_.log().contains(
+        "MqttManager::OnMessage(): Discarding message for unhandled topic desktop/elsewhere"));
+    EXPECT_TRUE(cfg_->getUnwantedFields().empty());
+    EXPECT_EQ(cfg_->getUnwantedSessionFields(), (std::vector<std::wstring>{L"A", L"B"}));
+}
+
+}  // namespace
+}  // namespace ndpx
