@@ -1,0 +1,109 @@
+#include <platform/FileCreationWaiter.h>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace ndpx::platform {
+namespace {
+
+struct Fd {
+    int fd = -1;
+    ~Fd() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+};
+
+}  // namespace
+
+FileCreationWaiter::FileCreationWaiter() : eventFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+FileCreationWaiter::~FileCreationWaiter() {
+    if (eventFd_ >= 0) {
+        ::close(eventFd_);
+    }
+}
+
+void FileCreationWaiter::interrupt() {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto n = ::write(eventFd_, &one, sizeof one);
+}
+
+void FileCreationWaiter::reset() {
+    std::uint64_t value = 0;
+    [[maybe_unused]] const auto n = ::read(eventFd_, &value, sizeof value);
+}
+
+FileCreationWaiter::Result FileCreationWaiter::wait(const std::filesystem::path& file,
+                                                    std::string& error, int& failedStep) {
+    if (eventFd_ < 0) {
+        failedStep = 2;
+        error = "no event descriptor";
+        return Result::Failed;
+    }
+    Fd notify;
+    notify.fd = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    if (notify.fd < 0) {
+        failedStep = 2;
+        error = std::strerror(errno);
+        return Result::Failed;
+    }
+    const auto dir = file.parent_path();
+    if (::inotify_add_watch(notify.fd, dir.c_str(),
+                            IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE_SELF) < 0) {
+        failedStep = 1;
+        error = std::strerror(errno);
+        return Result::Failed;
+    }
+    // Checked after the watch is in place, so a file made in between is not missed.
+    std::error_code ec;
+    if (std::filesystem::exists(file, ec)) {
+        return Result::Created;
+    }
+    for (;;) {
+        pollfd fds[2] = {{notify.fd, POLLIN, 0}, {eventFd_, POLLIN, 0}};
+        const int n = ::poll(fds, 2, -1);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            failedStep = 3;
+            error = std::strerror(errno);
+            return Result::Failed;
+        }
+        if ((fds[1].revents & POLLIN) != 0) {
+            return Result::Interrupted;
+        }
+        if ((fds[0].revents & POLLIN) != 0) {
+            alignas(inotify_event) char buf[4096];
+            bool gone = false;
+            for (;;) {
+                const ssize_t len = ::read(notify.fd, buf, sizeof buf);
+                if (len <= 0) {
+                    break;
+                }
+                for (ssize_t off = 0; off < len;) {
+                    const auto* ev = reinterpret_cast<const inotify_event*>(buf + off);
+                    gone = gone || (ev->mask & (IN_DELETE_SELF | IN_IGNORED)) != 0;
+                    off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
+                }
+            }
+            if (std::filesystem::exists(file, ec)) {
+                return Result::Created;
+            }
+            if (gone) {
+                failedStep = 3;
+                error = "directory removed";
+                return Result::Failed;
+            }
+        }
+    }
+}
+
+}  // namespace ndpx::platform
