@@ -13,3 +13,10 @@ if(NDPX_BUILD_BENCH)
   find_package(benchmark REQUIRED)
 endif()
 find_package(eclipse-paho-mqtt-c CONFIG REQUIRED)
+# The HTTPS client (OpenSSL backend) and the PAC script engine.
+pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
+pkg_check_modules(DUKTAPE REQUIRED IMPORTED_TARGET duktape)
+# HTTPS servers in tests (and the dev credential service).
+if(NOT TARGET PkgConfig::HTTPLIB)
+  pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+endif()

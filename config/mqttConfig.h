@@ -5,12 +5,17 @@
 
 #include <mfw/sysconfig.h>
 
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
+
+namespace Json {
+class Value;
+}  // namespace Json
 
 namespace ndpx {
 
@@ -179,6 +184,66 @@ public:
     };
     void setPairingSecrets(PairingSecrets secrets);
     PairingSecrets pairingSecrets() const;
+
+    // ---------------------------------------------------------------------
+    // LCM spec and identity (config/LcmSpec.cpp)
+    //
+    // The provisioning document (the "LCM spec") arrives as a file, is read
+    // once, deleted, and copied into pending identity values that the
+    // registration flow promotes once pairing with them succeeds.
+    // ---------------------------------------------------------------------
+
+    // Who delivered the spec file: the fast-clone composer (FF), the cloud
+    // provisioning (Azure) or a running migration (Corvid).
+    enum class LcmSpecSource { FF, Azure, Corvid };
+    // The source that applies now: FF when the composer agent was detected,
+    // Corvid while a migration runs, Azure otherwise.
+    LcmSpecSource lcmSpecSource();
+    // The file the spec is looked for in now, by the same rule.
+    std::filesystem::path lcmSpecPath();
+    // ProgramData/Brasswick/Orvane/LmAgent/lcm-spec.json (composer, migration).
+    static std::filesystem::path lcmSpecFilePath();
+    // SystemDrive/AzureData/CustomData.bin (cloud provisioning).
+    static std::filesystem::path cloudProvisioningFilePath();
+
+    // Finds, reads, deletes (when allowed) and applies the spec file.
+    bool ReadLCMSpecFromFile();
+    // True when the active identity in the store is complete.
+    bool ReadLCMSpecFromRegistry();
+    // Parses one spec and writes its values (identity as pending values).
+    bool InitLCMSpecFromJSON(const std::string& text);
+    // Is the active identity complete (derives a missing edge id first)?
+    bool EnsureLCMSpecInRegistry();
+    // Derives "mqtt_EdgeId" for installations paired before it existed.
+    bool HandleTopicMigration();
+    // "host:port" (or the host alone) of the monitoring service from the
+    // spec's "edgeGateway" object.
+    static bool GetMonitoringBootstrap(const Json::Value& edgeGateway, std::string& endpoint);
+    // Removes the spec file unless "mqtt_DeleteLCMSpec" is false.
+    void DeleteLCMSpec();
+    // Clears the one-time pairing values: "mqtt_Otp", "mqtt_OtpUrl",
+    // "mqtt_SslCertThumbprint".
+    void CleanLCMPairingConfiguration();
+    // Clears what the bootstrap no longer needs once pairing data is stored:
+    // the one-time pairing values and the in-memory pairing secrets. Neither
+    // the active nor the pending identity is touched (the pending set is
+    // promoted after this runs).
+    void CleanAgentBootstrapConfiguration();
+    // Writes a spec file for a migration, where ReadLCMSpecFromFile finds it.
+    bool writeMigrationBootstrap(const std::string& text);
+
+    // True when a spec has left everything needed to pair in the store: the
+    // four pending identity values, "mqtt_OtpUrl" and "mqtt_Otp".
+    bool isPendingLCMSpecComplete();
+
+    // agent identity = edge id + short template id + "_" + vm id
+    static std::string makeAgentIdentity(const std::string& edgeId,
+                                         const std::string& shortTemplateId,
+                                         const std::string& vmId);
+    // short agent identity = short template id + "_" + vm id
+    static std::string makeShortAgentIdentity(const std::string& shortTemplateId,
+                                              const std::string& vmId);
+    std::string getShortAgentIdentity();
 
 protected:
     void changed(const std::wstring& name, const std::wstring& value) override;

@@ -1,10 +1,13 @@
 #include "host/DesktopManagerStandIn.h"
 
+#include "host/HostFacts.h"
+
 #include <mfw/MessageFrameWork.h>
 #include <mfw/corestring.h>
 #include <mfw/log.h>
 
 #include <array>
+#include <ctime>
 
 namespace ndpx::host {
 namespace {
@@ -16,10 +19,57 @@ constexpr std::array<const wchar_t*, 5> kAcknowledged = {L"NotifyQueueAdd", L"No
                                                          L"NotifyQueueRegisterMessageTransport",
                                                          L"SetSSOv2Settings", L"Ping"};
 
+std::wstring isoUtc(std::time_t t) {
+    std::tm tm{};
+    char text[32] = "";
+    if (::gmtime_r(&t, &tm) != nullptr) {
+        std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &tm);
+    }
+    return CORE::toWide(text);
+}
+
+void getHostFacts(CORE::PropertyBag& response) {
+    const HostFacts facts = collectHostFacts();
+    response.set(L"HOSTNAME", CORE::toWide(facts.hostname));
+    response.set(L"KERNEL_RELEASE", CORE::toWide(facts.kernelRelease));
+    response.set(L"OS_NAME", CORE::toWide(facts.osPrettyName));
+    response.setInt64(L"UPTIME_SECONDS", static_cast<std::int64_t>(facts.uptimeSeconds));
+    response.setInt64(L"CPU_COUNT", facts.cpuCount);
+    response.setInt64(L"MEMORY_TOTAL_BYTES", static_cast<std::int64_t>(facts.memoryTotalBytes));
+    response.set(L"RESULT", L"OK");
+}
+
+void listSessions(CORE::PropertyBag& response) {
+    const auto sessions = collectLoginSessions();
+    for (const LoginSession& s : sessions) {
+        CORE::PropertyBag bag;
+        bag.set(L"USER", CORE::toWide(s.user));
+        bag.set(L"TTY", CORE::toWide(s.tty));
+        bag.set(L"HOST", CORE::toWide(s.host));
+        bag.set(L"LOGIN_TIME", isoUtc(s.loginTime));
+        bag.setInt64(L"PID", s.pid);
+        response.addBag(L"SESSION", bag);
+    }
+    response.setInt64(L"SESSION_COUNT", static_cast<std::int64_t>(sessions.size()));
+    response.set(L"RESULT", L"OK");
+}
+
 class DesktopManagerOperation : public CORE::serviceOperation {
 public:
     bool handleMessage(const std::wstring& operation, CORE::PropertyBag& request,
                        CORE::PropertyBag& response) override {
+        if (CORE::iequals(operation, L"GetHostFacts")) {
+            getHostFacts(response);
+            return true;
+        }
+        if (CORE::iequals(operation, L"ListSessions")) {
+            listSessions(response);
+            return true;
+        }
+        if (CORE::iequals(operation, L"Echo")) {
+            response = request;  // benchmarks measure the transport, not the work
+            return true;
+        }
         for (const wchar_t* known : kAcknowledged) {
             if (CORE::iequals(operation, known)) {
                 CORE::__SysMessage(kSource, CORE::kLogDebug, "DesktopManager: %s %s",

@@ -1,8 +1,9 @@
 #pragma once
 // A stand-in for the agent's desktop manager worker, so that a plug-in can be
 // run and tested on a machine without the full agent. It acknowledges the
-// queue and settings messages plug-ins send and answers unknown commands with
-// an error.
+// queue and settings messages plug-ins send, executes a few real commands
+// (GetHostFacts, ListSessions, Echo) and answers unknown commands with an
+// error.
 
 namespace ndpx::host {
 

@@ -115,9 +115,8 @@ void MqttManager::HealConnection(const std::string& reason) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::HealConnection(): The client certificate cannot be used or renewed; "
                 "a new pairing is required.");
-        if (deps_.requireBootstrap) {
-            deps_.requireBootstrap("Client certificate unusable. Bootstrap needed");
-        }
+        failureReason_ = "Client certificate unusable. Bootstrap needed";
+        RevertToRequireBootstrap(false);
         return;
     }
     if (Connect() != 1) {

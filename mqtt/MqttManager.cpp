@@ -2,6 +2,8 @@
 
 #include "mqtt/MqttManager.h"
 
+#include "certs/pairingConfig.h"
+
 #include <mfw/MessageFrameWork.h>
 #include <mfw/moduleLog.h>
 #include <platform/Paths.h>
@@ -14,7 +16,7 @@ std::once_flag g_mqttLibraryInit;
 }
 
 MqttManager& MqttManager::GetInstance() {
-    static MqttManager instance;
+    static MqttManager instance(defaultDependencies());
     return instance;
 }
 
@@ -111,9 +113,16 @@ bool MqttManager::Start() {
     });
 
     shutdownEvent_.reset();
+    fileWaiter_.reset();
+    registrationCompleted_ = false;
+    transportRegistered_ = false;
+    activeRetries_ = 0;
+    pendingRetries_ = 0;
     metrics_.load();
     executor_.start();
-    StartAgentRegistrationThread();
+    if (deps_.runRegistrationThread) {
+        StartAgentRegistrationThread();
+    }
 
     MFW_LOG(CORE::kLogInfo, "MqttManager::Start(): MQTT Start successful.");
     started_ = true;
@@ -142,6 +151,7 @@ bool MqttManager::Stop() {
 
     PublishDesktopStatus("UNAVAILABLE", 0);
     shutdownEvent_.set();
+    fileWaiter_.interrupt();
 
     {
         std::lock_guard lock(registrationStartLock_);

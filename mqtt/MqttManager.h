@@ -16,6 +16,7 @@
 #include <mfw/PropertyBag.h>
 #include <mfw/coreevent.h>
 #include <mfw/corethread.h>
+#include <platform/FileCreationWaiter.h>
 
 #include <json/value.h>
 
@@ -28,8 +29,11 @@
 #include <optional>
 #include <shared_mutex>
 #include <string>
+#include <vector>
 
 namespace ndpx {
+
+class pairingConfig;
 
 // What a connection needs from pairing.
 struct ConnectionMaterial {
@@ -42,12 +46,26 @@ struct ConnectionMaterial {
     std::string rootCaPem;  // the machine's trusted roots, appended to the trust store
 };
 
+// The one-time-password exchange at the credential service.
+struct OtpRequest {
+    std::string url;
+    std::string body;  // {"vmId", "otp", "clientCsr"}: holds a secret, never logged
+    std::string thumbprint;
+    bool checkRevocation = true;
+    std::string proxyServer;
+    std::string proxyBypass;
+    std::string proxyAutoConfigUrl;
+};
+
 // Result codes of the last connection attempt per endpoint.
 enum EndpointResult : int { kEndpointConnected = 0, kEndpointFailed = 1, kEndpointTlsFailed = 3 };
 
 // What the manager needs from outside; tests pass their own.
 struct MqttManagerDependencies {
     platform::TimeSource* time = &platform::TimeSource::real();
+    // Start runs the registration thread (tests of the session logic drive
+    // the steps themselves).
+    bool runRegistrationThread = true;
     // The configuration in force; by default the process's loaded one.
     std::function<std::shared_ptr<mqttConfig>()> config;
     // The MQTT client library; by default the real one.
@@ -64,11 +82,18 @@ struct MqttManagerDependencies {
     // answer to a successful "StartSession".
     std::function<void(CORE::PropertyBag&)> sessionReportTransform;
     std::function<void(CORE::PropertyBag&)> startSessionEnricher;
-    // Healing: can the client certificate still be used (or renewed)? When
-    // not, the manager goes back to requiring a new pairing.
+    // Is the current (or else the pending) client certificate present, valid
+    // and issued to the agent identity? Healing goes back to requiring a new
+    // pairing when it is not.
     std::function<bool()> clientCertificateUsable;
-    std::function<void(const std::string& reason)> requireBootstrap;
+    // Sends the one-time-password request; true and the answer body when the
+    // exchange itself worked.
+    std::function<bool(const OtpRequest&, std::string& response)> otpRequester;
 };
+
+// The production wiring: pairing data and certificates from the machine's
+// stores, the HTTPS client, the certificate checks.
+MqttManagerDependencies defaultDependencies();
 
 class MqttManager : private MqttClientListener {
 public:
@@ -139,7 +164,26 @@ public:
     void StartTearDownThread(bool reconnect);
     bool PerformReconnect();
 
-    // Registration.
+    // Registration (RegistrationThread.cpp, RegistrationSteps.cpp).
+    bool WaitForFFCustomization();
+    bool WaitForLCMGeneratedSpec();
+    bool WaitForLCMFileCreation();
+    bool ParseLCMSpec();
+    virtual bool RegisterMessageTransport();
+    bool ReadAndValidatePairingData();
+    bool CreateAgentKeyPair();
+    bool RequestCredentials();
+    bool MakeOTPRequest(const std::string& vmId, const std::string& csrBase64, std::string& response);
+    bool StorePairingData();
+    bool MarkPairedState();
+    bool StartIPCServer();
+    bool HandleActiveRetries();
+    bool HandlePendingRetries();
+    void RevertToRequireBootstrap(bool forgetPairingData);
+    void UpdateIDs();
+    void requestReboot() { rebootRequested_ = true; }
+    bool registrationCompleted() const { return registrationCompleted_.load(); }
+    const std::string& lastFailureReason() const { return failureReason_; }
     void setPairedStateKnown(bool known) { pairedStateKnown_ = known; }
     void setPaired(bool paired) { pairedFlag_ = paired; }
     void setNeedId(bool needId) { needIdFlag_ = needId; }
@@ -253,6 +297,25 @@ private:
     std::mutex tearDownLock_;
     CORE::corethread tearDownThread_;
     std::atomic<bool> tearDownDone_{true};
+
+    // Registration flow.
+    std::mutex registrationMutex_;
+    platform::FileCreationWaiter fileWaiter_;
+    std::atomic<bool> needBootstrap_{false};
+    std::atomic<bool> parseLcmSpec_{false};
+    std::atomic<bool> sameIdentity_{false};
+    std::atomic<bool> registrationCompleted_{false};
+    std::atomic<bool> rebootRequested_{false};
+    std::atomic<bool> transportRegistered_{false};
+    unsigned activeRetries_ = 0;
+    unsigned pendingRetries_ = 0;
+    unsigned maxCachedRetries_ = 3;
+    std::string keyContainer_;
+    std::vector<std::uint8_t> keyBlob_;
+    std::string failureReason_;
+    // The credentials answer, parsed in step 5 and stored in step 6.
+    std::shared_ptr<mqttConfig> pairingConfigOwner_;
+    std::unique_ptr<pairingConfig> pendingPairing_;
 
     std::atomic<bool> pairedFlag_{false};
     std::atomic<bool> needIdFlag_{false};

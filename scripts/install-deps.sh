@@ -19,6 +19,7 @@ packages=(
   libcli11-dev
   mosquitto mosquitto-clients
   procps
+  tinyproxy
 )
 
 missing=()
@@ -37,5 +38,10 @@ fi
 # tests start their own brokers on ephemeral ports and need none of it.
 if command -v systemctl >/dev/null 2>&1 && systemctl is-active --quiet mosquitto 2>/dev/null; then
   systemctl stop mosquitto || true
+fi
+# Likewise tinyproxy: the proxy tests start their own on an ephemeral port.
+if command -v systemctl >/dev/null 2>&1 && systemctl is-active --quiet tinyproxy 2>/dev/null; then
+  systemctl stop tinyproxy || true
+  systemctl disable tinyproxy || true
 fi
 echo "install-deps: all packages present"

@@ -499,6 +499,10 @@ std::unique_ptr<SettingsStore> openSqliteSettingsStore(const std::string& file,
             return nullptr;
         }
     }
+    // Cleared values (a used one-time password) must not linger in free pages.
+    if (!exec(db.get(), "PRAGMA secure_delete=ON", error)) {
+        return nullptr;
+    }
     if (!exec(db.get(), kSchema, error)) {
         error = "cannot create the tables in " + file + ": " + error;
         return nullptr;

@@ -3,6 +3,12 @@
 // intermediate CAs, server and client certificates with chosen names and
 // validity, CSR signing and CRLs. Used by the test suites (real chains
 // instead of checked-in blobs) and by the development control plane.
+//
+// Keys are RSA-2048, signatures SHA-256, serial numbers unique (random high
+// part, per-CA counter low part). A failure of OpenSSL itself (no memory, no
+// randomness) throws std::runtime_error; a malformed IP address or DNS name
+// for issueServer throws std::invalid_argument. Bad CSRs are not exceptional:
+// signCsr answers nullopt.
 
 #include <openssl/evp.h>
 #include <openssl/x509.h>

@@ -35,6 +35,7 @@ protected:
 
     MqttManagerDependencies deps() {
         MqttManagerDependencies d;
+        d.runRegistrationThread = false;
         d.config = [this] { return cfg_; };
         d.clientFactory = test::fakeClientFactory(fake_);
         d.connectionMaterial = [this]() -> std::optional<ConnectionMaterial> {

@@ -1,0 +1,87 @@
+#pragma once
+// Parts of OpenSslCertStore shared by its source files: the two kinds of
+// store handle, the system roots cache and the helpers every operation uses.
+
+#include "certs/OpenSslUtil.h"
+#include "certs/linux/CertDatabase.h"
+#include "certs/linux/OpenSslCertStore.h"
+
+#include <sys/types.h>
+
+#include <ctime>
+#include <mutex>
+
+namespace ndpx::certs {
+
+// A named store of the database.
+class DbStoreHandle final : public CertStoreHandle {
+public:
+    DbStoreHandle(std::string name, std::string file)
+        : name_(std::move(name)), file_(std::move(file)) {}
+    const std::string& name() const override { return name_; }
+    bool inMemory() const override { return false; }
+    const std::string& file() const { return file_; }
+
+private:
+    const std::string name_;
+    const std::string file_;
+};
+
+// A store that lives in this process only, as long as its handle.
+class MemoryStoreHandle final : public CertStoreHandle {
+public:
+    const std::string& name() const override { return name_; }
+    bool inMemory() const override { return true; }
+
+    // Adds `cert`, or replaces the entry of the same certificate. Answers its id.
+    std::int64_t put(X509* cert, const std::string& friendlyName, const std::string& keyContainer);
+    bool remove(std::int64_t id);
+    bool setKeyContainer(std::int64_t id, const std::string& keyContainer);
+    // The entries as contexts that point back at `self`.
+    std::vector<CertContext> contexts(const CertStorePtr& self) const;
+
+private:
+    struct Entry {
+        X509Ptr cert;
+        std::string friendlyName;
+        std::string keyContainer;
+        std::int64_t id = 0;
+    };
+    const std::string name_;
+    mutable std::mutex mutex_;
+    std::vector<Entry> entries_;
+    std::int64_t nextId_ = 1;
+};
+
+class OpenSslCertStore::Impl {
+public:
+    // The chain of `leaf` built from the database's stores, the system roots
+    // and `additional`; see BuildCertificateChain. With `crls`, every
+    // certificate below the root is checked for revocation against them.
+    CertChainPtr buildChain(const Options& options, const CertContext& leaf,
+                            const CertStorePtr& additional, const std::vector<CrlPtr>* crls,
+                            std::string& error);
+
+    // The parsed system bundle, re-read when the file changes. `readable` is
+    // false when the file cannot be read.
+    std::shared_ptr<const std::vector<X509Ptr>> systemRoots(const std::string& file,
+                                                            bool& readable);
+
+private:
+    std::mutex mutex_;
+    std::shared_ptr<const std::vector<X509Ptr>> roots_;
+    std::string file_;
+    timespec mtime_{};
+    off_t size_ = -1;
+};
+
+// Opens the database; logs for `who` (a method name) on failure.
+std::unique_ptr<CertDatabase> openCertDatabase(const std::string& file, const char* who);
+
+// The contexts of a database row set; rows that do not parse are skipped.
+std::vector<CertContext> rowsToContexts(const std::vector<CertDatabase::CertRow>& rows,
+                                        const CertStorePtr& store);
+
+inline constexpr const char* kRootStoreName = "Root";
+
+}  // namespace ndpx::certs

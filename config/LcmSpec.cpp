@@ -1,0 +1,559 @@
+// The LCM spec: where the provisioning file is found, how its values reach
+// the settings store, how the agent identity is formed from them, and the
+// clean-up of the values that pairing uses only once.
+
+#include "config/JsonUtil.h"
+#include "config/MqttManagerUtil.h"
+#include "config/mqttConfig.h"
+
+#include <mfw/corestring.h>
+#include <mfw/moduleLog.h>
+#include <platform/Paths.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <json/value.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+#include <system_error>
+#include <utility>
+
+namespace ndpx {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A provisioning document is a few hundred bytes; anything far larger is not
+// one, and reading it whole would only cost memory.
+constexpr off_t kMaxSpecBytes = 1 << 20;
+
+std::string errorText(int err) {
+    return std::error_code(err, std::generic_category()).message();
+}
+
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return fd_; }
+    int release() {
+        const int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+
+private:
+    int fd_;
+};
+
+// Reads the whole file. On failure returns the errno-style code. `info`
+// describes the file actually read (not whatever the path names later).
+int readWholeFile(const fs::path& path, std::string& content, struct stat& info) {
+    content.clear();
+    // O_NONBLOCK: a FIFO planted at the path must not hang the reader.
+    Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    if (fd.get() < 0) {
+        return errno;
+    }
+    if (::fstat(fd.get(), &info) != 0) {
+        return errno;
+    }
+    if (S_ISDIR(info.st_mode)) {
+        return EISDIR;
+    }
+    if (info.st_size > kMaxSpecBytes) {
+        return EFBIG;
+    }
+    char buffer[4096];
+    for (;;) {
+        const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno;
+        }
+        if (n == 0) {
+            return 0;
+        }
+        content.append(buffer, static_cast<std::size_t>(n));
+        if (content.size() > static_cast<std::size_t>(kMaxSpecBytes)) {
+            content.clear();
+            return EFBIG;
+        }
+    }
+}
+
+bool fileExists(const fs::path& path) {
+    std::error_code ec;
+    return fs::exists(path, ec);
+}
+
+// The trust rule of the cloud-provisioning file, applied again to the file
+// that was opened: it may have been replaced since the owner check.
+bool ownedBySystem(const struct stat& info) {
+    return info.st_uid == kLocalSystemOwner.uid && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+void deleteSpecFile(const fs::path& path) {
+    MFW_LOG(CORE::kLogDebug, "mqttConfig::DeleteLCMSpec(): Deleting LCM spec file %s",
+            path.c_str());
+    struct stat info {};
+    // lstat: a link is removed as a link; its target's mode is not ours to change.
+    if (::lstat(path.c_str(), &info) != 0) {
+        MFW_LOG(CORE::kLogWarning,
+                "mqttConfig::DeleteLCMSpec(): Unable to get attributes of LCM spec file: %s",
+                errorText(errno).c_str());
+    } else if (S_ISREG(info.st_mode) && (info.st_mode & S_IWUSR) == 0) {
+        // A file without the owner's write bit is this platform's read-only file.
+        if (::chmod(path.c_str(), (info.st_mode & 07777) | S_IWUSR) != 0) {
+            MFW_LOG(CORE::kLogWarning,
+                    "mqttConfig::DeleteLCMSpec(): Failed to set attribute on LCM spec file: %s",
+                    errorText(errno).c_str());
+        }
+    }
+    if (::unlink(path.c_str()) == 0) {
+        MFW_LOG(CORE::kLogDebug, "mqttConfig::DeleteLCMSpec(): Successfully deleted LCM spec file");
+    } else {
+        MFW_LOG(CORE::kLogError, "mqttConfig::DeleteLCMSpec(): Failed to delete LCM spec file: %s",
+                errorText(errno).c_str());
+    }
+}
+
+void deleteSpecIfAllowed(mqttConfig& config, const fs::path& path) {
+    if (!config.getDeleteLCMSpec()) {
+        MFW_LOG(CORE::kLogDebug, "mqttConfig::DeleteLCMSpec(): Skipping LCM spec deletion");
+        return;
+    }
+    deleteSpecFile(path);
+}
+
+// The values the credentials request uses once.
+void clearOneTimeValues(mqttConfig& config) {
+    config.setOtp("");
+    config.setOtpUrl("");
+    config.store().set(kNodeManagerKey, "mqtt_SslCertThumbprint",
+                       platform::SettingValue::ofString(""));
+}
+
+const char* sourceName(mqttConfig::LcmSpecSource source) {
+    switch (source) {
+        case mqttConfig::LcmSpecSource::FF:
+            return "FF";
+        case mqttConfig::LcmSpecSource::Azure:
+            return "Azure";
+        case mqttConfig::LcmSpecSource::Corvid:
+            return "Corvid";
+    }
+    return "unknown";
+}
+
+fs::path pathFor(mqttConfig::LcmSpecSource source) {
+    return source == mqttConfig::LcmSpecSource::Azure ? mqttConfig::cloudProvisioningFilePath()
+                                                      : mqttConfig::lcmSpecFilePath();
+}
+
+}  // namespace
+
+fs::path mqttConfig::lcmSpecFilePath() {
+    return platform::paths::programData() / "Brasswick" / "Orvane" / "LmAgent" / "lcm-spec.json";
+}
+
+fs::path mqttConfig::cloudProvisioningFilePath() {
+    return platform::paths::systemDrive() / "AzureData" / "CustomData.bin";
+}
+
+mqttConfig::LcmSpecSource mqttConfig::lcmSpecSource() {
+    if (composerAgentDetected()) {
+        return LcmSpecSource::FF;
+    }
+    return isMigrationActive() ? LcmSpecSource::Corvid : LcmSpecSource::Azure;
+}
+
+fs::path mqttConfig::lcmSpecPath() {
+    return pathFor(lcmSpecSource());
+}
+
+std::string mqttConfig::makeAgentIdentity(const std::string& edgeId,
+                                          const std::string& shortTemplateId,
+                                          const std::string& vmId) {
+    return edgeId + shortTemplateId + "_" + vmId;
+}
+
+std::string mqttConfig::makeShortAgentIdentity(const std::string& shortTemplateId,
+                                               const std::string& vmId) {
+    return shortTemplateId + "_" + vmId;
+}
+
+std::string mqttConfig::getShortAgentIdentity() {
+    const auto value = store().get(kNodeManagerKey, "mqtt_ShortAgentIdentity");
+    return value ? value->asText() : std::string();
+}
+
+bool mqttConfig::ReadLCMSpecFromFile() {
+    MFW_LOG(CORE::kLogVerbose,
+            "mqttConfig::ReadLCMSpecFromFile(): Attempting to read LCM spec from file.");
+    // One decision for the whole read: the migration state may change meanwhile.
+    const LcmSpecSource source = lcmSpecSource();
+    const fs::path path = pathFor(source);
+    MFW_LOG(CORE::kLogVerbose, "mqttConfig::ReadLCMSpecFromFile(): Looking for LCM spec file %s",
+            path.c_str());
+
+    switch (source) {
+        case LcmSpecSource::FF:
+        case LcmSpecSource::Corvid:
+            if (!fileExists(path)) {
+                MFW_LOG(CORE::kLogVerbose,
+                        "mqttConfig::ReadLCMSpecFromFile(): LCM spec file not available from %s.",
+                        sourceName(source));
+                return false;
+            }
+            break;
+        case LcmSpecSource::Azure:
+            // The system account is a fixed uid here, so there is no identifier
+            // to build and nothing that can fail before the owner check.
+            if (!MqttManagerUtil::FileExistsWithRequiredOwner(path.string(), kLocalSystemOwner)) {
+                MFW_LOG(CORE::kLogVerbose,
+                        "mqttConfig::ReadLCMSpecFromFile(): LCM spec file not available from %s.",
+                        sourceName(source));
+                return false;
+            }
+            break;
+    }
+
+    MFW_LOG(CORE::kLogDebug, "mqttConfig::ReadLCMSpecFromFile(): Using LCM spec file %s",
+            path.c_str());
+    std::string content;
+    struct stat info {};
+    if (const int err = readWholeFile(path, content, info); err != 0) {
+        MFW_LOG(CORE::kLogError, "mqttConfig::ReadLCMSpecFromFile(): Failed to read file: %s: %s",
+                path.c_str(), errorText(err).c_str());
+        return false;
+    }
+    if (source == LcmSpecSource::Azure && !ownedBySystem(info)) {
+        MFW_LOG(CORE::kLogVerbose,
+                "mqttConfig::ReadLCMSpecFromFile(): LCM spec file not available from %s.",
+                sourceName(source));
+        return false;
+    }
+
+    // Before the content is looked at: a bad spec must not be read again.
+    deleteSpecIfAllowed(*this, path);
+
+    if (content.empty()) {
+        MFW_LOG(CORE::kLogError, "mqttConfig::ReadLCMSpecFromFile(): LCM spec file is empty.");
+        return false;
+    }
+    if (!InitLCMSpecFromJSON(content)) {
+        MFW_LOG(CORE::kLogError, "mqttConfig::ReadLCMSpecFromFile(): LCM spec file parse failed.");
+        return false;
+    }
+    return true;
+}
+
+bool mqttConfig::ReadLCMSpecFromRegistry() {
+    MFW_LOG(CORE::kLogVerbose,
+            "mqttConfig::ReadLCMSpecFromRegistry(): Attempting to read LCM spec from registry.");
+    if (EnsureLCMSpecInRegistry()) {
+        MFW_LOG(CORE::kLogDebug,
+                "mqttConfig::ReadLCMSpecFromRegistry(): LCM spec obtained from registry.");
+        return true;
+    }
+    MFW_LOG(CORE::kLogDebug, "mqttConfig::ReadLCMSpecFromRegistry(): LCM spec not in registry.");
+    return false;
+}
+
+bool mqttConfig::InitLCMSpecFromJSON(const std::string& text) {
+    Json::Value spec;
+    // A document that is not an object carries none of the members: treat it
+    // as unparsable rather than as a list of missing fields.
+    if (!MqttManagerUtil::parseJson(text, spec) || !spec.isObject()) {
+        MFW_LOG(CORE::kLogError,
+                "mqttConfig::InitLCMSpecFromJSON(): Failed to parse LCM Spec file");
+        return false;
+    }
+
+    std::string name;
+    if (!JsonUtil::GetStringProperty(spec, "name", name)) {
+        MFW_LOG(CORE::kLogWarning, "mqttConfig::InitLCMSpecFromJSON(): Agent name is empty.");
+    }
+    std::string shortTemplateId;
+    if (!JsonUtil::GetStringProperty(spec, "shortTemplateId", shortTemplateId)) {
+        MFW_LOG(CORE::kLogError,
+                "mqttConfig::InitLCMSpecFromJSON(): Agent shortTemplateId is empty.");
+        return false;
+    }
+    std::string vmId;
+    if (!JsonUtil::GetStringProperty(spec, "vmId", vmId)) {
+        MFW_LOG(CORE::kLogError, "mqttConfig::InitLCMSpecFromJSON(): Agent VM ID is empty.");
+        return false;
+    }
+    if (!spec.isMember("edgeGateway")) {
+        MFW_LOG(CORE::kLogInfo,
+                "mqttConfig::InitLCMSpecFromJSON(): Unable to find edge bootstrap information");
+        return false;
+    }
+    const Json::Value& edgeGateway = spec["edgeGateway"];
+    std::string edgeId;
+    if (!JsonUtil::GetStringProperty(edgeGateway, "id", edgeId)) {
+        MFW_LOG(CORE::kLogError,
+                "mqttConfig::InitLCMSpecFromJSON(): Unable to find edge id bootstrap information");
+        return false;
+    }
+
+    const std::string agentId = makeAgentIdentity(edgeId, shortTemplateId, vmId);
+    MFW_LOG(CORE::kLogInfo, "mqttConfig::InitLCMSpecFromJSON(): Agent ID: %s", agentId.c_str());
+    const std::string shortAgentId = makeShortAgentIdentity(shortTemplateId, vmId);
+    MFW_LOG(CORE::kLogInfo, "mqttConfig::InitLCMSpecFromJSON(): Monitoring short Agent ID: %s",
+            shortAgentId.c_str());
+
+    if (!spec.isMember("nexHub")) {
+        MFW_LOG(CORE::kLogError,
+                "mqttConfig::InitLCMSpecFromJSON(): Could not find nexHub property in JSON");
+        return false;
+    }
+    const Json::Value& nexHub = spec["nexHub"];
+    if (!nexHub.isObject()) {
+        // The text names vmId; operators' searches rely on it as it is.
+        MFW_LOG(CORE::kLogError,
+                "mqttConfig::InitLCMSpecFromJSON(): Could not find vmId property in JSON");
+        return false;
+    }
+    std::string url;
+    if (!JsonUtil::GetStringProperty(nexHub, "url", url)) {
+        MFW_LOG(CORE::kLogError, "mqttConfig::InitLCMSpecFromJSON(): url is empty.");
+        return false;
+    }
+    std::string otp;  // redacted by name when the reader logs it
+    if (!JsonUtil::GetStringProperty(nexHub, "oneTimePassword", otp)) {
+        MFW_LOG(CORE::kLogError, "mqttConfig::InitLCMSpecFromJSON(): OTP is empty.");
+        return false;
+    }
+
+    if (std::string endpoint; GetMonitoringBootstrap(edgeGateway, endpoint)) {
+        setMonitoringEndpoint(endpoint);
+    }
+
+    if (spec.isMember("proxyInfo")) {
+        const Json::Value& proxy = spec["proxyInfo"];
+        // Only what the spec gives replaces the stored proxy settings.
+        static const std::pair<const char*, const char*> kProxyValues[] = {
+            {"server", "HTTP Proxy Server"},
+            {"bypass", "HTTP Proxy Bypass"},
+            {"autoConfig", "HTTP Proxy Auto Config URL"},
+        };
+        for (const auto& [member, value] : kProxyValues) {
+            if (std::string setting; JsonUtil::GetStringProperty(proxy, member, setting)) {
+                writeString(value, setting);
+            }
+        }
+    }
+
+    // A false flag writes nothing, so an earlier "true" stays.
+    if (bool skip = false; JsonUtil::GetBooleanProperty(spec, "skipDomainJoin", skip) && skip) {
+        writeString("mqtt_SkipDomainJoin", "true");
+    }
+
+    writeString("mqtt_Name", name);
+    setShortTemplateIdPend(shortTemplateId);
+    setVmIdPend(vmId);
+    setEdgeIdPend(edgeId);
+    setAgentIdentityPend(agentId);
+    writeString("mqtt_ShortAgentIdentity", shortAgentId);
+    setOtpUrl(url);
+    setOtp(otp);
+    return true;
+}
+
+bool mqttConfig::GetMonitoringBootstrap(const Json::Value& edgeGateway, std::string& endpoint) {
+    endpoint.clear();
+    std::string port;
+    std::string fqdn;
+    std::string managementIp;
+    JsonUtil::GetStringProperty(edgeGateway, "port", port);
+    JsonUtil::GetStringProperty(edgeGateway, "fqdn", fqdn);
+    JsonUtil::GetStringProperty(edgeGateway, "managementIp", managementIp);
+    const std::string& host = fqdn.empty() ? managementIp : fqdn;
+    if (host.empty()) {
+        MFW_LOG(CORE::kLogError,
+                "mqttConfig::GetMonitoringBootstrap(): LmMon bootstrap information not found");
+        return false;
+    }
+    endpoint = port.empty() ? host : host + ":" + port;
+    return true;
+}
+
+bool mqttConfig::EnsureLCMSpecInRegistry() {
+    const std::string vmId = getVmId();
+    const std::string agentId = vmId.empty() ? std::string() : getAgentIdentity();
+    if (vmId.empty() || agentId.empty()) {
+        MFW_LOG(CORE::kLogDebug,
+                "mqttConfig::EnsureLCMSpecInRegistry(): Missing some LCM configuration. vmId=%s, "
+                "agentId=%s. Bootstrap required.",
+                vmId.c_str(), agentId.c_str());
+        return false;
+    }
+    if (!HandleTopicMigration()) {
+        MFW_LOG(CORE::kLogDebug,
+                "mqttConfig::EnsureLCMSpecInRegistry(): Missing some LCM configuration. TemplateId "
+                "not found. Bootstrap required.");
+        return false;
+    }
+    const std::string shortTemplateId = getShortTemplateId();
+    const std::string edgeId = shortTemplateId.empty() ? std::string() : getEdgeId();
+    if (shortTemplateId.empty() || edgeId.empty()) {
+        MFW_LOG(CORE::kLogDebug,
+                "mqttConfig::EnsureLCMSpecInRegistry(): Missing some LCM configuration. "
+                "shortTemplateId=%s, edgeId=%s. Bootstrap required.",
+                shortTemplateId.c_str(), edgeId.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool mqttConfig::HandleTopicMigration() {
+    if (!getEdgeId().empty()) {
+        MFW_LOG(
+            CORE::kLogVerbose,
+            "mqttConfig::HandleTopicMigration(): EgeId is present. Topic migration not needed.");
+        return true;
+    }
+    const std::string shortTemplateId = getShortTemplateId();
+    const std::string templateId = getTemplateId();
+    if (shortTemplateId.empty() || templateId.empty()) {
+        MFW_LOG(CORE::kLogDebug,
+                "mqttConfig::HandleTopicMigration(): Not enough information to derive EdgeId.");
+        return false;
+    }
+    // The template id was edge id + short template id; the last occurrence
+    // marks the join, as the edge id may itself contain the short id.
+    const auto position = templateId.rfind(shortTemplateId);
+    if (position == std::string::npos) {
+        MFW_LOG(CORE::kLogError,
+                "mqttConfig::HandleTopicMigration(): EdgeId could not be derived. TemplateId: %s. "
+                "ShortTemplateId: %s.",
+                templateId.c_str(), shortTemplateId.c_str());
+        return false;
+    }
+    if (position == 0) {
+        return false;  // nothing before the short id: no edge id to derive
+    }
+    const std::string edgeId = templateId.substr(0, position);
+    MFW_LOG(CORE::kLogDebug, "mqttConfig::HandleTopicMigration(): Derived EdgeId: %s.",
+            edgeId.c_str());
+    setEdgeId(edgeId);
+    // The template id is written back unchanged: topic names are built from
+    // it as before, and the derived edge id is now stored beside it.
+    setTemplateId(templateId);
+    return true;
+}
+
+void mqttConfig::DeleteLCMSpec() {
+    deleteSpecIfAllowed(*this, lcmSpecPath());
+}
+
+void mqttConfig::CleanLCMPairingConfiguration() {
+    MFW_LOG(CORE::kLogDebug,
+            "mqttConfig::CleanLCMPairingConfiguration(): Cleaning LCM temporary pairing "
+            "configuration.");
+    clearOneTimeValues(*this);
+}
+
+void mqttConfig::CleanAgentBootstrapConfiguration() {
+    MFW_LOG(CORE::kLogDebug,
+            "mqttConfig::CleanAgentBootstrapConfiguration(): Cleaning agent bootstrap "
+            "configuration.");
+    // Whatever way led to stored pairing data, the one-time values must not
+    // outlive the pairing they were issued for.
+    clearOneTimeValues(*this);
+    // The key is in the certificate store now; its text need not stay in memory.
+    setPairingSecrets({});
+    // The pending identity stays: the paired state is recorded from it next.
+}
+
+bool mqttConfig::writeMigrationBootstrap(const std::string& text) {
+    const fs::path path = lcmSpecFilePath();
+    std::string error;
+    if (!platform::paths::createSecureDirectories(path.parent_path(), error)) {
+        MFW_LOG(CORE::kLogError,
+                "mqttConfig::writeMigrationBootstrap(): Failed creating %s file: %s", path.c_str(),
+                error.c_str());
+        return false;
+    }
+    // Written beside the target and renamed into place, so that the
+    // registration flow never reads (and deletes) a half-written spec.
+    std::string temp = path.string() + ".XXXXXX";
+    Descriptor fd(::mkostemp(temp.data(), O_CLOEXEC));  // mode 0600: the spec holds a secret
+    if (fd.get() < 0) {
+        MFW_LOG(CORE::kLogError,
+                "mqttConfig::writeMigrationBootstrap(): Failed creating %s file: %s", path.c_str(),
+                errorText(errno).c_str());
+        return false;
+    }
+    int err = 0;
+    for (std::size_t done = 0; done < text.size() && err == 0;) {
+        const ssize_t n = ::write(fd.get(), text.data() + done, text.size() - done);
+        if (n < 0) {
+            if (errno != EINTR) {
+                err = errno;
+            }
+            continue;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    if (err == 0 && ::fsync(fd.get()) != 0) {
+        err = errno;
+    }
+    if (::close(fd.release()) != 0 && err == 0) {
+        err = errno;
+    }
+    if (err == 0 && ::rename(temp.c_str(), path.c_str()) != 0) {
+        err = errno;
+    }
+    if (err != 0) {
+        ::unlink(temp.c_str());
+        MFW_LOG(CORE::kLogError,
+                "mqttConfig::writeMigrationBootstrap(): Failed writing to %s file: %s",
+                path.c_str(), errorText(err).c_str());
+        return false;
+    }
+    MFW_LOG(CORE::kLogDebug, "mqttConfig::writeMigrationBootstrap(): Bootstrap written to file %s",
+            path.c_str());
+    return true;
+}
+
+bool mqttConfig::isPendingLCMSpecComplete() {
+    struct Required {
+        const char* name;
+        std::string (mqttConfig::*read)();
+    };
+    static const Required kRequired[] = {
+        {"mqtt_VmId_pend", &mqttConfig::getVmIdPend},
+        {"mqtt_ShortTemplateId_pend", &mqttConfig::getShortTemplateIdPend},
+        {"mqtt_EdgeId_pend", &mqttConfig::getEdgeIdPend},
+        {"mqtt_AgentIdentity_pend", &mqttConfig::getAgentIdentityPend},
+        {"mqtt_OtpUrl", &mqttConfig::getOtpUrl},
+        {"mqtt_Otp", &mqttConfig::getOtp},
+    };
+    for (const auto& required : kRequired) {
+        if ((this->*required.read)().empty()) {
+            MFW_LOG(CORE::kLogVerbose,
+                    "mqttConfig::isPendingLCMSpecComplete(): Pending LCM spec value %s is missing.",
+                    required.name);
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace ndpx

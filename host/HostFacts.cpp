@@ -1,0 +1,124 @@
+#include "host/HostFacts.h"
+
+#include <sys/utsname.h>
+#include <unistd.h>
+#include <utmpx.h>
+
+#include <charconv>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+namespace ndpx::host {
+namespace {
+
+std::string readFile(const char* path) {
+    std::ifstream in(path);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+// utmp fields are fixed-size and not always terminated.
+template <std::size_t N>
+std::string field(const char (&text)[N]) {
+    std::size_t n = 0;
+    while (n < N && text[n] != '\0') {
+        ++n;
+    }
+    return std::string(text, n);
+}
+
+// getutxent keeps its position and file in process-wide state.
+std::mutex utmpMutex;
+
+}  // namespace
+
+std::string parseOsPrettyName(std::string_view osRelease) {
+    constexpr std::string_view kKey = "PRETTY_NAME=";
+    std::size_t pos = 0;
+    while (pos < osRelease.size()) {
+        std::size_t end = osRelease.find('\n', pos);
+        if (end == std::string_view::npos) {
+            end = osRelease.size();
+        }
+        std::string_view line = osRelease.substr(pos, end - pos);
+        pos = end + 1;
+        if (line.substr(0, kKey.size()) != kKey) {
+            continue;
+        }
+        line.remove_prefix(kKey.size());
+        if (line.size() >= 2 && (line.front() == '"' || line.front() == '\'') &&
+            line.back() == line.front()) {
+            line = line.substr(1, line.size() - 2);
+        }
+        return std::string(line);
+    }
+    return {};
+}
+
+std::uint64_t parseMemTotalBytes(std::string_view meminfo) {
+    constexpr std::string_view kKey = "MemTotal:";
+    const std::size_t at = meminfo.find(kKey);
+    if (at == std::string_view::npos) {
+        return 0;
+    }
+    std::size_t p = at + kKey.size();
+    while (p < meminfo.size() && meminfo[p] == ' ') {
+        ++p;
+    }
+    std::uint64_t kib = 0;
+    std::from_chars(meminfo.data() + p, meminfo.data() + meminfo.size(), kib);
+    return kib * 1024;  // the kernel writes "kB" and means KiB
+}
+
+std::uint64_t parseUptimeSeconds(std::string_view uptime) {
+    std::uint64_t seconds = 0;
+    std::from_chars(uptime.data(), uptime.data() + uptime.size(), seconds);
+    return seconds;
+}
+
+HostFacts collectHostFacts() {
+    HostFacts facts;
+    utsname uts{};
+    if (::uname(&uts) == 0) {
+        facts.hostname = uts.nodename;
+        facts.kernelRelease = uts.release;
+    }
+    facts.osPrettyName = parseOsPrettyName(readFile("/etc/os-release"));
+    facts.uptimeSeconds = parseUptimeSeconds(readFile("/proc/uptime"));
+    const long online = ::sysconf(_SC_NPROCESSORS_ONLN);
+    facts.cpuCount =
+        online > 0 ? static_cast<unsigned>(online) : std::thread::hardware_concurrency();
+    facts.memoryTotalBytes = parseMemTotalBytes(readFile("/proc/meminfo"));
+    return facts;
+}
+
+std::vector<LoginSession> collectLoginSessions(const std::string& utmpFile) {
+    std::vector<LoginSession> sessions;
+    const std::lock_guard lock(utmpMutex);
+    if (!utmpFile.empty() && ::utmpxname(utmpFile.c_str()) != 0) {
+        return sessions;
+    }
+    ::setutxent();
+    while (const utmpx* entry = ::getutxent()) {
+        if (entry->ut_type != USER_PROCESS) {
+            continue;
+        }
+        LoginSession s;
+        s.user = field(entry->ut_user);
+        s.tty = field(entry->ut_line);
+        s.host = field(entry->ut_host);
+        s.loginTime = static_cast<std::time_t>(entry->ut_tv.tv_sec);
+        s.pid = entry->ut_pid;
+        sessions.push_back(std::move(s));
+    }
+    ::endutxent();
+    if (!utmpFile.empty()) {
+        ::utmpxname(_PATH_UTMPX);  // back to the system's file for other readers
+    }
+    return sessions;
+}
+
+}  // namespace ndpx::host

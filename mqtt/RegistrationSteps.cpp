@@ -1,0 +1,311 @@
+// The ten steps of the registration chain and the helpers they share.
+
+#include "certs/CertificateUtil.h"
+#include "certs/pairingConfig.h"
+#include "config/MqttManagerUtil.h"
+#include "mqtt/MqttManager.h"
+
+#include <mfw/MessageFrameWork.h>
+#include <mfw/corestring.h>
+#include <mfw/moduleLog.h>
+
+namespace ndpx {
+namespace {
+
+int notifyQueue(const wchar_t* message, const wchar_t* queue) {
+    CORE::PropertyBag request;
+    request.set(L"QUEUE", queue);
+    CORE::PropertyBag response;
+    return CORE::MessageHandler::SendMsg(L"DesktopManager", message, request, response, 60000);
+}
+
+}  // namespace
+
+bool MqttManager::ParseLCMSpec() {
+    if (!parseLcmSpec_) {
+        MFW_LOG(CORE::kLogDebug, "MqttManager::ParseLCMSpec(): Skipping parsing LCM Spec file.");
+        return true;
+    }
+    parseLcmSpec_ = false;
+    auto cfg = config();
+    if (!cfg->ReadLCMSpecFromFile()) {
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::ParseLCMSpec(): Unable to read LCM spec despite it existing!");
+        return false;
+    }
+    if (!cfg->isPendingLCMSpecComplete()) {
+        MFW_LOG(CORE::kLogError, "MqttManager::ParseLCMSpec(): LCM spec data is incomplete!");
+        return false;
+    }
+    MFW_LOG(CORE::kLogDebug, "MqttManager::ParseLCMSpec(): LCM Spec data complete, will bootstrap.");
+    sameIdentity_ = cfg->getAgentIdentityPend() == cfg->getAgentIdentity();
+    return true;
+}
+
+bool MqttManager::RegisterMessageTransport() {
+    auto cfg = config();
+    const std::wstring transport = cfg->getMsTransport();
+    if (transportRegistered_ && CORE::iequals(transport, L"MQTT")) {
+        MFW_LOG(CORE::kLogDebug,
+                "MqttManager::RegisterMessageTransport(): Skipping Message Transport registration. "
+                "Already registered.");
+        return true;
+    }
+    MFW_LOG(CORE::kLogDebug, "MqttManager::RegisterMessageTransport(): Registering MQTT with %s queue",
+            "DesktopManager");
+    // While a migration runs the old transport stays in charge; MQTT only
+    // joins the notify queue. The migration's commit hands over.
+    const bool migrating = cfg->isMigrationActive();
+    const bool replaceJms = !migrating && !transport.empty() && !CORE::iequals(transport, L"MQTT");
+    if (replaceJms) {
+        MFW_LOG(CORE::kLogDebug,
+                "MqttManager::RegisterMessageTransport(): Replacing JMS message transport with "
+                "MQTT");
+    }
+    MFW_LOG(CORE::kLogDebug, "MqttManager::RegisterMessageTransport(): Adding MQTT to notify queue");
+    bool ok = notifyQueue(L"NotifyQueueAdd", L"MQTT") == 0;
+    if (!migrating) {
+        MFW_LOG(CORE::kLogDebug,
+                "MqttManager::RegisterMessageTransport(): Registering MQTT as message transport");
+        ok = notifyQueue(L"NotifyQueueRegisterMessageTransport", L"MQTT") == 0 && ok;
+    }
+    if (replaceJms) {
+        MFW_LOG(CORE::kLogDebug,
+                "MqttManager::RegisterMessageTransport(): Removing JMS from notify queue");
+        notifyQueue(L"NotifyQueueRemove", L"JMSBridge");
+    }
+    if (ok && !migrating) {
+        cfg->store().set(kNodeManagerKey, "MS Transport", platform::SettingValue::ofString("MQTT"));
+    }
+    MFW_LOG(CORE::kLogDebug, "MqttManager::RegisterMessageTransport(): %s registered with %s queue",
+            ok ? "Successfully" : "Unsuccessfully", "DesktopManager");
+    transportRegistered_ = ok;
+    return ok;
+}
+
+bool MqttManager::ReadAndValidatePairingData() {
+    if (needBootstrap_) {
+        MFW_LOG(CORE::kLogDebug,
+                "MqttManager::ReadAndValidatePairingData(): Need to bootstrap so don't need to "
+                "read and validate pairing data");
+        return true;
+    }
+    MFW_LOG(CORE::kLogDebug, "MqttManager::ReadAndValidatePairingData(): Reading pairing data from store.");
+    auto cfg = config();
+    const std::string identity = cfg->getAgentIdentity();
+    pairingConfig pairing(*cfg);
+    certs::CertificateUtil certificates;
+    if (!pairing.RetrievePairingData(certificates, identity)) {
+        if (HandleActiveRetries()) {
+            MFW_LOG(CORE::kLogDebug,
+                    "MqttManager::ReadAndValidatePairingData(): Missing some pairing configuration, "
+                    "will retry.");
+        }
+        return false;
+    }
+    MFW_LOG(CORE::kLogDebug, "MqttManager::ReadAndValidatePairingData(): Checking certificate validity.");
+    if (deps_.clientCertificateUsable && deps_.clientCertificateUsable()) {
+        pairedFlag_ = true;
+        return true;
+    }
+    if (HandleActiveRetries()) {
+        MFW_LOG(CORE::kLogDebug,
+                "MqttManager::ReadAndValidatePairingData(): All certificates are invalid or have "
+                "not been found, will retry.");
+    }
+    return false;
+}
+
+bool MqttManager::HandleActiveRetries() {
+    if (++activeRetries_ <= maxCachedRetries_) {
+        return true;
+    }
+    MFW_LOG(CORE::kLogWarning,
+            "MqttManager::HandleActiveRetries(): Failed to retrieve and validate cached pairing "
+            "data after %d retries, will bootstrap.",
+            static_cast<int>(maxCachedRetries_));
+    failureReason_ = "Cached pairing data not found or invalid. Bootstrap needed";
+    RevertToRequireBootstrap(true);
+    return false;
+}
+
+bool MqttManager::HandlePendingRetries() {
+    if (++pendingRetries_ <= maxCachedRetries_) {
+        MFW_LOG(CORE::kLogDebug,
+                "MqttManager::HandlePendingRetries(): Failed to activate pending LCM spec. Will try "
+                "again.");
+        return true;
+    }
+    MFW_LOG(CORE::kLogWarning,
+            "MqttManager::HandlePendingRetries(): Failed to activate pending LCM spec after %d "
+            "retries will clear config.",
+            static_cast<int>(maxCachedRetries_));
+    auto cfg = config();
+    cfg->setVmIdPend("");
+    cfg->setShortTemplateIdPend("");
+    cfg->setEdgeIdPend("");
+    cfg->setAgentIdentityPend("");
+    cfg->CleanLCMPairingConfiguration();
+    return false;
+}
+
+bool MqttManager::CreateAgentKeyPair() {
+    if (!needBootstrap_) {
+        MFW_LOG(CORE::kLogDebug, "MqttManager::CreateAgentKeyPair(): Skip creating agent key pair");
+        return true;
+    }
+    MFW_LOG(CORE::kLogDebug, "MqttManager::CreateAgentKeyPair(): Creating agent key pair.");
+    SetState(MQTT_STATE_PAIRING);
+    auto cfg = config();
+    const auto guid = CORE::makeGuid();
+    keyContainer_ = guid ? *guid : std::string(CORE::kNullGuid);
+    keyBlob_.clear();
+    std::string privateKeyPem;
+    std::string csrPem;
+    certs::CertificateUtil certificates;
+    if (!certificates.GenerateKeyAndCSR(cfg->getAgentIdentityPend(), keyContainer_, keyBlob_,
+                                        privateKeyPem, csrPem)) {
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::CreateAgentKeyPair(): Failed to generate the key and CSR.");
+        HandlePendingRetries();
+        return false;
+    }
+    const std::string encoded = CORE::base64Encode(csrPem);
+    if (encoded.empty()) {
+        MFW_LOG(CORE::kLogError, "MqttManager::CreateAgentKeyPair():  Client CSR is empty.");
+        return false;
+    }
+    cfg->setPairingSecrets({std::move(privateKeyPem), CORE::toWide(keyContainer_), encoded});
+    return true;
+}
+
+bool MqttManager::MakeOTPRequest(const std::string& vmId, const std::string& csrBase64,
+                                 std::string& response) {
+    auto cfg = config();
+    OtpRequest request;
+    request.url = cfg->getOtpUrl();
+    request.thumbprint = cfg->getSslCertThumbprint();
+    request.checkRevocation = cfg->getCertRevocation();
+    request.proxyServer = CORE::toUtf8(cfg->getHttpProxyServer());
+    request.proxyBypass = CORE::toUtf8(cfg->getHttpProxyBypass());
+    request.proxyAutoConfigUrl = CORE::toUtf8(cfg->getHttpProxyAutoConfigUrl());
+    Json::Value body(Json::objectValue);
+    body["vmId"] = vmId;
+    body["otp"] = cfg->getOtp();
+    body["clientCsr"] = csrBase64;
+    request.body = MqttManagerUtil::writeCompact(body);
+    MFW_LOG(CORE::kLogDebug,
+            "MqttManager::MakeOTPRequest(): Using vmId: %s. URL: %s. clientCsr: \r\n%s",
+            vmId.c_str(), request.url.c_str(), csrBase64.c_str());
+    MFW_LOG(CORE::kLogDebug,
+            "MqttManager::MakeOTPRequest(): OTP Request outgoing. Proxy Server: %s. Proxy Bypass: "
+            "%s. PACURL: %s.",
+            request.proxyServer.c_str(), request.proxyBypass.c_str(),
+            request.proxyAutoConfigUrl.c_str());
+    return deps_.otpRequester && deps_.otpRequester(request, response);
+}
+
+bool MqttManager::RequestCredentials() {
+    if (!needBootstrap_) {
+        MFW_LOG(CORE::kLogDebug, "MqttManager::RequestCredentials(): Skipping credentials request");
+        return true;
+    }
+    MFW_LOG(CORE::kLogDebug, "MqttManager::RequestCredentials(): Requesting credentials from hub.");
+    auto cfg = config();
+    std::string response;
+    if (!MakeOTPRequest(cfg->getVmIdPend(), cfg->pairingSecrets().csr, response)) {
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::RequestCredentials(): Failed to register with REST API.");
+        HandlePendingRetries();
+        return false;
+    }
+    // The one-time password has been used, whatever the answer says.
+    cfg->CleanLCMPairingConfiguration();
+    if (response.empty()) {
+        MFW_LOG(CORE::kLogError, "MqttManager::RequestCredentials(): OTP activation response is empty.");
+    } else {
+        auto pairing = std::make_unique<pairingConfig>(*cfg);
+        if (pairing->InitCredentialsFromJSON(response) == CredentialsStatus::Success) {
+            pairingConfigOwner_ = cfg;
+            pendingPairing_ = std::move(pairing);
+            MFW_LOG(CORE::kLogDebug,
+                    "MqttManager::RequestCredentials(): Successfully requested credentials");
+            return true;
+        }
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::RequestCredentials(): Credentials response parse failed.");
+    }
+    failureReason_ = "Failed to request credentials. Bootstrap needed";
+    return false;
+}
+
+bool MqttManager::StorePairingData() {
+    if (!needBootstrap_) {
+        MFW_LOG(CORE::kLogDebug, "MqttManager::StorePairingData(): Skip storing pairing data");
+        return true;
+    }
+    MFW_LOG(CORE::kLogDebug, "MqttManager::StorePairingData(): Storing pairing data.");
+    auto cfg = config();
+    std::unique_ptr<pairingConfig> pairing = std::move(pendingPairing_);
+    pairingConfigOwner_.reset();
+    certs::CertificateUtil certificates;
+    if (!pairing || !pairing->StorePairingData(certificates, false, keyContainer_, keyBlob_)) {
+        MFW_LOG(CORE::kLogError, "MqttManager::StorePairingData(): Unable to store pairing data.");
+        failureReason_ = "Failed to store certficates. Bootstrap needed";
+        return false;
+    }
+    if (!pairing->RetrievePairingData(certificates, cfg->getAgentIdentityPend())) {
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::StorePairingData(): Have paired but pairing data not complete");
+        failureReason_ = "Pairing data incomplete. Bootstrap needed";
+        return false;
+    }
+    cfg->CleanAgentBootstrapConfiguration();
+    return true;
+}
+
+bool MqttManager::MarkPairedState() {
+    pairedStateKnown_ = true;
+    if (needBootstrap_) {
+        config()->setPaired(true);
+        UpdateIDs();
+    }
+    pairedFlag_ = true;
+    return true;
+}
+
+void MqttManager::UpdateIDs() {
+    auto cfg = config();
+    cfg->setVmId(cfg->getVmIdPend());
+    cfg->setShortTemplateId(cfg->getShortTemplateIdPend());
+    cfg->setEdgeId(cfg->getEdgeIdPend());
+    cfg->setAgentIdentity(cfg->getAgentIdentityPend());
+    MFW_LOG(CORE::kLogInfo, "MqttManager::UpdateIDs(): Agent identity is now %s",
+            cfg->getAgentIdentity().c_str());
+}
+
+bool MqttManager::StartIPCServer() { return true; }
+
+void MqttManager::RevertToRequireBootstrap(bool forgetPairingData) {
+    MFW_LOG(CORE::kLogWarning,
+            "MqttManager::RevertToRequireBootstrap(): A new LCM spec is required: %s",
+            failureReason_.c_str());
+    notifyQueue(L"NotifyQueueRemove", L"MQTT");
+    transportRegistered_ = false;
+    auto cfg = config();
+    // Without an active identity only a new spec (or pending values) can
+    // start the chain again.
+    cfg->setVmId("");
+    cfg->setAgentIdentity("");
+    cfg->setPaired(false);
+    pairedFlag_ = false;
+    registrationCompleted_ = false;
+    activeRetries_ = 0;
+    if (forgetPairingData) {
+        cfg->store().remove(kNodeManagerKey, kEndpointUrlValue);
+        cfg->store().remove(kNodeManagerKey, kBootstrapTopicValue);
+        certs::CertificateUtil().RemoveClientCertificate(false);
+    }
+}
+
+}  // namespace ndpx

@@ -1,0 +1,200 @@
+#pragma once
+// HttpRequest over libcurl with the OpenSSL backend.
+//
+// The server checks of HttpRequest.h replace OpenSSL's certificate
+// verification for the connection (SSL_CTX_set_cert_verify_callback, set up
+// through CURLOPT_SSL_CTX_FUNCTION): a failing check aborts the handshake,
+// so no byte of the request is sent. Trust comes from TrustSettings (the
+// machine's root bundle by default) plus CRL files for revocation checks;
+// CRL distribution points are not fetched, so a certificate without a CRL in
+// those files fails a revocation check as "status unknown".
+//
+// Each asynchronous request runs on a thread owned by the object; the
+// synchronous forms run on the caller's thread. Redirects are not followed
+// (a 3xx answer is reported as such). Proxy choice for each request: an
+// explicit proxy without PAC URL; else the PAC script's answer (explicit PAC
+// URL, then the user's auto-configuration URL) when it names a proxy; else
+// the explicit proxy; else the user's proxy (the environment); else direct.
+// HTTPS proxies are not used.
+
+#include "net/CancelToken.h"
+#include "net/ChainVerifier.h"
+#include "net/HttpRequest.h"
+#include "net/ProxyConfig.h"
+
+#include <curl/curl.h>
+#include <openssl/x509.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace ndpx::net {
+
+class CurlHttpRequest final : public HttpRequest {
+public:
+    static constexpr std::uint64_t kDefaultMaxRequestSize = 0xFFFFFFFFull;
+    static constexpr std::uint64_t kDefaultUploadChunkSize = 0x400000;  // 4 MiB
+    static constexpr std::uint64_t kDefaultMaxResponseSize = 64ull << 20;
+
+    explicit CurlHttpRequest(TrustSettings trust = {});
+    ~CurlHttpRequest() override;
+    CurlHttpRequest(const CurlHttpRequest&) = delete;
+    CurlHttpRequest& operator=(const CurlHttpRequest&) = delete;
+
+    bool getSync(const std::string& url, std::string& response) override;
+    bool postSync(ContentType type, const std::string& url, const std::string& body,
+                  std::string& response) override;
+    bool putSync(ContentType type, const std::string& url, const std::string& body,
+                 std::string& response) override;
+    bool putSyncReversed(ContentType type, const std::string& url, std::string& response,
+                         const std::string& body) override;
+    bool deleteSync(const std::string& url, std::string& response) override;
+    bool getAsync(const std::string& url, Callback callback) override;
+    bool postAsync(ContentType type, const std::string& url, const std::string& body,
+                   Callback callback) override;
+    bool putAsync(ContentType type, const std::string& url, const std::vector<std::uint8_t>& buffer,
+                  std::size_t length, Callback callback) override;
+    bool putStringAsync(ContentType type, const std::string& url, const std::string& body,
+                        Callback callback) override;
+    bool putFileAsync(ContentType type, const std::string& url, const std::string& filePath,
+                      Callback callback) override;
+
+    void ignoreAllCertErrors() override;
+    void ignoreNameMismatch() override;
+    void setAdditionalStore(std::vector<std::string> certificatesPem) override;
+    void enableRevocationCheck() override;
+    void setHeaders(const HeaderMap& headers) override;
+    void setQueryParams(const HeaderMap& params) override;
+    void setPinnedThumbprint(const std::string& thumbprint) override;
+    void setTimeout(std::uint32_t seconds) override;
+    void setProxyServer(const std::string& server) override;
+    void setProxyBypass(const std::string& bypass) override;
+    void setProxyCredentials(const std::string& user, const std::string& password) override;
+    void setPacUrl(const std::string& url) override;
+    void cancelRequest() override;
+    std::uint32_t getResponseCode() override;
+    std::string getResponseHeaders() override;
+    std::string getResponseBody() override;
+    bool isSuccess() override;
+
+    // Settings beyond the interface.
+    void setTrust(TrustSettings trust);
+    void setMaxRequestSize(std::uint64_t bytes);
+    void setUploadChunkSize(std::uint64_t bytes);
+    void setMaxResponseSize(std::uint64_t bytes);
+    void setPacLimits(const PacLimits& limits);
+    // The user's proxy settings (default: this process's environment).
+    void setUserProxyConfig(std::shared_ptr<ProxyConfig> config);
+
+    // Observations.
+    struct Timeouts {
+        std::uint32_t resolveMs;
+        std::uint32_t connectMs;
+        std::uint32_t sendMs;
+        std::uint32_t receiveMs;
+        std::uint32_t totalMs;
+    };
+    Timeouts timeouts() const;
+    bool chainVerified() const;
+    // File chunks read for the last file upload.
+    std::uint64_t uploadChunksRead() const { return uploadChunks_.load(); }
+    // 0 when the last request reached its end without a transport or TLS
+    // failure, else libcurl's error code.
+    int transportError() const;
+    // The proxy URL the last request used; empty when it went direct.
+    std::string lastProxy() const;
+    // The query text ("?a=1&b=2&") the last request was built with.
+    std::string queryString() const;
+
+private:
+    struct Transfer;
+    enum class State { Idle, Running, Completing };
+    // Survives the object, so a completion thread that outlives it (the
+    // callback released the last owner) can still finish safely.
+    struct Shared {
+        std::mutex mutex;
+        std::condition_variable changed;
+        State state = State::Idle;
+        std::uint64_t generation = 0;
+        std::thread::id completingThread;
+    };
+    struct Outcome {
+        bool cancelled = false;
+        bool timedOut = false;  // the overall budget of a synchronous request
+        CURLcode error = CURLE_OK;
+        std::string body;
+    };
+
+    // Sets the content type (None leaves the header as it is) and the body.
+    void stageBody(ContentType type, std::string body, std::string filePath);
+    bool performAsync(HttpMethod method, const std::string& url, Callback callback);
+    bool performSync(HttpMethod method, const std::string& url, const std::string& body,
+                     std::string& response);
+    std::unique_ptr<Transfer> prepare(HttpMethod method, const std::string& url);
+    bool setUpTransfer(Transfer& t);
+    Outcome run(Transfer& t, bool async);
+    std::string getProxyURL(Transfer& t);
+    void logRequestError(const Transfer& t, CURLcode rc);
+    void joinWorkers(bool all);
+    static Timeouts computeTimeouts(std::uint32_t totalMs);
+
+    // Server checks, in the TLS handshake.
+    static int verifyCallback(X509_STORE_CTX* ctx, void* arg);
+    static CURLcode sslContextCallback(CURL* curl, void* sslCtx, void* userptr);
+    static std::size_t readCallback(char* buffer, std::size_t size, std::size_t count, void* user);
+    static std::size_t writeCallback(char* data, std::size_t size, std::size_t count, void* user);
+    static std::size_t headerCallback(char* data, std::size_t size, std::size_t count, void* user);
+    bool verifyServer(Transfer& t, X509_STORE_CTX* ctx);
+    bool SendingRequest(Transfer& t, X509* leaf, STACK_OF(X509) * candidates);
+    bool checkAsPlatform(Transfer& t, X509* leaf, STACK_OF(X509) * candidates);
+
+    std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
+    std::mutex& mutex_ = shared_->mutex;  // guards every member below
+
+    // Configuration.
+    TrustSettings trust_;
+    std::string proxyServer_;
+    std::string proxyBypass_;
+    std::string proxyUser_;
+    std::string proxyPassword_;
+    std::string pacUrl_;
+    std::string requestBody_;
+    std::string uploadFilePath_;
+    HeaderMap headers_;
+    HeaderMap queryParams_;
+    std::string queryString_;
+    std::vector<std::string> additionalPems_;
+    std::shared_ptr<ProxyConfig> userProxy_;
+    PacLimits pacLimits_;
+    bool ignoreAllCertErrors_ = false;
+    bool ignoreNameMismatch_ = false;
+    bool checkRevocation_ = false;
+    bool chainVerified_ = false;
+    std::string pinnedThumbprint_;
+    std::uint32_t timeoutMs_ = kDefaultTimeoutMs;
+    std::uint64_t maxRequestSize_ = kDefaultMaxRequestSize;
+    std::uint64_t uploadChunkSize_ = kDefaultUploadChunkSize;
+    std::uint64_t maxResponseSize_ = kDefaultMaxResponseSize;
+
+    // The current (or last) request.
+    std::uint32_t statusCode_ = 0;
+    std::string responseHeaders_;
+    std::string responseBody_;
+    bool requestComplete_ = false;
+    std::string lastProxy_;
+    CURLcode transportError_ = CURLE_OK;
+    std::shared_ptr<CancelToken> cancel_;
+    std::atomic<std::uint64_t> uploadChunks_{0};
+
+    // Completion threads: the current one and earlier ones not yet joined.
+    std::thread worker_;
+    std::vector<std::thread> retired_;
+};
+
+}  // namespace ndpx::net

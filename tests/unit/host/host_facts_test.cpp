@@ -1,0 +1,150 @@
+// The desktop manager stand-in reports real facts about the machine and its
+// login sessions, and echoes requests unchanged.
+
+#include "host/DesktopManagerStandIn.h"
+#include "host/HostFacts.h"
+#include "support/TempDir.h"
+
+#include <mfw/MessageFrameWork.h>
+#include <mfw/corestring.h>
+
+#include <gtest/gtest.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+#include <utmpx.h>
+
+#include <cstring>
+#include <fstream>
+
+namespace ndpx::host {
+namespace {
+
+TEST(HostFacts, ParsesOsReleaseMeminfoAndUptime) {
+    EXPECT_EQ(
+        parseOsPrettyName("NAME=\"Debian\"\nPRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n"),
+        "Debian GNU/Linux 12 (bookworm)");
+    EXPECT_EQ(parseOsPrettyName("PRETTY_NAME=Plain\n"), "Plain");
+    EXPECT_EQ(parseOsPrettyName("NAME=x\nID=y"), "");
+    EXPECT_EQ(parseMemTotalBytes("MemTotal:        2017344 kB\nMemFree: 1 kB\n"),
+              2017344ull * 1024);
+    EXPECT_EQ(parseMemTotalBytes("MemFree: 1 kB\n"), 0u);
+    EXPECT_EQ(parseUptimeSeconds("12345.67 23456.78\n"), 12345u);
+    EXPECT_EQ(parseUptimeSeconds(""), 0u);
+}
+
+TEST(HostFacts, DescribeThisMachine) {
+    const HostFacts facts = collectHostFacts();
+    utsname uts{};
+    ASSERT_EQ(::uname(&uts), 0);
+    EXPECT_EQ(facts.hostname, uts.nodename);
+    EXPECT_EQ(facts.kernelRelease, uts.release);
+    EXPECT_GT(facts.cpuCount, 0u);
+    EXPECT_GT(facts.memoryTotalBytes, 0u);
+    EXPECT_GT(facts.uptimeSeconds, 0u);
+}
+
+utmpx record(short type, const char* user, const char* line, const char* host, int pid,
+             long seconds) {
+    utmpx u{};
+    u.ut_type = type;
+    u.ut_pid = pid;
+    std::strncpy(u.ut_user, user, sizeof u.ut_user);
+    std::strncpy(u.ut_line, line, sizeof u.ut_line);
+    std::strncpy(u.ut_host, host, sizeof u.ut_host);
+    u.ut_tv.tv_sec = static_cast<decltype(u.ut_tv.tv_sec)>(seconds);
+    return u;
+}
+
+TEST(HostFacts, LoginSessionsAreTheUserProcessesOfUtmp) {
+    test::TempDir dir;
+    const std::string file = (dir.path() / "utmp").string();
+    {
+        std::ofstream out(file, std::ios::binary);
+        const utmpx records[] = {
+            record(BOOT_TIME, "reboot", "~", "", 0, 1000),
+            record(USER_PROCESS, "alice", "pts/0", "10.0.0.7", 4242, 1700000000),
+            record(LOGIN_PROCESS, "LOGIN", "tty1", "", 77, 1700000001),
+            record(DEAD_PROCESS, "", "pts/1", "", 0, 1700000002),
+            // A user name that fills its field has no terminating NUL.
+            record(USER_PROCESS, std::string(sizeof(utmpx::ut_user), 'b').c_str(), "tty2", "", 99,
+                   1700000100),
+        };
+        out.write(reinterpret_cast<const char*>(records), sizeof records);
+    }
+    const auto sessions = collectLoginSessions(file);
+    ASSERT_EQ(sessions.size(), 2u);
+    EXPECT_EQ(sessions[0].user, "alice");
+    EXPECT_EQ(sessions[0].tty, "pts/0");
+    EXPECT_EQ(sessions[0].host, "10.0.0.7");
+    EXPECT_EQ(sessions[0].pid, 4242);
+    EXPECT_EQ(sessions[0].loginTime, 1700000000);
+    EXPECT_EQ(sessions[1].user, std::string(sizeof(utmpx::ut_user), 'b'));
+    EXPECT_EQ(sessions[1].host, "");
+
+    EXPECT_TRUE(collectLoginSessions((dir.path() / "missing").string()).empty());
+}
+
+class DesktopManagerStandInTest : public ::testing::Test {
+protected:
+    void SetUp() override { addDesktopManagerStandIn(); }
+    void TearDown() override {
+        CORE::MessageFrameWork::System().RemoveWorker(L"DesktopManager", 0);
+    }
+
+    static int send(const std::wstring& op, const CORE::PropertyBag& request,
+                    CORE::PropertyBag& response) {
+        return CORE::MessageHandler::SendMsg(L"DesktopManager", op, request, response, 10000);
+    }
+};
+
+TEST_F(DesktopManagerStandInTest, GetHostFactsAnswersWithTheMachinesFacts) {
+    CORE::PropertyBag response;
+    ASSERT_EQ(send(L"GetHostFacts", {}, response), CORE::kErrorSuccess);
+    const HostFacts facts = collectHostFacts();
+    EXPECT_EQ(response.get(L"HOSTNAME", L""), CORE::toWide(facts.hostname));
+    EXPECT_EQ(response.get(L"KERNEL_RELEASE", L""), CORE::toWide(facts.kernelRelease));
+    EXPECT_EQ(response.getInt64(L"CPU_COUNT"), static_cast<std::int64_t>(facts.cpuCount));
+    EXPECT_EQ(response.getInt64(L"MEMORY_TOTAL_BYTES"),
+              static_cast<std::int64_t>(facts.memoryTotalBytes));
+    EXPECT_TRUE(response.has(L"OS_NAME"));
+    EXPECT_TRUE(response.getInt64(L"UPTIME_SECONDS").has_value());
+    EXPECT_EQ(response.get(L"RESULT", L""), L"OK");
+}
+
+TEST_F(DesktopManagerStandInTest, ListSessionsAnswersOneBagPerSession) {
+    CORE::PropertyBag response;
+    ASSERT_EQ(send(L"listsessions", {}, response), CORE::kErrorSuccess);
+    const auto count = response.getInt64(L"SESSION_COUNT");
+    ASSERT_TRUE(count.has_value());
+    EXPECT_EQ(response.count(L"SESSION"), static_cast<std::size_t>(*count));
+    for (std::size_t i = 0; i < response.size(); ++i) {
+        if (response.getName(i) == L"SESSION") {
+            const CORE::PropertyBag* s = response.getBagPtr(i);
+            ASSERT_NE(s, nullptr);
+            EXPECT_TRUE(s->has(L"USER") && s->has(L"TTY") && s->has(L"HOST") &&
+                        s->has(L"LOGIN_TIME"));
+        }
+    }
+}
+
+TEST_F(DesktopManagerStandInTest, EchoReturnsTheRequestUnchanged) {
+    CORE::PropertyBag request;
+    request.set(L"ID", L"42");
+    request.add(L"DATA", L"x");
+    request.add(L"DATA", L"y");
+    CORE::PropertyBag nested;
+    nested.set(L"K", L"V");
+    request.addBag(L"NESTED", nested);
+    CORE::PropertyBag response;
+    ASSERT_EQ(send(L"Echo", request, response), CORE::kErrorSuccess);
+    EXPECT_EQ(response, request);
+}
+
+TEST_F(DesktopManagerStandInTest, UnknownCommandsStillGetAnError) {
+    CORE::PropertyBag response;
+    EXPECT_EQ(send(L"NoSuchCommand", {}, response), CORE::kErrorNotImplemented);
+    EXPECT_EQ(response.get(L"ERROR", L""), L"Unknown command NoSuchCommand");
+}
+
+}  // namespace
+}  // namespace ndpx::host

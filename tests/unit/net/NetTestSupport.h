@@ -1,0 +1,395 @@
+#pragma once
+// Real servers on loopback for the network tests: an HTTPS server (with a
+// certificate chain from the dev CA), a plain HTTP server, a TLS server that
+// answers with raw bytes, a listener that never answers, and tinyproxy. All
+// listen on ephemeral ports; every wait is bounded.
+
+#include "net/ChainVerifier.h"
+#include "support/Process.h"
+#include "support/TempDir.h"
+
+#include <devca/DevCa.h>
+#include <httplib.h>
+#include <mfw/log.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace ndpx::test {
+
+using namespace std::chrono_literals;
+
+inline void writeFile(const std::filesystem::path& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+// SHA-256 of a PEM text as "AB:CD:...", computed here independently of the
+// code under test.
+inline std::string expectedThumbprint(const std::string& pem) {
+    unsigned char md[EVP_MAX_MD_SIZE];
+    unsigned int len = 0;
+    EVP_Digest(pem.data(), pem.size(), md, &len, EVP_sha256(), nullptr);
+    std::string out;
+    char hex[4];
+    for (unsigned i = 0; i < len; ++i) {
+        std::snprintf(hex, sizeof hex, i + 1 < len ? "%02X:" : "%02X", md[i]);
+        out += hex;
+    }
+    return out;
+}
+
+// Certificates shared by every test of the binary (RSA keys are slow).
+struct TestPki {
+    devca::CertificateAuthority root = devca::CertificateAuthority::createRoot("Net Test Root");
+    devca::CertificateAuthority inter = root.createIntermediate("Net Test Intermediate");
+    devca::CertificateAuthority otherRoot =
+        devca::CertificateAuthority::createRoot("Unrelated Root");
+    devca::Issued leaf = inter.issueServer("localhost", {"localhost"}, {"127.0.0.1"});
+    devca::Issued wrongName = inter.issueServer("elsewhere.test", {"elsewhere.test"}, {});
+    devca::Issued expired =
+        inter.issueServer("localhost", {"localhost"}, {"127.0.0.1"},
+                          devca::Validity{-std::chrono::hours(48), std::chrono::hours(24)});
+    devca::Issued revoked = inter.issueServer("localhost", {"localhost"}, {"127.0.0.1"});
+    TempDir dir;
+    std::string rootFile = (dir.path() / "root.pem").string();
+    std::string otherRootFile = (dir.path() / "other-root.pem").string();
+    std::string interCrlFile = (dir.path() / "inter.crl").string();
+    std::string rootCrlFile = (dir.path() / "root.crl").string();
+
+    TestPki() {
+        inter.revoke(revoked.serialHex);
+        writeFile(rootFile, root.certPem());
+        writeFile(otherRootFile, otherRoot.certPem());
+        writeFile(interCrlFile, inter.crlPem());
+        writeFile(rootCrlFile, root.crlPem());
+    }
+    // What a server sends: its certificate, then the intermediate.
+    std::string chainOf(const devca::Issued& issued) const {
+        return issued.certPem + inter.certPem();
+    }
+    net::TrustSettings trusted(bool withCrls = false) const {
+        net::TrustSettings t{rootFile, {}};
+        if (withCrls) {
+            t.crlFiles = {interCrlFile, rootCrlFile};
+        }
+        return t;
+    }
+    net::TrustSettings untrusted() const { return net::TrustSettings{otherRootFile, {}}; }
+};
+
+inline const TestPki& pki() {
+    static const TestPki instance;
+    return instance;
+}
+
+// Captures the module log at the most verbose level for one test.
+class LogCapture {
+public:
+    LogCapture() {
+        CORE::setLogLevel(CORE::kLogVerbose);
+        CORE::addLogSink(sink_);
+    }
+    ~LogCapture() { CORE::removeLogSink(sink_); }
+    bool contains(const std::string& text) const { return sink_->contains(text); }
+    std::size_t count(const std::string& text) const { return sink_->count(text); }
+    std::string all() const {
+        std::string out;
+        for (const auto& line : sink_->lines()) {
+            out += line + "\n";
+        }
+        return out;
+    }
+
+private:
+    std::shared_ptr<CORE::CaptureSink> sink_ = std::make_shared<CORE::CaptureSink>();
+};
+
+struct SeenRequest {
+    std::string method;
+    std::string path;
+    std::string body;
+    httplib::Params params;
+    httplib::Headers headers;
+};
+
+// An HTTP(S) server on 127.0.0.1 answering every method and path through one
+// handler. It counts the requests that reached it.
+class TestServer {
+public:
+    using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
+
+    // HTTPS with the given chain (server certificate first) and key.
+    TestServer(const std::string& chainPem, const std::string& keyPem, Handler handler)
+        : handler_(std::move(handler)) {
+        server_ = std::make_unique<httplib::SSLServer>([&](SSL_CTX& ctx) {
+            auto certs = net::certificatesFromPem(chainPem);
+            BIO* bio = BIO_new_mem_buf(keyPem.data(), static_cast<int>(keyPem.size()));
+            EVP_PKEY* key = PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr);
+            BIO_free(bio);
+            bool ok = key != nullptr && !certs.empty() &&
+                      SSL_CTX_use_certificate(&ctx, certs[0].get()) == 1 &&
+                      SSL_CTX_use_PrivateKey(&ctx, key) == 1;
+            for (std::size_t i = 1; ok && i < certs.size(); ++i) {
+                ok = SSL_CTX_add1_chain_cert(&ctx, certs[i].get()) == 1;
+            }
+            EVP_PKEY_free(key);
+            return ok;
+        });
+        start();
+    }
+    // Plain HTTP.
+    explicit TestServer(Handler handler) : handler_(std::move(handler)) {
+        server_ = std::make_unique<httplib::Server>();
+        start();
+    }
+    ~TestServer() {
+        release();
+        server_->stop();
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+    TestServer(const TestServer&) = delete;
+    TestServer& operator=(const TestServer&) = delete;
+
+    int port() const { return port_; }
+    std::string url(const std::string& path = "/") const {
+        return std::string(tls_ ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_) +
+               path;
+    }
+    int requests() const { return requests_.load(); }
+    std::optional<SeenRequest> last() const {
+        std::lock_guard lock(mutex_);
+        return last_;
+    }
+    bool waitForRequests(int n, std::chrono::milliseconds limit = 10s) {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, limit, [&] { return requests_.load() >= n; });
+    }
+    // Lets handlers that wait in holdUntilReleased() go on.
+    void release() {
+        std::lock_guard lock(mutex_);
+        released_ = true;
+        cv_.notify_all();
+    }
+    // For handlers: waits (bounded) until the test releases the server.
+    bool holdUntilReleased(std::chrono::milliseconds limit = 10s) {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, limit, [&] { return released_; });
+    }
+
+private:
+    void start() {
+        tls_ = dynamic_cast<httplib::SSLServer*>(server_.get()) != nullptr;
+        auto handle = [this](const httplib::Request& req, httplib::Response& res) {
+            {
+                std::lock_guard lock(mutex_);
+                last_ = SeenRequest{req.method, req.path, req.body, req.params, req.headers};
+                ++requests_;
+                cv_.notify_all();
+            }
+            handler_(req, res);
+        };
+        server_->Get(".*", handle);
+        server_->Post(".*", handle);
+        server_->Put(".*", handle);
+        server_->Delete(".*", handle);
+        port_ = server_->bind_to_any_port("127.0.0.1");
+        if (port_ > 0) {
+            thread_ = std::thread([this] { server_->listen_after_bind(); });
+        }
+    }
+
+    Handler handler_;
+    std::unique_ptr<httplib::Server> server_;
+    bool tls_ = false;
+    int port_ = -1;
+    std::thread thread_;
+    mutable std::mutex mutex_;
+    std::condition_variable cv_;
+    std::atomic<int> requests_{0};
+    std::optional<SeenRequest> last_;
+    bool released_ = false;
+};
+
+inline TestServer::Handler answer(int status, std::string body) {
+    return [status, body](const httplib::Request&, httplib::Response& res) {
+        res.status = status;
+        res.set_content(body, "application/octet-stream");
+    };
+}
+
+// A listening socket on 127.0.0.1. Left alone it never accepts: connections
+// complete in the kernel and then hear nothing.
+class LoopbackListener {
+public:
+    LoopbackListener() {
+        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof addr;
+        ::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+        ::listen(fd_, 16);
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
+        port_ = ntohs(addr.sin_port);
+    }
+    ~LoopbackListener() { ::close(fd_); }
+    LoopbackListener(const LoopbackListener&) = delete;
+    LoopbackListener& operator=(const LoopbackListener&) = delete;
+    int port() const { return port_; }
+    int fd() const { return fd_; }
+
+private:
+    int fd_ = -1;
+    int port_ = 0;
+};
+
+// A free port on 127.0.0.1 (closed again; a caller that fails to bind it
+// retries with another).
+inline int freePort() {
+    LoopbackListener probe;
+    return probe.port();
+}
+
+// A TLS server that reads one request head and answers with raw bytes (not
+// necessarily HTTP), then closes.
+class RawTlsServer {
+public:
+    RawTlsServer(const std::string& chainPem, const std::string& keyPem, std::string reply)
+        : reply_(std::move(reply)) {
+        ctx_.reset(SSL_CTX_new(TLS_server_method()));
+        auto certs = net::certificatesFromPem(chainPem);
+        net::BioPtr bio(BIO_new_mem_buf(keyPem.data(), static_cast<int>(keyPem.size())));
+        EVP_PKEY* key = PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr);
+        SSL_CTX_use_certificate(ctx_.get(), certs.at(0).get());
+        for (std::size_t i = 1; i < certs.size(); ++i) {
+            SSL_CTX_add1_chain_cert(ctx_.get(), certs[i].get());
+        }
+        SSL_CTX_use_PrivateKey(ctx_.get(), key);
+        EVP_PKEY_free(key);
+        int fds[2];
+        if (::pipe(fds) == 0) {
+            stopRead_ = fds[0];
+            stopWrite_ = fds[1];
+        }
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~RawTlsServer() {
+        const char x = 'x';
+        if (::write(stopWrite_, &x, 1) < 0) {
+            // the thread still ends when its poll limit passes
+        }
+        thread_.join();
+        ::close(stopRead_);
+        ::close(stopWrite_);
+    }
+    int port() const { return listener_.port(); }
+    std::string url() const { return "https://127.0.0.1:" + std::to_string(port()) + "/"; }
+
+private:
+    void serve() {
+        for (;;) {
+            pollfd pfds[2] = {{listenerFd(), POLLIN, 0}, {stopRead_, POLLIN, 0}};
+            if (::poll(pfds, 2, 10000) <= 0 || (pfds[1].revents & POLLIN) != 0) {
+                return;
+            }
+            const int fd = ::accept(listenerFd(), nullptr, nullptr);
+            if (fd < 0) {
+                continue;
+            }
+            timeval tv{5, 0};
+            ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+            net::SslPtr ssl(SSL_new(ctx_.get()));
+            SSL_set_fd(ssl.get(), fd);
+            if (SSL_accept(ssl.get()) == 1) {
+                std::string head;
+                char buf[1024];
+                while (head.find("\r\n\r\n") == std::string::npos) {
+                    const int n = SSL_read(ssl.get(), buf, sizeof buf);
+                    if (n <= 0) {
+                        break;
+                    }
+                    head.append(buf, static_cast<std::size_t>(n));
+                }
+                SSL_write(ssl.get(), reply_.data(), static_cast<int>(reply_.size()));
+                SSL_shutdown(ssl.get());
+            }
+            ssl.reset();
+            ::close(fd);
+        }
+    }
+    int listenerFd() const { return listener_.fd(); }
+
+    LoopbackListener listener_;
+    std::string reply_;
+    net::SslCtxPtr ctx_;
+    int stopRead_ = -1;
+    int stopWrite_ = -1;
+    std::thread thread_;
+};
+
+// tinyproxy on an ephemeral port with its own configuration.
+class Tinyproxy {
+public:
+    static std::optional<std::string> binary() {
+        for (const char* path : {"/usr/sbin/tinyproxy", "/usr/bin/tinyproxy"}) {
+            if (::access(path, X_OK) == 0) {
+                return std::string(path);
+            }
+        }
+        return std::nullopt;
+    }
+
+    // `extraConfig` lines are appended to the configuration (e.g. BasicAuth).
+    explicit Tinyproxy(const std::string& extraConfig = "") {
+        for (int attempt = 0; attempt < 5 && !process_; ++attempt) {
+            port_ = freePort();
+            const auto conf = (dir_.path() / "tinyproxy.conf").string();
+            writeFile(conf, "Port " + std::to_string(port_) +
+                                "\nListen 127.0.0.1\nTimeout 30\nLogLevel Info\n"
+                                "MaxClients 20\nAllow 127.0.0.1\n" +
+                                extraConfig);
+            auto process = std::make_unique<Process>(std::vector<std::string>{
+                binary().value_or("/usr/bin/tinyproxy"), "-d", "-c", conf});
+            if (process->waitForLine("Accepting connections")) {
+                process_ = std::move(process);
+            }
+        }
+    }
+    bool running() const { return process_ != nullptr; }
+    int port() const { return port_; }
+    std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+    // Whether the proxy tunnelled a connection to `port` on loopback.
+    bool tunnelledTo(int port) const {
+        return process_ && process_->output().find("CONNECT 127.0.0.1:" + std::to_string(port)) !=
+                               std::string::npos;
+    }
+    std::string output() const { return process_ ? process_->output() : std::string(); }
+
+private:
+    TempDir dir_;
+    int port_ = 0;
+    std::unique_ptr<Process> process_;
+};
+
+}  // namespace ndpx::test

@@ -1,0 +1,166 @@
+// certctl: lists, shows and deletes the certificates of the agent's
+// certificate store, the way an operator uses the certificate manager on
+// Windows. Key material is never printed.
+
+#include "certs/OpenSslUtil.h"
+#include "certs/linux/OpenSslCertStore.h"
+
+#include <mfw/log.h>
+#include <mfw/moduleLog.h>
+#include <platform/Paths.h>
+
+#include <CLI/CLI.hpp>
+
+#include <ctime>
+#include <iostream>
+
+namespace {
+
+using ndpx::certs::CertContext;
+using ndpx::certs::OpenSslCertStore;
+
+constexpr int kFailure = 1;  // nothing found, or the store refused
+constexpr int kBadInput = 2;
+
+int fail(int code, const std::string& message) {
+    std::cerr << "certctl: " << message << '\n';
+    return code;
+}
+
+std::string timeText(const ASN1_TIME* time) {
+    std::tm tm{};
+    if (time == nullptr || ASN1_TIME_to_tm(time, &tm) != 1) {
+        return "(unreadable)";
+    }
+    char buf[32];
+    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S UTC", &tm);
+    return buf;
+}
+
+void printCertificate(const CertContext& c, OpenSslCertStore& store, bool details) {
+    X509* cert = c.cert.get();
+    std::cout << "Friendly name: " << (c.friendlyName.empty() ? "(none)" : c.friendlyName) << '\n'
+              << "Subject:       " << ndpx::certs::nameToText(X509_get_subject_name(cert)) << '\n'
+              << "Issuer:        " << ndpx::certs::nameToText(X509_get_issuer_name(cert)) << '\n'
+              << "Valid from:    " << timeText(X509_get0_notBefore(cert)) << '\n'
+              << "Valid to:      " << timeText(X509_get0_notAfter(cert)) << '\n'
+              << "SHA-256:       " << ndpx::certs::thumbprintOf(cert) << '\n';
+    if (details) {
+        std::cout << "Serial:        " << ndpx::certs::serialHexOf(cert) << '\n';
+        if (c.keyContainer.empty()) {
+            std::cout << "Private key:   (none)\n";
+        } else {
+            std::cout << "Private key:   " << c.keyContainer
+                      << (store.KeyExists(c.keyContainer) ? "" : " (missing)") << '\n';
+        }
+        std::cout << ndpx::certs::x509ToPem(cert);
+    }
+}
+
+int runList(OpenSslCertStore& store, const std::string& storeName) {
+    const auto handle = store.OpenCertificateStore(storeName);
+    if (!handle) {
+        return fail(kFailure, "cannot open store " + storeName + " in " + store.databaseFile());
+    }
+    const auto certs = store.EnumerateCertificates(handle);
+    for (std::size_t i = 0; i < certs.size(); ++i) {
+        std::cout << (i == 0 ? "" : "\n");
+        printCertificate(certs[i], store, false);
+    }
+    if (certs.empty()) {
+        std::cout << "store " << storeName << " is empty\n";
+    }
+    return 0;
+}
+
+int runShow(OpenSslCertStore& store, const std::string& storeName,
+            const std::string& friendlyName) {
+    const auto handle = store.OpenCertificateStore(storeName);
+    if (!handle) {
+        return fail(kFailure, "cannot open store " + storeName + " in " + store.databaseFile());
+    }
+    std::size_t shown = 0;
+    for (const auto& c : store.EnumerateCertificates(handle)) {
+        if (c.friendlyName == friendlyName) {
+            std::cout << (shown++ == 0 ? "" : "\n");
+            printCertificate(c, store, true);
+        }
+    }
+    if (shown == 0) {
+        return fail(kFailure,
+                    "no certificate named \"" + friendlyName + "\" in store " + storeName);
+    }
+    return 0;
+}
+
+int runDelete(OpenSslCertStore& store, const std::string& storeName,
+              const std::string& friendlyName) {
+    const auto handle = store.OpenCertificateStore(storeName);
+    if (!handle) {
+        return fail(kFailure, "cannot open store " + storeName + " in " + store.databaseFile());
+    }
+    std::size_t count = 0;
+    for (const auto& c : store.EnumerateCertificates(handle)) {
+        count += c.friendlyName == friendlyName ? 1 : 0;
+    }
+    if (count == 0) {
+        return fail(kFailure,
+                    "no certificate named \"" + friendlyName + "\" in store " + storeName);
+    }
+    if (!store.DeleteCertificates(storeName, friendlyName)) {
+        return fail(kFailure, "cannot delete the certificates named \"" + friendlyName + "\"");
+    }
+    std::cout << "deleted " << count << " certificate" << (count == 1 ? "" : "s") << " named \""
+              << friendlyName << "\" from store " << storeName << '\n';
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"Lists, shows and deletes certificates in the agent's certificate store."};
+    app.require_subcommand(1);
+    std::string root;
+    bool verbose = false;
+    std::string storeName = "My";
+    std::string friendlyName;
+    app.add_option("--root", root, "Root prefix of the machine paths (default: $NDPX_ROOT or /)");
+    app.add_flag("--verbose,-v", verbose, "Print the store's log lines");
+
+    auto* list = app.add_subcommand("list", "List the certificates of a store");
+    list->add_option("--store", storeName, "Store name")->capture_default_str();
+    auto* show = app.add_subcommand("show", "Show the certificates with a friendly name");
+    show->add_option("FRIENDLYNAME", friendlyName, "Friendly name")->required();
+    show->add_option("--store", storeName, "Store name")->capture_default_str();
+    auto* del = app.add_subcommand("delete", "Delete the certificates with a friendly name");
+    del->add_option("FRIENDLYNAME", friendlyName, "Friendly name")->required();
+    del->add_option("--store", storeName, "Store name")->capture_default_str();
+
+    CLI11_PARSE(app, argc, argv);
+
+    if (app.count("--root") > 0) {
+        if (root.empty()) {
+            return fail(kBadInput, "--root must not be empty");
+        }
+        ndpx::platform::paths::setRoot(root);
+    }
+    if (storeName.empty()) {
+        return fail(kBadInput, "--store must not be empty");
+    }
+    // The store's own error lines explain failures; everything with -v.
+    CORE::setModuleSourceName("certctl");
+    CORE::setLogLevel(verbose ? CORE::kLogVerbose : CORE::kLogError);
+    CORE::addLogSink(CORE::makeStderrSink());
+
+    OpenSslCertStore store;
+    if (list->parsed()) {
+        return runList(store, storeName);
+    }
+    if (show->parsed()) {
+        return runShow(store, storeName, friendlyName);
+    }
+    if (del->parsed()) {
+        return runDelete(store, storeName, friendlyName);
+    }
+    return kBadInput;
+}

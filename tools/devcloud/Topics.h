@@ -1,0 +1,19 @@
+#pragma once
+// The desktop topics a control plane uses to talk to one desktop agent.
+
+#include <string>
+
+namespace ndpx::devcloud {
+
+inline std::string commandsTopic(const std::string& desktopId) {
+    return "desktop/" + desktopId + "/agent/sessions/commands";
+}
+inline std::string responseTopic(const std::string& desktopId) {
+    return "desktop/" + desktopId + "/agent/sessions/response";
+}
+// Everything one desktop (or, with "+", every desktop) publishes or receives.
+inline std::string desktopFilter(const std::string& desktopId) {
+    return "desktop/" + desktopId + "/#";
+}
+
+}  // namespace ndpx::devcloud

@@ -1,0 +1,322 @@
+// devcloud: the development control plane. Keeps a certificate authority in
+// a folder, sets up and runs a mosquitto broker that admits clients by
+// certificate only, and talks to desktop agents as the control plane does.
+
+#include "devca/DevCa.h"
+#include "devcloud/BrokerConfig.h"
+#include "devcloud/EchoResponder.h"
+#include "devcloud/Home.h"
+#include "devcloud/MqttClient.h"
+#include "devcloud/Topics.h"
+
+#include <json/json.h>
+#include <CLI/CLI.hpp>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <random>
+#include <thread>
+
+namespace {
+
+namespace fs = std::filesystem;
+using ndpx::devcloud::ClientOptions;
+using ndpx::devcloud::Home;
+using ndpx::devcloud::MqttClient;
+
+constexpr const char* kControlPlaneCn = "control-plane";
+
+std::string freshId() {
+    std::random_device rd;
+    std::uniform_int_distribution<int> hex(0, 15);
+    std::string id = "xxxxxxxx-xxxx-4xxx-yxxx-xxxxxxxxxxxx";
+    for (char& c : id) {
+        if (c == 'x' || c == 'y') {
+            const int v = c == 'x' ? hex(rd) : 8 + hex(rd) % 4;
+            c = "0123456789abcdef"[v];
+        }
+    }
+    return id;
+}
+
+// Signals are taken with sigwait; block them before any thread starts so
+// that Paho's threads inherit the mask.
+sigset_t blockStopSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    return set;
+}
+
+ClientOptions controlPlaneOptions(const Home& home, const std::string& host, int port,
+                                  const std::string& cn, const std::string& clientIdPrefix) {
+    ClientOptions o;
+    o.host = host;
+    o.port = port;
+    o.clientId = clientIdPrefix + "-" + freshId().substr(0, 8);
+    o.tls = home.clientFiles(cn);
+    return o;
+}
+
+int caInit(const Home& home) {
+    Home h = home;
+    if (h.initCa()) {
+        std::cout << "devcloud: created the CA in " << h.dir().string() << "\n";
+    } else {
+        std::cout << "devcloud: the CA in " << h.dir().string() << " exists\n";
+    }
+    return 0;
+}
+
+int broker(Home home, int port, bool noDelay, const std::string& bind) {
+    home.initCa();
+    const fs::path dir = home.dir() / "broker";
+    fs::create_directories(dir / "store");
+    const fs::path cert = dir / "server.pem";
+    const fs::path key = dir / "server.key";
+    if (!fs::exists(cert) || !fs::exists(key)) {
+        const auto issued = home.issueServer("localhost", {"localhost"}, {"127.0.0.1", "::1"});
+        if (!ndpx::devca::writePrivateFile(key.string(), issued.keyPem) ||
+            !ndpx::devca::writePrivateFile(cert.string(), issued.certPem)) {
+            std::cerr << "devcloud: cannot write the server certificate\n";
+            return 1;
+        }
+    }
+    ndpx::devcloud::BrokerConfig config;
+    config.bindAddress = bind;
+    config.port = port != 0 ? port : ndpx::devcloud::pickFreePort(bind);
+    config.caFile = home.caFile().string();
+    config.certFile = cert.string();
+    config.keyFile = key.string();
+    config.noDelay = noDelay;
+    config.persistenceDir = (dir / "store").string();
+    config.logFile = (dir / "mosquitto.log").string();
+    config.logToStdout = true;
+    const fs::path conf = dir / "mosquitto.conf";
+    std::ofstream(conf) << ndpx::devcloud::mosquittoConf(config);
+
+    std::cout << "devcloud: broker on " << bind << " port " << config.port << "\n"
+              << "port " << config.port << std::endl;
+    // The broker replaces this process: signals reach it directly.
+    const std::string confPath = conf.string();
+    ::execl(ndpx::devcloud::kMosquittoPath, ndpx::devcloud::kMosquittoPath, "-c", confPath.c_str(),
+            static_cast<char*>(nullptr));
+    std::perror("devcloud: cannot start mosquitto");
+    return 1;
+}
+
+int clientCert(const Home& home, const std::string& cn, const std::string& prefix) {
+    const auto files = home.writeClient(cn, prefix);
+    std::cout << "certificate " << files.certFile << "\nkey " << files.keyFile << "\nca "
+              << files.caFile << "\n";
+    return 0;
+}
+
+int send(const Home& home, const std::string& host, int port, const std::string& cn,
+         const std::string& desktop, const std::string& command,
+         const std::vector<std::string>& args, const std::string& metadata, double timeout) {
+    Json::Value request(Json::objectValue);
+    const std::string id = freshId();
+    request["ID"] = id;
+    request["COMMAND"] = command;
+    for (const auto& arg : args) {
+        const auto eq = arg.find('=');
+        if (eq == std::string::npos || eq == 0) {
+            std::cerr << "devcloud: --arg wants KEY=VALUE, got " << arg << "\n";
+            return 2;
+        }
+        request[arg.substr(0, eq)] = arg.substr(eq + 1);
+    }
+    if (!metadata.empty()) {
+        Json::Value meta;
+        std::string errors;
+        const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+        if (!reader->parse(metadata.data(), metadata.data() + metadata.size(), &meta, &errors)) {
+            std::cerr << "devcloud: --metadata is not JSON: " << errors << "\n";
+            return 2;
+        }
+        request["METADATA"] = meta;
+    }
+
+    const auto limit = std::chrono::milliseconds(static_cast<long long>(timeout * 1000));
+    MqttClient client(controlPlaneOptions(home, host, port, cn, "devcloud-send"));
+    if (!client.connect(limit) ||
+        !client.subscribe(ndpx::devcloud::responseTopic(desktop), 1, limit)) {
+        std::cerr << "devcloud: cannot reach the broker: " << client.lastError() << "\n";
+        return 1;
+    }
+    Json::StreamWriterBuilder compact;
+    compact["indentation"] = "";
+    const std::string payload = Json::writeString(compact, request);
+    if (!client.publish(ndpx::devcloud::commandsTopic(desktop), payload, 1, false, limit)) {
+        std::cerr << "devcloud: cannot publish the command: " << client.lastError() << "\n";
+        return 1;
+    }
+    Json::Value answer;
+    const auto matches = [&](const ndpx::devcloud::Message& m) {
+        Json::Value v;
+        std::string errors;
+        const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+        if (!reader->parse(m.payload.data(), m.payload.data() + m.payload.size(), &v, &errors) ||
+            !v.isObject() || v.get("ID", "").asString() != id) {
+            return false;
+        }
+        answer = v;
+        return true;
+    };
+    if (!client.waitForMessage(ndpx::devcloud::responseTopic(desktop), matches, limit)) {
+        std::cerr << "devcloud: no answer to " << command << " (ID " << id << ") within " << timeout
+                  << " s\n";
+        return 1;
+    }
+    std::cout << Json::writeString(Json::StreamWriterBuilder(), answer) << std::endl;
+    return 0;
+}
+
+int watch(const Home& home, const std::string& host, int port, const std::string& cn,
+          const std::string& desktop) {
+    const sigset_t signals = blockStopSignals();
+    ClientOptions options = controlPlaneOptions(home, host, port, cn, "devcloud-watch");
+    options.automaticReconnect = true;
+    MqttClient client(options);
+    const std::string filter = ndpx::devcloud::desktopFilter(desktop.empty() ? "+" : desktop);
+    // "desktop/+/#" would miss identifiers with a slash (edge/vm).
+    const std::string subscription = desktop.empty() ? "desktop/#" : filter;
+    if (!client.connect() || !client.subscribe(subscription, 1)) {
+        std::cerr << "devcloud: cannot subscribe: " << client.lastError() << "\n";
+        return 1;
+    }
+    std::cerr << "devcloud: watching " << subscription << " (Ctrl-C ends)\n";
+    std::thread printer([&client, subscription] {
+        for (;;) {
+            const auto m = client.waitForMessage(subscription, std::chrono::hours(24));
+            if (!m) {
+                if (client.cancelled()) {
+                    return;
+                }
+                continue;
+            }
+            std::cout << m->topic << "\t" << m->payload << std::endl;
+        }
+    });
+    int sig = 0;
+    sigwait(&signals, &sig);
+    client.cancelWaits();
+    printer.join();
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"devcloud: the development control plane"};
+    app.require_subcommand(1);
+    std::string dir = "devcloud";
+    std::string host = "127.0.0.1";
+    int port = 0;
+    std::string cn = kControlPlaneCn;
+
+    auto* ca = app.add_subcommand("ca", "The development certificate authority");
+    ca->require_subcommand(1);
+    auto* caInitCmd = ca->add_subcommand("init", "Create the CA (ca.pem, ca.key) unless it exists");
+    caInitCmd->add_option("--dir", dir, "The devcloud folder")->required();
+
+    bool noNoDelay = false;
+    std::string bind = "127.0.0.1";
+    auto* brokerCmd = app.add_subcommand("broker", "Configure and run mosquitto (foreground)");
+    brokerCmd->add_option("--dir", dir, "The devcloud folder")->required();
+    brokerCmd->add_option("--port", port, "Listener port (default: a free one)");
+    brokerCmd->add_option("--bind", bind, "Listener address")->capture_default_str();
+    brokerCmd->add_flag("--no-nodelay", noNoDelay, "Leave Nagle's algorithm on");
+
+    std::string prefix;
+    auto* certCmd = app.add_subcommand("client-cert", "Issue a client certificate");
+    certCmd->add_option("--dir", dir, "The devcloud folder")->required();
+    certCmd->add_option("--cn", cn, "Subject common name")->required();
+    certCmd->add_option("--out", prefix, "Writes PREFIX.pem and PREFIX.key")->required();
+
+    std::string desktop;
+    std::string command;
+    std::vector<std::string> args;
+    std::string metadata;
+    double timeout = 10;
+    auto* sendCmd = app.add_subcommand("send", "Send a command to a desktop, print its answer");
+    sendCmd->add_option("--dir", dir, "The devcloud folder")->required();
+    sendCmd->add_option("--host", host, "Broker address")->capture_default_str();
+    sendCmd->add_option("--port", port, "Broker port")->required();
+    sendCmd->add_option("--cn", cn, "The control plane's certificate name")->capture_default_str();
+    sendCmd->add_option("--desktop", desktop, "Desktop identifier (as in its topics)")->required();
+    sendCmd->add_option("--command", command, "Command name")->required();
+    sendCmd->add_option("--arg", args, "KEY=VALUE member of the command (repeatable)");
+    sendCmd->add_option("--metadata", metadata, "JSON object returned with the answer");
+    sendCmd->add_option("--timeout", timeout, "Seconds to wait for the answer")
+        ->capture_default_str();
+
+    auto* watchCmd = app.add_subcommand("watch", "Print every desktop message until Ctrl-C");
+    watchCmd->add_option("--dir", dir, "The devcloud folder")->required();
+    watchCmd->add_option("--host", host, "Broker address")->capture_default_str();
+    watchCmd->add_option("--port", port, "Broker port")->required();
+    watchCmd->add_option("--cn", cn, "The control plane's certificate name")->capture_default_str();
+    watchCmd->add_option("--desktop", desktop, "Only this desktop");
+
+    auto* echoCmd =
+        app.add_subcommand("echo", "Answer a desktop's commands with the request (raw stand-in)");
+    echoCmd->add_option("--dir", dir, "The devcloud folder")->required();
+    echoCmd->add_option("--host", host, "Broker address")->capture_default_str();
+    echoCmd->add_option("--port", port, "Broker port")->required();
+    echoCmd->add_option("--desktop", desktop, "Desktop identifier")->required();
+
+    CLI11_PARSE(app, argc, argv);
+
+    try {
+        const Home home(dir);
+        if (caInitCmd->parsed()) {
+            return caInit(home);
+        }
+        if (brokerCmd->parsed()) {
+            return broker(home, port, !noNoDelay, bind);
+        }
+        if (!home.hasCa()) {
+            std::cerr << "devcloud: no CA in " << home.dir().string()
+                      << " (run devcloud ca init --dir " << dir << ")\n";
+            return 1;
+        }
+        if (certCmd->parsed()) {
+            return clientCert(home, cn, prefix);
+        }
+        if (sendCmd->parsed()) {
+            return send(home, host, port, cn, desktop, command, args, metadata, timeout);
+        }
+        if (watchCmd->parsed()) {
+            return watch(home, host, port, cn, desktop);
+        }
+        if (echoCmd->parsed()) {
+            const sigset_t signals = blockStopSignals();
+            ClientOptions options =
+                controlPlaneOptions(home, host, port, "desktop-" + desktop, "devcloud-echo");
+            options.automaticReconnect = true;
+            ndpx::devcloud::EchoResponder responder(options, desktop);
+            if (!responder.start()) {
+                std::cerr << "devcloud: cannot start: " << responder.client().lastError() << "\n";
+                return 1;
+            }
+            std::cerr << "devcloud: answering " << ndpx::devcloud::commandsTopic(desktop)
+                      << " (Ctrl-C ends)\n";
+            int sig = 0;
+            sigwait(&signals, &sig);
+            std::cerr << "devcloud: answered " << responder.answered() << " commands\n";
+            return 0;
+        }
+    } catch (const std::exception& e) {
+        std::cerr << e.what() << "\n";
+        return 1;
+    }
+    return 0;
+}
