@@ -133,8 +133,17 @@ std::shared_ptr<LogSink> makeRotatingFileSink(const std::string& path, std::size
 }
 
 void CaptureSink::write(const LogRecord& record) {
-    std::lock_guard lock(mutex_);
-    records_.push_back(record);
+    {
+        std::lock_guard lock(mutex_);
+        records_.push_back(record);
+    }
+    added_.notify_all();
+}
+
+bool CaptureSink::waitFor(std::string_view text, std::chrono::milliseconds limit,
+                          std::size_t n) const {
+    std::unique_lock lock(mutex_);
+    return added_.wait_for(lock, limit, [&] { return countLocked(text) >= n; });
 }
 
 std::vector<LogRecord> CaptureSink::records() const {
@@ -158,6 +167,10 @@ bool CaptureSink::contains(std::string_view text) const {
 
 std::size_t CaptureSink::count(std::string_view text) const {
     std::lock_guard lock(mutex_);
+    return countLocked(text);
+}
+
+std::size_t CaptureSink::countLocked(std::string_view text) const {
     return static_cast<std::size_t>(
         std::count_if(records_.begin(), records_.end(),
                       [&](const LogRecord& r) { return r.text.find(text) != std::string::npos; }));

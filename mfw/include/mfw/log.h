@@ -3,6 +3,8 @@
 // written when its level is at least the configured level. Each line carries
 // the source name of the module that wrote it.
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdarg>
 #include <memory>
 #include <mutex>
@@ -48,11 +50,16 @@ public:
     std::vector<LogRecord> records() const;
     std::vector<std::string> lines() const;  // texts only
     bool contains(std::string_view text) const;
+    // Waits (bounded) until `n` lines contain `text`.
+    bool waitFor(std::string_view text, std::chrono::milliseconds limit, std::size_t n = 1) const;
     std::size_t count(std::string_view text) const;
     void clear();
 
 private:
+    std::size_t countLocked(std::string_view text) const;
+
     mutable std::mutex mutex_;
+    mutable std::condition_variable added_;
     std::vector<LogRecord> records_;
 };
 

@@ -1,0 +1,102 @@
+// The registration thread in virtual time: the back-off between failed
+// passes, and the return to bootstrap after broken cached pairing data.
+
+#include "fakes/FakeMqttClient.h"
+#include "mqtt/MqttManager.h"
+#include "support/ManualTimeSource.h"
+#include "support/StubWorker.h"
+#include "support/TestRegistry.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+namespace ndpx {
+namespace {
+
+using namespace std::chrono_literals;
+using test::kNodeManagerKey;
+
+class RegistrationTest : public ::testing::Test {
+protected:
+    RegistrationTest() {
+        reg_.setString(kNodeManagerKey, "mqtt_StartupMaxJitter", "0");  // exact waits
+    }
+    ~RegistrationTest() override { manager_->Stop(); }
+
+    void start() {
+        MqttManagerDependencies d;
+        d.time = &clock_;
+        d.config = [this] { return cfg_; };
+        d.clientFactory = test::fakeClientFactory(fake_);
+        manager_ = std::make_unique<MqttManager>(d);
+        ASSERT_TRUE(manager_->Start());
+    }
+    // Moves virtual time once the registration thread (and the duplicate
+    // filter's timer) are asleep on the clock, so the move is not missed.
+    void advance(std::chrono::seconds by) {
+        ASSERT_TRUE(clock_.awaitWaiters(2));
+        clock_.advance(by);
+    }
+    // The wait set after the n-th failed pass.
+    bool waitedFor(int seconds, std::size_t n = 1) {
+        return reg_.log().waitFor("Wait interval set to " + std::to_string(seconds) + " secs", 10s,
+                                  n);
+    }
+
+    test::TestRegistry reg_;
+    test::StubWorker desktopManager_{L"DesktopManager"};
+    test::ManualTimeSource clock_;
+    std::shared_ptr<mqttConfig> cfg_ = std::make_shared<mqttConfig>(reg_.shared());
+    test::FakeMqttState fake_;
+    std::unique_ptr<MqttManager> manager_;
+};
+
+TEST_F(RegistrationTest, AFailingPassIsRetriedAfterADoublingWaitInVirtualTime) {
+    // An unreadable provisioning file that is kept: step 1 fails every pass.
+    reg_.setString(kNodeManagerKey, "mqtt_DeleteLCMSpec", "false");
+    std::filesystem::create_directories(mqttConfig::cloudProvisioningFilePath().parent_path());
+    std::ofstream(mqttConfig::cloudProvisioningFilePath()) << "{broken";
+    ::chmod(mqttConfig::cloudProvisioningFilePath().c_str(), 0600);
+    start();
+
+    ASSERT_TRUE(waitedFor(10));
+    const auto failures = [&] { return reg_.log().count("Registration failed, will restart."); };
+    EXPECT_EQ(failures(), 1u);
+    advance(9s);
+    EXPECT_FALSE(reg_.log().waitFor("Wait interval set to 20 secs", 100ms));
+    EXPECT_EQ(failures(), 1u);  // no new pass before the wait is over
+    advance(1s);
+    ASSERT_TRUE(waitedFor(20));
+    advance(20s);
+    ASSERT_TRUE(waitedFor(40));
+    EXPECT_EQ(failures(), 3u);
+    EXPECT_EQ(reg_.log().count("Unable to read LCM spec despite it existing!"), 3u);
+}
+
+TEST_F(RegistrationTest, BrokenCachedPairingDataLeadsBackToBootstrap) {
+    // An identity without pairing data: step 3 fails every pass.
+    reg_.setString(kNodeManagerKey, "mqtt_VmId", "vm7");
+    reg_.setString(kNodeManagerKey, "mqtt_AgentIdentity", "e1t3_vm7");
+    reg_.setString(kNodeManagerKey, "mqtt_EdgeId", "e1");
+    reg_.setString(kNodeManagerKey, "mqtt_ShortTemplateId", "t3");
+    reg_.setString(kNodeManagerKey, "mqtt_StartupMaxCachedRetries", "2");
+    start();
+    ASSERT_TRUE(waitedFor(10));
+    advance(10s);
+    ASSERT_TRUE(waitedFor(20));
+    advance(20s);
+    ASSERT_TRUE(reg_.log().waitFor(
+        "Failed to retrieve and validate cached pairing data after 2 retries, will bootstrap.",
+        10s));
+    EXPECT_EQ(reg_.log().count("Missing some pairing configuration, will retry."), 2u);
+    ASSERT_TRUE(waitedFor(40));
+    advance(40s);
+    // The identity is gone: only a new provisioning file can start pairing.
+    EXPECT_TRUE(reg_.log().waitFor("MqttManager::SetState(): State: MQTT_STATE_WAITING_CONFIG",
+                                   10s));
+    EXPECT_EQ(cfg_->getAgentIdentity(), "");
+}
+
+}  // namespace
+}  // namespace ndpx
