@@ -8,9 +8,8 @@
 #include "support/TempDir.h"
 
 #include <devca/DevCa.h>
+#include <devcloud/BrokerProcess.h>
 #include <devcloud/MqttClient.h>
-
-#include <sys/types.h>
 
 #include <chrono>
 #include <filesystem>
@@ -56,7 +55,7 @@ public:
     // (files kept in the broker's directory); the client id is `cn`.
     devcloud::ClientOptions clientOptions(const std::string& cn);
 
-    bool running() const { return pid_ > 0; }
+    bool running() const { return process_.running(); }
     void kill();     // SIGKILL and reap: nothing is saved
     void stop();     // SIGTERM and reap: the store is written
     void restart();  // starts again on the same port with the same store
@@ -74,26 +73,15 @@ public:
 
 private:
     void writeConfig();
-    // Starts mosquitto and waits until it accepts connections; false when it
-    // exited (e.g. the port was taken).
-    bool start(std::chrono::milliseconds limit);
-    void signalAndReap(int sig);
-    // Waits until the log file holds `text` after `offset`; false when the
-    // broker exited or `limit` passed.
-    bool waitForLogText(const std::string& text, std::size_t offset,
-                        std::chrono::milliseconds limit) const;
-    bool waitForFileText(const std::filesystem::path& watchDir, const std::filesystem::path& file,
-                         const std::string& text, std::size_t offset,
-                         std::chrono::milliseconds limit) const;
+    bool start();
 
     BrokerOptions options_;
     TempDir dir_;
     std::string host_ = "127.0.0.1";
     int port_ = 0;
     std::unique_ptr<devca::CertificateAuthority> ca_;
-    pid_t pid_ = -1;
-    int pidFd_ = -1;  // readable when the broker has exited
     std::size_t logMark_ = 0;
+    devcloud::BrokerProcess process_;
 };
 
 }  // namespace ndpx::test

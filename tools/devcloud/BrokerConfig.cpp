@@ -1,5 +1,7 @@
 #include "devcloud/BrokerConfig.h"
 
+#include "devcloud/UniqueFd.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <pwd.h>
@@ -11,22 +13,6 @@
 
 namespace ndpx::devcloud {
 namespace {
-
-class Socket {
-public:
-    Socket() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
-    ~Socket() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    Socket(const Socket&) = delete;
-    Socket& operator=(const Socket&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 std::string currentUser() {
     if (const passwd* pw = ::getpwuid(::geteuid())) {
@@ -85,7 +71,7 @@ std::string mosquittoConf(const BrokerConfig& c) {
 }
 
 int pickFreePort(const std::string& bindAddress) {
-    const Socket sock;
+    const UniqueFd sock(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (sock.get() < 0) {
         throw std::runtime_error("socket failed");
     }

@@ -1,6 +1,7 @@
 #include "devcloud/BrokerProcess.h"
 
 #include "devcloud/BrokerConfig.h"
+#include "devcloud/UniqueFd.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -23,22 +24,6 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-class Fd {
-public:
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
 int remainingMs(Clock::time_point deadline) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
@@ -46,7 +31,7 @@ int remainingMs(Clock::time_point deadline) {
 }
 
 bool acceptsTcp(const std::string& host, int port) {
-    const Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<std::uint16_t>(port));
@@ -66,7 +51,7 @@ std::string readTextFile(const fs::path& file) {
 bool waitForFileText(const fs::path& file, const std::string& text, std::size_t offset,
                      std::chrono::milliseconds limit, int exitFd) {
     const auto deadline = Clock::now() + limit;
-    const Fd watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    const UniqueFd watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     const fs::path dir = file.has_parent_path() ? file.parent_path() : fs::path(".");
     // Writers may also replace the file (write a new one, then rename).
     if (watch.get() < 0 ||

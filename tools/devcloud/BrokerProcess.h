@@ -44,8 +44,8 @@ private:
 // Waits until `file` holds `text` at or after byte `offset`, watching the
 // file's directory for writes. False after `limit`, or when `exitFd` (if
 // not -1) becomes readable first.
-bool waitForFileText(const std::filesystem::path& file, const std::string& text,
-                     std::size_t offset, std::chrono::milliseconds limit, int exitFd = -1);
+bool waitForFileText(const std::filesystem::path& file, const std::string& text, std::size_t offset,
+                     std::chrono::milliseconds limit, int exitFd = -1);
 
 // The file's text, empty when it cannot be read.
 std::string readTextFile(const std::filesystem::path& file);

@@ -4,16 +4,22 @@
 
 #include "devca/DevCa.h"
 #include "devcloud/BrokerConfig.h"
+#include "devcloud/BrokerProcess.h"
 #include "devcloud/EchoResponder.h"
 #include "devcloud/Home.h"
 #include "devcloud/MqttClient.h"
 #include "devcloud/Topics.h"
+#include "devcloud/UniqueFd.h"
 
 #include <json/json.h>
 #include <CLI/CLI.hpp>
 
+#include <poll.h>
 #include <signal.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <cstdio>
 #include <filesystem>
@@ -91,25 +97,36 @@ int broker(Home home, int port, bool noDelay, const std::string& bind) {
     }
     ndpx::devcloud::BrokerConfig config;
     config.bindAddress = bind;
-    config.port = port != 0 ? port : ndpx::devcloud::pickFreePort(bind);
     config.caFile = home.caFile().string();
     config.certFile = cert.string();
     config.keyFile = key.string();
     config.noDelay = noDelay;
     config.persistenceDir = (dir / "store").string();
     config.logFile = (dir / "mosquitto.log").string();
-    config.logToStdout = true;
+    config.logToStdout = true;  // on the terminal, next to our own lines
     const fs::path conf = dir / "mosquitto.conf";
-    std::ofstream(conf) << ndpx::devcloud::mosquittoConf(config);
 
-    std::cout << "devcloud: broker on " << bind << " port " << config.port << "\n"
+    // Signals are forwarded to the broker; the broker's exit ends us.
+    const sigset_t signals = blockStopSignals();
+    ndpx::devcloud::BrokerProcess process;
+    // A port we chose may be taken before mosquitto binds it: choose again.
+    for (int attempt = 0; !process.running() && attempt < (port != 0 ? 1 : 5); ++attempt) {
+        config.port = port != 0 ? port : ndpx::devcloud::pickFreePort(bind);
+        std::ofstream(conf) << ndpx::devcloud::mosquittoConf(config);
+        process.start(conf, config.logFile, {}, bind, config.port, std::chrono::seconds(20));
+    }
+    if (!process.running()) {
+        std::cerr << "devcloud: mosquitto exited; see " << config.logFile << "\n";
+        return 1;
+    }
+    std::cout << "devcloud: broker ready on " << bind << " port " << config.port << "\n"
               << "port " << config.port << std::endl;
-    // The broker replaces this process: signals reach it directly.
-    const std::string confPath = conf.string();
-    ::execl(ndpx::devcloud::kMosquittoPath, ndpx::devcloud::kMosquittoPath, "-c", confPath.c_str(),
-            static_cast<char*>(nullptr));
-    std::perror("devcloud: cannot start mosquitto");
-    return 1;
+    const ndpx::devcloud::UniqueFd sigFd(::signalfd(-1, &signals, SFD_CLOEXEC));
+    pollfd fds[2] = {{sigFd.get(), POLLIN, 0}, {process.exitFd(), POLLIN, 0}};
+    while (::poll(fds, 2, -1) < 0 && errno == EINTR) {
+    }
+    const auto status = process.stop(SIGTERM);
+    return status.value_or(0) == 128 + SIGTERM ? 0 : status.value_or(0);
 }
 
 int clientCert(const Home& home, const std::string& cn, const std::string& prefix) {

@@ -61,8 +61,6 @@ inline std::string expectedThumbprint(const std::string& pem) {
 struct TestPki {
     devca::CertificateAuthority root = devca::CertificateAuthority::createRoot("Net Test Root");
     devca::CertificateAuthority inter = root.createIntermediate("Net Test Intermediate");
-    devca::CertificateAuthority otherRoot =
-        devca::CertificateAuthority::createRoot("Unrelated Root");
     devca::Issued leaf = inter.issueServer("localhost", {"localhost"}, {"127.0.0.1"});
     devca::Issued wrongName = inter.issueServer("elsewhere.test", {"elsewhere.test"}, {});
     devca::Issued expired =
@@ -71,14 +69,12 @@ struct TestPki {
     devca::Issued revoked = inter.issueServer("localhost", {"localhost"}, {"127.0.0.1"});
     TempDir dir;
     std::string rootFile = (dir.path() / "root.pem").string();
-    std::string otherRootFile = (dir.path() / "other-root.pem").string();
     std::string interCrlFile = (dir.path() / "inter.crl").string();
     std::string rootCrlFile = (dir.path() / "root.crl").string();
 
     TestPki() {
         inter.revoke(revoked.serialHex);
         writeFile(rootFile, root.certPem());
-        writeFile(otherRootFile, otherRoot.certPem());
         writeFile(interCrlFile, inter.crlPem());
         writeFile(rootCrlFile, root.crlPem());
     }
@@ -93,7 +89,8 @@ struct TestPki {
         }
         return t;
     }
-    net::TrustSettings untrusted() const { return net::TrustSettings{otherRootFile, {}}; }
+    // The machine's roots, which know nothing of the test root.
+    net::TrustSettings untrusted() const { return net::TrustSettings{}; }
 };
 
 inline const TestPki& pki() {

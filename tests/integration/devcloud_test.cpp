@@ -1,0 +1,149 @@
+// The development control plane as an operator uses it: a broker from its
+// folder, a command sent to a desktop and the desktop's answer printed.
+
+#include "support/Process.h"
+#include "support/TempDir.h"
+
+#include <devcloud/BrokerProcess.h>
+#include <devcloud/EchoResponder.h>
+#include <devcloud/Home.h>
+#include <devcloud/TcpNoDelay.h>
+#include <devcloud/UniqueFd.h>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <filesystem>
+#include <sstream>
+#include <string>
+
+namespace ndpx::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+class DevcloudTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const auto init = run({DEVCLOUD_PATH, "ca", "init", "--dir", dir()});
+        ASSERT_EQ(init.status, 0) << init.output;
+        broker_ = std::make_unique<Process>(
+            std::vector<std::string>{DEVCLOUD_PATH, "broker", "--dir", dir()});
+        ASSERT_TRUE(broker_->waitForLine("devcloud: broker ready")) << broker_->output();
+        const std::string out = broker_->output();
+        const auto at = out.find("\nport ");
+        ASSERT_NE(at, std::string::npos) << out;
+        port_ = std::stoi(out.substr(at + 6));
+    }
+    void TearDown() override {
+        if (broker_) {
+            broker_->signal(SIGTERM);
+            EXPECT_EQ(broker_->wait(), 0) << broker_->output();
+        }
+    }
+
+    std::string dir() const { return (tmp_.path() / "devcloud").string(); }
+
+    devcloud::ClientOptions desktopOptions(const std::string& desktop) const {
+        devcloud::ClientOptions o;
+        o.port = port_;
+        o.clientId = "desktop-" + desktop;
+        o.tls = devcloud::Home(dir()).clientFiles("desktop-" + desktop);
+        return o;
+    }
+
+    RunResult send(const std::string& desktop, std::vector<std::string> extra) {
+        std::vector<std::string> argv{DEVCLOUD_PATH,         "send",      "--dir", dir(), "--port",
+                                      std::to_string(port_), "--desktop", desktop};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        return run(argv);
+    }
+
+    TempDir tmp_;
+    std::unique_ptr<Process> broker_;
+    int port_ = 0;
+};
+
+TEST_F(DevcloudTest, SendPrintsTheAnswerWithTheCommandsIdAndMetadata) {
+    devcloud::EchoResponder desktop(desktopOptions("edge1/vm7"), "edge1/vm7");
+    ASSERT_TRUE(desktop.start()) << desktop.client().lastError();
+
+    const auto result = send("edge1/vm7", {"--command", "GetHostFacts", "--arg", "USER=alice",
+                                           "--metadata", R"({"trace":"t-1"})"});
+    ASSERT_EQ(result.status, 0) << result.output;
+    Json::Value answer;
+    std::istringstream in(result.output);
+    ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &answer, nullptr))
+        << result.output;
+    EXPECT_EQ(answer["COMMAND"].asString(), "GetHostFacts");
+    EXPECT_EQ(answer["USER"].asString(), "alice");
+    EXPECT_EQ(answer["METADATA"]["trace"].asString(), "t-1");
+    EXPECT_EQ(answer["ID"].asString().size(), 36u);
+    EXPECT_EQ(desktop.answered(), 1u);
+}
+
+TEST_F(DevcloudTest, SendWithoutAnAnswerTimesOutWithExitCode1) {
+    const auto result = send("silent", {"--command", "Ping", "--timeout", "1"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.output.find("no answer to Ping"), std::string::npos) << result.output;
+}
+
+TEST_F(DevcloudTest, BrokerConfigurationAdmitsCertificatesOnlyWithNoDelay) {
+    const std::string conf =
+        devcloud::readTextFile(std::filesystem::path(dir()) / "broker" / "mosquitto.conf");
+    EXPECT_NE(conf.find("require_certificate true"), std::string::npos);
+    EXPECT_NE(conf.find("use_identity_as_username true"), std::string::npos);
+    EXPECT_NE(conf.find("allow_anonymous false"), std::string::npos);
+    EXPECT_NE(conf.find("set_tcp_nodelay true"), std::string::npos);
+    EXPECT_EQ(std::filesystem::status(std::filesystem::path(dir()) / "ca.key").permissions() &
+                  std::filesystem::perms::all,
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+}
+
+TEST(TopicFilter, WildcardsMatchAsInMqtt) {
+    EXPECT_TRUE(devcloud::topicMatches("#", "desktop/a/agent/status"));
+    EXPECT_TRUE(devcloud::topicMatches("desktop/#", "desktop"));
+    EXPECT_TRUE(devcloud::topicMatches("desktop/#", "desktop/e1/vm7/agent/sessions/response"));
+    EXPECT_TRUE(devcloud::topicMatches("desktop/+/agent/status", "desktop/a/agent/status"));
+    EXPECT_FALSE(devcloud::topicMatches("desktop/+/agent/status", "desktop/e1/vm7/agent/status"));
+    EXPECT_TRUE(devcloud::topicMatches("a/+", "a/"));
+    EXPECT_FALSE(devcloud::topicMatches("a/+", "a"));
+    EXPECT_FALSE(devcloud::topicMatches("a/b", "a/b/c"));
+    EXPECT_FALSE(devcloud::topicMatches("a/b/c", "a/b"));
+    EXPECT_TRUE(devcloud::topicMatches("a/b", "a/b"));
+}
+
+TEST(TcpNoDelay, SetsTheOptionOnlyOnSocketsToThatPeer) {
+    const devcloud::UniqueFd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    ASSERT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    ASSERT_EQ(::listen(listener.get(), 1), 0);
+    ASSERT_EQ(::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&addr), &len), 0);
+    const devcloud::UniqueFd client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(::connect(client.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    const devcloud::UniqueFd accepted(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    ASSERT_GE(accepted.get(), 0);
+    const auto noDelay = [](int fd) {
+        int v = -1;
+        socklen_t l = sizeof v;
+        ::getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &v, &l);
+        return v;
+    };
+
+    const int port = ntohs(addr.sin_port);
+    EXPECT_EQ(devcloud::setNoDelayForPeer("127.0.0.1", port, true), 1);
+    EXPECT_EQ(noDelay(client.get()), 1);
+    EXPECT_EQ(noDelay(accepted.get()), 0);  // its peer is the client's port
+    EXPECT_EQ(devcloud::setNoDelayForPeer("localhost", port, false), 1);
+    EXPECT_EQ(noDelay(client.get()), 0);
+    EXPECT_EQ(devcloud::setNoDelayForPeer("127.0.0.1", port == 65535 ? 1 : port + 1, true), 0);
+}
+
+}  // namespace
+}  // namespace ndpx::test
