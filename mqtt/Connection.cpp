@@ -3,6 +3,7 @@
 
 #include "config/MqttManagerUtil.h"
 #include "mqtt/MqttManager.h"
+#include "mqtt/TlsRefusalProbe.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/corestring.h>
@@ -352,9 +353,33 @@ void MqttManager::OnConnectionFailure(const MqttFailure& f) {
             "Reason Code: %d. Error message: %s. Token: %d",
             f.code, f.reasonCode, f.message.empty() ? "null" : f.message.c_str(), f.token);
     metrics_.ReportError("Connection failed");
-    const bool tls = containsNoCase(f.message, "TLS") || containsNoCase(f.message, "SSL");
-    recordEndpointResult(tls ? kEndpointTlsFailed : kEndpointFailed);
-    HandleUpdateEndpointRetries(tls);
+    if (containsNoCase(f.message, "TLS") || containsNoCase(f.message, "SSL")) {
+        recordEndpointResult(kEndpointTlsFailed);
+        HandleUpdateEndpointRetries(true);
+        return;
+    }
+    // The library words a refused handshake like any other failure: repeat
+    // the handshake ourselves, off the library's thread, to tell them apart.
+    executor_.post([this] {
+        std::string host;
+        int port = 0;
+        {
+            std::lock_guard lock(connectionLock_);
+            host = brokerHost_;
+            port = brokerPort_;
+        }
+        const std::filesystem::path dir = persistenceFolder_;
+        const bool tls = !host.empty() &&
+                         probeTls(host, port, (dir / "mqtt-trust.pem").string(),
+                                  (dir / "mqtt-client.pem").string(),
+                                  (dir / "mqtt-client.key").string()) == TlsProbeResult::Refused;
+        if (tls) {
+            MFW_LOG(CORE::kLogWarning,
+                    "MqttManager::OnConnectionFailure(): The broker refused the TLS handshake");
+        }
+        recordEndpointResult(tls ? kEndpointTlsFailed : kEndpointFailed);
+        HandleUpdateEndpointRetries(tls);
+    });
 }
 
 void MqttManager::OnConnectionLost(const std::string& cause) {

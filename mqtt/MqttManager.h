@@ -236,6 +236,7 @@ private:
     void ResetRunData();
     void recordEndpointResult(int result);
     void postConnectWork();
+    // Writes the PEM files the library reads (names from tlsFile()).
     bool writeTlsMaterial(const ConnectionMaterial& material, MqttConnectOptions& options);
     void applyNoDelay();
     void HealConnection(const std::string& reason);

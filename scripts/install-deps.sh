@@ -39,9 +39,9 @@ fi
 if command -v systemctl >/dev/null 2>&1 && systemctl is-active --quiet mosquitto 2>/dev/null; then
   systemctl stop mosquitto || true
 fi
-# Likewise tinyproxy: the proxy tests start their own on an ephemeral port.
-if command -v systemctl >/dev/null 2>&1 && systemctl is-active --quiet tinyproxy 2>/dev/null; then
-  systemctl stop tinyproxy || true
-  systemctl disable tinyproxy || true
+# Likewise tinyproxy (enabled for boot by its package): the proxy tests start
+# their own on an ephemeral port.
+if command -v systemctl >/dev/null 2>&1 && dpkg-query -W tinyproxy >/dev/null 2>&1; then
+  systemctl disable --now tinyproxy >/dev/null 2>&1 || true
 fi
 echo "install-deps: all packages present"

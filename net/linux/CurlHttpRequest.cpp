@@ -93,6 +93,10 @@ HttpRequestFactory curlHttpRequestFactory() {
     return [] { return std::make_shared<CurlHttpRequest>(); };
 }
 
+HttpRequestFactory curlHttpRequestFactory(TrustSettings trust) {
+    return [trust] { return std::make_shared<CurlHttpRequest>(trust); };
+}
+
 // Everything one request needs while it runs, copied from the object when it
 // starts so that setters called meanwhile do not race with it. Owned by the
 // thread running the request.

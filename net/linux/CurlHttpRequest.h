@@ -197,4 +197,7 @@ private:
     std::vector<std::thread> retired_;
 };
 
+// Requests checked against the given roots and CRL files.
+HttpRequestFactory curlHttpRequestFactory(TrustSettings trust);
+
 }  // namespace ndpx::net

@@ -5,6 +5,7 @@
 #include "fakes/FakeMqttClient.h"
 #include "mqtt/MqttManager.h"
 #include "support/TestRegistry.h"
+#include "support/WaitUntil.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/corestring.h>
@@ -150,7 +151,10 @@ TEST_F(SessionTest, ConnectFailuresAreClassifiedAndLibraryErrorsLogged) {
     fake_.listener->onConnectFailure({-1, 0, "tls handshake failed", 3});
     EXPECT_EQ(manager_->lastEndpointResult("ssl://broker.example:8883"), kEndpointTlsFailed);
     fake_.listener->onConnectFailure({-1, 0, "connection refused", 4});
-    EXPECT_EQ(manager_->lastEndpointResult("ssl://broker.example:8883"), kEndpointFailed);
+    // Classified off the library's thread (the broker is unreachable here).
+    EXPECT_TRUE(test::waitUntil([&] {
+        return manager_->lastEndpointResult("ssl://broker.example:8883") == kEndpointFailed;
+    }));
     EXPECT_TRUE(reg_.log().contains(
         "MqttManager::OnConnectionFailure(): MQTT connection failed. Error code: -1. MQTT Reason "
         "Code: 0. Error message: connection refused. Token: 4"));

@@ -222,6 +222,13 @@ TEST(HttpsRequestAnswers, StatusAndBodyReachTheCaller) {
             res.set_content(std::string("\0\x01\xff garbage \0", 13), "application/octet-stream");
         }
     });
+    EXPECT_TRUE(isSuccessStatus(200) && isSuccessStatus(299));
+    EXPECT_FALSE(isSuccessStatus(199) || isSuccessStatus(300));
+    EXPECT_STREQ(contentTypeValue(ContentType::Json), "application/json");
+    EXPECT_STREQ(contentTypeValue(ContentType::Zip), "application/zip");
+    EXPECT_EQ(contentTypeValue(ContentType::None), nullptr);
+    EXPECT_EQ(contentTypeValue(static_cast<ContentType>(9)), nullptr);
+
     auto request = makeRequest(pki().trusted());
     std::string response;
     EXPECT_TRUE(request->getSync(server.url("/fail"), response));
@@ -405,6 +412,7 @@ TEST(HttpsRequestCalls, CallbackMayStartTheNextRequest) {
 }
 
 TEST(HttpsRequestCalls, BodiesMethodsQueryAndHeadersArriveAsSent) {
+    LogCapture log;
     TestServer server = serverFor(pki().leaf, test::answer(201, "stored"));
     auto request = makeRequest(pki().trusted());
     request->setHeaders({{"X-Agent", "a1"}});
@@ -438,10 +446,10 @@ TEST(HttpsRequestCalls, BodiesMethodsQueryAndHeadersArriveAsSent) {
     request->setMaxRequestSize(3);
     ASSERT_TRUE(request->putStringAsync(ContentType::Text, server.url(), "xyz", done.callback()));
     ASSERT_TRUE(done.wait(2));
-    LogCapture log;
     EXPECT_FALSE(request->putStringAsync(ContentType::Text, server.url(), "wxyz", done.callback()));
     EXPECT_TRUE(log.contains("performAsync(): Request data size is too large"));
     EXPECT_EQ(server.requests(), 4);
+    EXPECT_FALSE(log.contains("otp"));  // bodies (secrets) are never logged
 }
 
 TEST(HttpsRequestCalls, FileBodyIsStreamedInChunks) {
