@@ -7,7 +7,7 @@ seconds=${1:-60}
 bash scripts/install-deps.sh >/dev/null
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DNDPX_BUILD_FUZZ=ON \
   -DNDPX_BUILD_TESTS=OFF -DNDPX_BUILD_BENCH=OFF >/dev/null
-cmake --build build-fuzz -j2
+cmake --build build-fuzz -j2 --target fuzz_all
 for target in build-fuzz/fuzz/*_fuzz; do
   name=$(basename "$target")
   corpus="fuzz/corpus/${name%_fuzz}"
