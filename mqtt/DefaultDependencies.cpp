@@ -4,6 +4,7 @@
 #include "certs/CertificateUtil.h"
 #include "certs/pairingConfig.h"
 #include "mqtt/MqttManager.h"
+#include "net/HttpRequest.h"
 
 #include <mfw/moduleLog.h>
 
@@ -104,6 +105,25 @@ MqttManagerDependencies defaultDependencies() {
     deps.clientCertificateUsable = [] {
         auto cfg = mqttConfig::current();
         return cfg && checkCertificateValidity(cfg->getAgentIdentity());
+    };
+    deps.otpRequester = [](const OtpRequest& r, std::string& response) {
+        const net::HttpRequestPtr request = net::curlHttpRequestFactory()();
+        if (!r.thumbprint.empty()) {
+            request->setPinnedThumbprint(r.thumbprint);
+        }
+        if (r.checkRevocation) {
+            request->enableRevocationCheck();
+        }
+        if (!r.proxyServer.empty()) {
+            request->setProxyServer(r.proxyServer);
+        }
+        if (!r.proxyBypass.empty()) {
+            request->setProxyBypass(r.proxyBypass);
+        }
+        if (!r.proxyAutoConfigUrl.empty()) {
+            request->setPacUrl(r.proxyAutoConfigUrl);
+        }
+        return request->postSync(net::ContentType::Json, r.url, r.body, response);
     };
     return deps;
 }

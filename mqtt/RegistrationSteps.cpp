@@ -4,6 +4,7 @@
 #include "certs/pairingConfig.h"
 #include "config/MqttManagerUtil.h"
 #include "mqtt/MqttManager.h"
+#include "net/CurlUtil.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/corestring.h>
@@ -200,8 +201,8 @@ bool MqttManager::MakeOTPRequest(const std::string& vmId, const std::string& csr
     MFW_LOG(CORE::kLogDebug,
             "MqttManager::MakeOTPRequest(): OTP Request outgoing. Proxy Server: %s. Proxy Bypass: "
             "%s. PACURL: %s.",
-            request.proxyServer.c_str(), request.proxyBypass.c_str(),
-            request.proxyAutoConfigUrl.c_str());
+            net::redactUrl(request.proxyServer).c_str(), request.proxyBypass.c_str(),
+            net::redactUrl(request.proxyAutoConfigUrl).c_str());
     return deps_.otpRequester && deps_.otpRequester(request, response);
 }
 

@@ -263,6 +263,43 @@ CertificateAuthority CertificateAuthority::createRoot(const std::string& commonN
     return ca;
 }
 
+CertificateAuthority CertificateAuthority::load(const std::string& certPem,
+                                                const std::string& keyPem) {
+    CertificateAuthority ca;
+    BioPtr certBio(BIO_new_mem_buf(certPem.data(), static_cast<int>(certPem.size())));
+    ca.cert_.reset(certBio ? PEM_read_bio_X509(certBio.get(), nullptr, nullptr, nullptr) : nullptr);
+    if (!ca.cert_) {
+        ERR_clear_error();
+        throw std::runtime_error("devca: no certificate in the CA's PEM text");
+    }
+    // Whatever follows is the chain above this CA.
+    while (X509Ptr parent{PEM_read_bio_X509(certBio.get(), nullptr, nullptr, nullptr)}) {
+        ca.parentChainPem_ += certToPem(parent.get());
+    }
+    ERR_clear_error();
+    if (X509_check_ca(ca.cert_.get()) == 0) {
+        throw std::runtime_error("devca: the certificate is not a CA certificate");
+    }
+
+    BioPtr keyBio(BIO_new_mem_buf(keyPem.data(), static_cast<int>(keyPem.size())));
+    // Without a callback OpenSSL would prompt on the terminal for the
+    // password of an encrypted key; refuse such keys instead.
+    const auto noPassword = [](char*, int, int, void*) { return -1; };
+    ca.key_.reset(keyBio ? PEM_read_bio_PrivateKey(keyBio.get(), nullptr, noPassword, nullptr)
+                         : nullptr);
+    if (!ca.key_) {
+        ERR_clear_error();
+        throw std::runtime_error("devca: no unencrypted private key in the CA key's PEM text");
+    }
+    if (X509_check_private_key(ca.cert_.get(), ca.key_.get()) != 1) {
+        ERR_clear_error();
+        throw std::runtime_error("devca: the private key does not belong to the CA certificate");
+    }
+    ca.certPem_ = certToPem(ca.cert_.get());
+    ca.keyPem_ = keyToPem(ca.key_.get());
+    return ca;
+}
+
 CertificateAuthority CertificateAuthority::createIntermediate(const std::string& commonName,
                                                               Validity v) {
     CertificateAuthority ca;

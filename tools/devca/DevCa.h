@@ -8,7 +8,8 @@
 // part, per-CA counter low part). A failure of OpenSSL itself (no memory, no
 // randomness) throws std::runtime_error; a malformed IP address or DNS name
 // for issueServer throws std::invalid_argument. Bad CSRs are not exceptional:
-// signCsr answers nullopt.
+// signCsr answers nullopt. A CA loaded from PEM that does not parse throws
+// std::runtime_error.
 
 #include <openssl/evp.h>
 #include <openssl/x509.h>
@@ -50,6 +51,11 @@ class CertificateAuthority {
 public:
     // A self-signed root CA (RSA-2048, SHA-256).
     static CertificateAuthority createRoot(const std::string& commonName, Validity v = {});
+    // A CA kept outside the process (e.g. in files): `certPem` holds its
+    // certificate, optionally followed by the chain up to its root; `keyPem`
+    // its unencrypted private key. Throws std::runtime_error when either does
+    // not parse, the certificate is not a CA or the key is not its key.
+    static CertificateAuthority load(const std::string& certPem, const std::string& keyPem);
     // An intermediate CA signed by this one.
     CertificateAuthority createIntermediate(const std::string& commonName, Validity v = {});
 

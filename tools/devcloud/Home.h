@@ -3,6 +3,7 @@
 // (ca.pem, ca.key), the broker's configuration, certificates, store and log,
 // and the certificates it issued.
 
+#include "devca/DevCa.h"
 #include "devcloud/MqttClient.h"
 
 #include <filesystem>
@@ -28,6 +29,10 @@ public:
     // Creates the folder (0700) and the CA unless they exist; true when a CA
     // was created now.
     bool initCa();
+
+    // The stored CA, read afresh (throws std::runtime_error when it is
+    // missing or damaged).
+    devca::CertificateAuthority loadCa() const;
 
     // Certificates signed by the stored CA (throws when there is none).
     IssuedPem issueClient(const std::string& commonName) const;

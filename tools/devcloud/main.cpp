@@ -1,13 +1,17 @@
 // devcloud: the development control plane. Keeps a certificate authority in
 // a folder, sets up and runs a mosquitto broker that admits clients by
-// certificate only, and talks to desktop agents as the control plane does.
+// certificate only, provisions desktops and pairs them over HTTPS, and talks
+// to desktop agents as the control plane does.
 
 #include "devca/DevCa.h"
 #include "devcloud/BrokerConfig.h"
+#include "devcloud/BrokerEndpoint.h"
 #include "devcloud/BrokerProcess.h"
+#include "devcloud/CredentialService.h"
 #include "devcloud/EchoResponder.h"
 #include "devcloud/Home.h"
 #include "devcloud/MqttClient.h"
+#include "devcloud/Provision.h"
 #include "devcloud/Topics.h"
 #include "devcloud/UniqueFd.h"
 
@@ -25,6 +29,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <mutex>
 #include <random>
 #include <thread>
 
@@ -119,14 +124,67 @@ int broker(Home home, int port, bool noDelay, const std::string& bind) {
         std::cerr << "devcloud: mosquitto exited; see " << config.logFile << "\n";
         return 1;
     }
+    // For the credential service, which hands the address to agents.
+    const auto endpoint = ndpx::devcloud::endpointForListener(bind, config.port);
+    if (!ndpx::devcloud::writeBrokerEndpoint(home.dir(), endpoint)) {
+        std::cerr << "devcloud: cannot write "
+                  << ndpx::devcloud::brokerEndpointFile(home.dir()).string() << "\n";
+    }
     std::cout << "devcloud: broker ready on " << bind << " port " << config.port << "\n"
               << "port " << config.port << std::endl;
     const ndpx::devcloud::UniqueFd sigFd(::signalfd(-1, &signals, SFD_CLOEXEC));
     pollfd fds[2] = {{sigFd.get(), POLLIN, 0}, {process.exitFd(), POLLIN, 0}};
     while (::poll(fds, 2, -1) < 0 && errno == EINTR) {
     }
+    ndpx::devcloud::removeBrokerEndpoint(home.dir(), endpoint);
     const auto status = process.stop(SIGTERM);
     return status.value_or(0) == 128 + SIGTERM ? 0 : status.value_or(0);
+}
+
+// Request lines come from the service's threads; keep them whole.
+void say(const std::string& line) {
+    static std::mutex mutex;
+    std::lock_guard lock(mutex);
+    std::cout << line << std::endl;
+}
+
+int credsvc(const Home& home, const ndpx::devcloud::CredentialServiceOptions& options) {
+    // Blocked before the service starts its threads, which inherit the mask.
+    const sigset_t signals = blockStopSignals();
+    ndpx::devcloud::CredentialService service(home, options, say);
+    if (!service.start()) {
+        std::cerr << "devcloud: cannot listen on " << options.bindAddress << " port "
+                  << options.port << "\n";
+        return 1;
+    }
+    std::string broker = "from " + ndpx::devcloud::brokerEndpointFile(home.dir()).string();
+    if (options.broker) {
+        broker = options.broker->host + ":" + std::to_string(options.broker->port);
+    }
+    say("devcloud: credential service ready on " + options.bindAddress + " port " +
+        std::to_string(service.port()) + "\nport " + std::to_string(service.port()) + "\nurl " +
+        service.url() + "\nthumbprint " + service.thumbprint() +
+        "\n(the thumbprint is the SHA-256 of the certificate's PEM text, for "
+        "mqtt_SslCertThumbprint; its DER SHA-256 is " +
+        service.derFingerprint() + ")\nbroker " + broker + "\nvalidity " +
+        std::to_string(options.validity.count()) + " s\nfault " +
+        ndpx::devcloud::faultName(options.fault));
+    int sig = 0;
+    sigwait(&signals, &sig);
+    service.stop();
+    say("devcloud: credential service stopped");
+    return 0;
+}
+
+int provisionDesktop(const ndpx::devcloud::ProvisionRequest& request) {
+    const auto result = ndpx::devcloud::provision(request);
+    std::cout << "identity " << result.agentIdentity << "\nbootstrap topic "
+              << result.bootstrapTopic << "\nspec " << result.specFile.string() << "\n";
+    if (::geteuid() != 0 && request.specFile.empty()) {
+        std::cerr << "devcloud: note: the agent trusts " << result.specFile.string()
+                  << " only when root owns it\n";
+    }
+    return 0;
 }
 
 int clientCert(const Home& home, const std::string& cn, const std::string& prefix) {
@@ -290,6 +348,46 @@ int main(int argc, char** argv) {
     echoCmd->add_option("--port", port, "Broker port")->required();
     echoCmd->add_option("--desktop", desktop, "Desktop identifier")->required();
 
+    ndpx::devcloud::CredentialServiceOptions svc;
+    std::string brokerHost;
+    int brokerPort = 0;
+    long long validitySeconds = svc.validity.count();
+    std::string fault = "none";
+    auto* credsvcCmd = app.add_subcommand(
+        "credsvc", "Run the HTTPS credential service agents pair with (foreground)");
+    credsvcCmd->add_option("--dir", dir, "The devcloud folder")->required();
+    credsvcCmd->add_option("--port", svc.port, "Listener port on 127.0.0.1 (default: a free one)");
+    credsvcCmd->add_option("--broker-host", brokerHost,
+                           "Broker host for agents (default: from the folder's broker.json)");
+    credsvcCmd->add_option("--broker-port", brokerPort, "Broker port for agents")
+        ->check(CLI::Range(1, 65535));
+    credsvcCmd->add_option("--validity-seconds", validitySeconds, "Lifetime of issued certificates")
+        ->check(CLI::Range(1LL, 10LL * 365 * 24 * 3600))
+        ->capture_default_str();
+    credsvcCmd->add_flag("--ws", svc.webSocket, "Tell agents to use MQTT over WebSocket");
+    credsvcCmd->add_option("--fault", fault, "Misbehave on purpose: none, 500, garbage, silent")
+        ->check(CLI::IsMember({"none", "500", "garbage", "silent"}))
+        ->capture_default_str();
+
+    ndpx::devcloud::ProvisionRequest prov;
+    std::string agentRoot;
+    std::string specFile;
+    auto* provisionCmd = app.add_subcommand(
+        "provision", "Issue a one-time password and write the agent's provisioning document");
+    provisionCmd->add_option("--dir", dir, "The devcloud folder")->required();
+    auto* rootOpt = provisionCmd->add_option("--root", agentRoot, "The agent's root prefix");
+    provisionCmd->add_option("--url", prov.url, "The credential service URL")->required();
+    provisionCmd->add_option("--vm-id", prov.vmId, "Machine identifier")->required();
+    provisionCmd->add_option("--edge-id", prov.edgeId, "Edge identifier")->required();
+    provisionCmd->add_option("--short-template-id", prov.shortTemplateId, "Short template id")
+        ->required();
+    provisionCmd->add_option("--name", prov.name, "Machine name (default: the vm id)");
+    provisionCmd->add_option("--bootstrap-topic", prov.bootstrapTopic,
+                             "Bootstrap topic (default: desktop/bootstrap/<identity>)");
+    auto* specOpt = provisionCmd->add_option(
+        "--spec-file", specFile, "Write the document here instead of under the agent's root");
+    rootOpt->excludes(specOpt);
+
     CLI11_PARSE(app, argc, argv);
 
     try {
@@ -300,10 +398,35 @@ int main(int argc, char** argv) {
         if (brokerCmd->parsed()) {
             return broker(home, port, !noNoDelay, bind);
         }
+        if (credsvcCmd->parsed()) {
+            if (!brokerHost.empty() || brokerPort != 0) {
+                if (brokerPort == 0) {
+                    std::cerr << "devcloud: --broker-host needs --broker-port\n";
+                    return 2;
+                }
+                svc.broker = ndpx::devcloud::BrokerEndpoint{
+                    brokerHost.empty() ? "127.0.0.1" : brokerHost, brokerPort};
+            }
+            svc.validity = std::chrono::seconds(validitySeconds);
+            svc.fault = *ndpx::devcloud::parseFault(fault);
+            Home h = home;
+            h.initCa();
+            return credsvc(h, svc);
+        }
         if (!home.hasCa()) {
             std::cerr << "devcloud: no CA in " << home.dir().string()
                       << " (run devcloud ca init --dir " << dir << ")\n";
             return 1;
+        }
+        if (provisionCmd->parsed()) {
+            if (agentRoot.empty() && specFile.empty()) {
+                std::cerr << "devcloud: provision needs --root or --spec-file\n";
+                return 2;
+            }
+            prov.devcloudDir = home.dir();
+            prov.agentRoot = agentRoot;
+            prov.specFile = specFile;
+            return provisionDesktop(prov);
         }
         if (certCmd->parsed()) {
             return clientCert(home, cn, prefix);

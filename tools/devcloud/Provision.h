@@ -1,0 +1,43 @@
+#pragma once
+// Provisioning a desktop for pairing: a fresh one-time password recorded in
+// the credential service's store, and the provisioning document (LCM spec)
+// that tells the agent its identity, where to pair and with which password,
+// written where the agent looks for it.
+
+#include <filesystem>
+#include <string>
+
+namespace ndpx::devcloud {
+
+struct ProvisionRequest {
+    std::filesystem::path devcloudDir;  // holds the one-time password store
+    std::filesystem::path agentRoot;    // the agent's root prefix
+    std::filesystem::path specFile;     // empty: the cloud-provisioning file under agentRoot
+    std::string url;                    // the credential service URL the agent posts to
+    std::string vmId;
+    std::string edgeId;
+    std::string shortTemplateId;
+    std::string name;            // empty: the vmId
+    std::string bootstrapTopic;  // empty: desktop/bootstrap/<identity>
+};
+
+struct ProvisionResult {
+    std::string agentIdentity;
+    std::string bootstrapTopic;
+    std::filesystem::path specFile;
+};
+
+// edge id + short template id + "_" + vm id
+std::string agentIdentity(const std::string& edgeId, const std::string& shortTemplateId,
+                          const std::string& vmId);
+// AGENTROOT/AzureData/CustomData.bin
+std::filesystem::path cloudProvisioningFile(const std::filesystem::path& agentRoot);
+
+// Records the password, then writes the document (mode 0600, atomically; a
+// missing directory is created 0700). Throws std::invalid_argument for
+// missing or unusable values and std::runtime_error when a file cannot be
+// written (the password is then withdrawn). The password appears in the
+// document only, never in the result.
+ProvisionResult provision(const ProvisionRequest& request);
+
+}  // namespace ndpx::devcloud
