@@ -19,6 +19,8 @@ Process::Process(std::vector<std::string> argv) {
         throw std::runtime_error("fork failed");
     }
     if (pid_ == 0) {
+        // Its own process group, so that whatever it starts can be ended with it.
+        ::setpgid(0, 0);
         ::dup2(fds[1], 1);
         ::dup2(fds[1], 2);
         // The test runner may block signals; the child must see SIGTERM.
@@ -43,6 +45,9 @@ Process::~Process() {
         ::kill(pid_, SIGKILL);
         wait(std::chrono::seconds(10));
     }
+    // Children of the child (a broker it started) would keep the output
+    // pipe open; they go with the group.
+    ::kill(-pid_, SIGKILL);
     if (reader_.joinable()) {
         reader_.join();
     }
