@@ -1,56 +1,93 @@
 #!/usr/bin/env bash
-# The main job: sets up a fresh Debian 12 machine, builds the agent, and runs
-# agenthost with the MQTT module in a temporary root, showing what it does.
+# The main job: on a fresh Debian 12 machine, installs what it needs, builds,
+# and shows a freshly provisioned desktop pairing and connecting by itself:
+# a development broker and credential service, agenthost with the module in
+# a temporary root, provisioning, a command from the control plane and its
+# answer, then a clean stop of everything.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/install-deps.sh
 build=${BUILD_DIR:-build}
-cmake -S . -B "$build" -G Ninja -DNDPX_BUILD_TESTS=OFF -DNDPX_BUILD_BENCH=OFF >/dev/null
-cmake --build "$build" -j2 --target agenthost ndpx_mqtt regctl
+cmake -S . -B "$build" -G Ninja -DNDPX_BUILD_BENCH=OFF >/dev/null
+cmake --build "$build" -j2 --target agenthost ndpx_mqtt regctl certctl devcloud
 
-root=$(mktemp -d /tmp/ndpx-demo.XXXXXX)
-log="$root/agenthost.log"
-host_pid=""
+devcloud="$build/tools/devcloud/devcloud"
+regctl="$build/tools/regctl/regctl"
+certctl="$build/tools/certctl/certctl"
+work=$(mktemp -d /tmp/ndpx-demo.XXXXXX)
+cloud="$work/cloud"
+root="$work/desktop"
+mkdir -p "$cloud" "$root"
+pids=()
 cleanup() {
-  if [[ -n "$host_pid" ]] && kill -0 "$host_pid" 2>/dev/null; then kill -TERM "$host_pid"; wait "$host_pid" || true; fi
-  rm -rf "$root"
+  for pid in "${pids[@]}"; do
+    kill -TERM "$pid" 2>/dev/null || true
+  done
+  for pid in "${pids[@]}"; do
+    wait "$pid" 2>/dev/null || true
+  done
+  rm -rf "$work"
 }
 trap cleanup EXIT
 
 say() { printf '\n== %s\n' "$*"; }
-wait_for() {  # wait_for TEXT SECONDS
-  local deadline=$((SECONDS + $2))
-  until grep -qF -- "$1" "$log"; do
-    if ((SECONDS >= deadline)); then echo "demo: gave up waiting for: $1" >&2; tail -n 30 "$log" >&2; exit 1; fi
-    sleep 0.2
+wait_for() {  # wait_for FILE TEXT SECONDS
+  local deadline=$((SECONDS + $3))
+  until grep -qF -- "$2" "$1" 2>/dev/null; do
+    if ((SECONDS >= deadline)); then
+      echo "demo: gave up waiting for '$2' in $1" >&2
+      tail -n 40 "$1" >&2
+      exit 1
+    fi
+    sleep 0.1
   done
 }
+value_of() { grep -m1 "^$2 " "$1" | cut -d' ' -f2-; }
+node_manager='HKLM\Software\Brasswick, Inc.\Brasswick Orvane\Node Manager'
 
-say "Starting agenthost with ndpx_mqtt.so in the temporary root $root"
+say "Starting the development control plane: a certificate authority, an MQTT broker (TLS, client certificates required) and the credential service"
+"$devcloud" ca init --dir "$cloud" >/dev/null
+"$devcloud" broker --dir "$cloud" >"$work/broker.out" 2>&1 &
+pids+=($!)
+wait_for "$work/broker.out" "port " 30
+"$devcloud" credsvc --dir "$cloud" >"$work/credsvc.out" 2>&1 &
+pids+=($!)
+wait_for "$work/credsvc.out" "thumbprint " 30
+broker_port=$(value_of "$work/broker.out" port)
+url=$(value_of "$work/credsvc.out" url)
+thumbprint=$(value_of "$work/credsvc.out" thumbprint)
+echo "broker on 127.0.0.1:$broker_port, credential service at $url"
+
+say "Starting agenthost with ndpx_mqtt.so for a new desktop (root $root); it trusts the credential service by its thumbprint"
+"$regctl" --root "$root" set "$node_manager" mqtt_SslCertThumbprint "$thumbprint"
 "$build/host/agenthost" --root "$root" --plugin "$build/plugin/ndpx_mqtt.so" \
-  --log-level 1 --metrics-interval 1 2>"$log" &
-host_pid=$!
-wait_for "MqttManager::Start(): MQTT Start successful." 20
-grep -E "pluginServiceInstall|MQTTInstall|MqttManager::(Start|SetState)|setup MQTT queue" "$log" | sed 's/^[^[]*//'
+  --log-level 1 --log-file "$work/agent.log" 2>/dev/null &
+agent=$!
+pids+=($agent)
+wait_for "$work/agent.log" "MQTT_STATE_WAITING_CONFIG" 30
+echo "the agent runs and waits for its provisioning data"
 
-say "The manager's state, as the host's metrics file shows it"
-wait_for "DoSetMetricCallback" 10
-sleep 0.2
-cat "$root/run/Brasswick/metrics.json"
+say "Provisioning the desktop: an LCM spec with a fresh one-time password is dropped into its root"
+"$devcloud" provision --dir "$cloud" --root "$root" --url "$url" \
+  --vm-id vm7 --edge-id e1 --short-template-id t3 | grep -v '^$'
+wait_for "$work/agent.log" "MQTT_STATE_CONNECTED" 60
 
-say "Changing a setting while the agent runs (regctl set AsyncSessionSeconds 120)"
-"$build/tools/regctl/regctl" --root "$root" set \
-  'HKLM\Software\Brasswick, Inc.\Brasswick Orvane\Node Manager' AsyncSessionSeconds 120 --type dword
-wait_for "mqttConfig::changed(): AsyncSessionSeconds changed to 120" 10
-grep -F "mqttConfig::changed()" "$log" | sed 's/^[^[]*//'
+say "What the agent did, step by step (its state as it moved)"
+grep -E "SetState\(\): State|Creating agent key pair|Requesting credentials|Successfully requested credentials|Storing pairing data|Successfully subscribed" \
+  "$work/agent.log" | sed 's/^[^[]*\[[^]]*\] L[0-9] [0-9]*: /  /'
 
-say "Stopping agenthost with SIGTERM"
-kill -TERM "$host_pid"
+say "The certificate the desktop now holds"
+"$certctl" --root "$root" list
+
+say "The control plane sends GetHostFacts to desktop e1/vm7 and prints the answer"
+"$devcloud" send --dir "$cloud" --port "$broker_port" --desktop e1/vm7 --command GetHostFacts --timeout 20
+
+say "Stopping the agent (SIGTERM)"
+kill -TERM "$agent"
 status=0
-wait "$host_pid" || status=$?
-host_pid=""
-grep -E "MQTT Stop successful|all threads gone|agenthost: stopped" "$log" | sed 's/^[^[]*//'
+wait "$agent" || status=$?
+grep -E "MQTT Stop successful|agenthost: stopped" "$work/agent.log" | sed 's/^[^[]*\[[^]]*\] L[0-9] [0-9]*: /  /'
 echo "agenthost exit status: $status"
 
-say "Done: the module installed, started its manager, followed a live setting change and stopped cleanly."
+say "Done: the desktop paired with the credential service, connected to the broker over mutual TLS, answered a command and stopped cleanly."
