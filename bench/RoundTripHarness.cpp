@@ -1,5 +1,7 @@
 #include "RoundTripHarness.h"
 
+#include <atomic>
+
 #include <devcloud/EchoResponder.h>
 #include <devcloud/MqttClient.h>
 #include <devcloud/Topics.h>
@@ -169,7 +171,10 @@ std::vector<double> drive(Requester& requester, const std::string& command, std:
 Measurement measure(test::MosquittoBroker& broker, Responder& responder, bool noDelay,
                     std::size_t inFlight, const RunLimits& limits) {
     Requester requester(broker, noDelay, responder.desktopId());
-    std::size_t seq = 0;
+    // IDs never repeat across measurements: the agent drops a repeated ID as
+    // a redelivered command.
+    static std::atomic<std::size_t> nextRun{0};
+    std::size_t seq = nextRun.fetch_add(1) * 1'000'000;
     std::size_t warmUpLost = 0;
     // Warm-up: broker routes, allocations and caches settle.
     drive(requester, responder.command(), inFlight, limits.warmUp, Clock::now() + limits.maxTime,

@@ -5,6 +5,7 @@
 // responders (the real agent) are added to responders() and measured on the
 // same broker in the same run, and their ratio to the floor is printed.
 
+#include "AgentResponder.h"
 #include "RoundTripHarness.h"
 
 #include <CLI/CLI.hpp>
@@ -20,6 +21,7 @@ using ndpx::bench::Measurement;
 std::vector<std::pair<std::string, ndpx::bench::ResponderFactory>> responders() {
     return {
         {"floor", &ndpx::bench::makeFloorResponder},
+        {"agent", &ndpx::bench::makeAgentResponder},
     };
 }
 

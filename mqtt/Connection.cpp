@@ -307,7 +307,9 @@ void MqttManager::OnReconnected() {
     MFW_LOG(CORE::kLogInfo, "MqttManager::OnReconnected(): Reconnected to MQTT broker");
     // The library sets no TCP_NODELAY: without it every small answer waits
     // for the peer's delayed acknowledgement.
-    applyNoDelay();
+    if (deps_.setNoDelay) {
+        applyNoDelay();
+    }
     OnConnectionSuccess(false);
 }
 

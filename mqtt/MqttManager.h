@@ -66,6 +66,9 @@ struct MqttManagerDependencies {
     // Start runs the registration thread (tests of the session logic drive
     // the steps themselves).
     bool runRegistrationThread = true;
+    // TCP_NODELAY on the broker socket after every connection (off only to
+    // measure what it is worth).
+    bool setNoDelay = true;
     // The configuration in force; by default the process's loaded one.
     std::function<std::shared_ptr<mqttConfig>()> config;
     // The MQTT client library; by default the real one.
