@@ -36,9 +36,10 @@ public:
         if (!store_) {
             throw std::runtime_error("agent responder: " + error);
         }
-        for (const auto& [name, value] :
-             {std::pair{"mqtt_EdgeId", "e1"}, {"mqtt_VmId", "bench"},
-              {"mqtt_ShortTemplateId", "t3"}, {"mqtt_AgentIdentity", kIdentity.c_str()}}) {
+        for (const auto& [name, value] : {std::pair{"mqtt_EdgeId", "e1"},
+                                          {"mqtt_VmId", "bench"},
+                                          {"mqtt_ShortTemplateId", "t3"},
+                                          {"mqtt_AgentIdentity", kIdentity.c_str()}}) {
             store_->set(kNodeManagerKey, name, platform::SettingValue::ofString(value));
         }
         config_ = std::make_shared<mqttConfig>(store_);
@@ -101,6 +102,8 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Responder> makeAgentResponder() { return std::make_unique<AgentResponder>(); }
+std::unique_ptr<Responder> makeAgentResponder() {
+    return std::make_unique<AgentResponder>();
+}
 
 }  // namespace ndpx::bench

@@ -346,7 +346,7 @@ bool mqttConfig::InitLCMSpecFromJSON(const std::string& text) {
 
     if (spec.isMember("proxyInfo")) {
         const Json::Value& proxy = spec["proxyInfo"];
-        // Only what the spec gives replaces the stored proxy settings.
+        // Only what the LCM spec gives replaces the stored proxy settings.
         static const std::pair<const char*, const char*> kProxyValues[] = {
             {"server", "HTTP Proxy Server"},
             {"bypass", "HTTP Proxy Bypass"},
@@ -493,7 +493,7 @@ bool mqttConfig::writeMigrationBootstrap(const std::string& text) {
     // Written beside the target and renamed into place, so that the
     // registration flow never reads (and deletes) a half-written spec.
     std::string temp = path.string() + ".XXXXXX";
-    Descriptor fd(::mkostemp(temp.data(), O_CLOEXEC));  // mode 0600: the spec holds a secret
+    Descriptor fd(::mkostemp(temp.data(), O_CLOEXEC));  // mode 0600: the LCM spec holds a secret
     if (fd.get() < 0) {
         MFW_LOG(CORE::kLogError,
                 "mqttConfig::writeMigrationBootstrap(): Failed creating %s file: %s", path.c_str(),

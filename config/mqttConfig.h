@@ -193,20 +193,20 @@ public:
     // registration flow promotes once pairing with them succeeds.
     // ---------------------------------------------------------------------
 
-    // Who delivered the spec file: the fast-clone composer (FF), the cloud
+    // Who delivered the LCM spec file: the fast-clone composer (FF), the cloud
     // provisioning (Azure) or a running migration (Corvid).
     enum class LcmSpecSource { FF, Azure, Corvid };
     // The source that applies now: FF when the composer agent was detected,
     // Corvid while a migration runs, Azure otherwise.
     LcmSpecSource lcmSpecSource();
-    // The file the spec is looked for in now, by the same rule.
+    // The file the LCM spec is looked for in now, by the same rule.
     std::filesystem::path lcmSpecPath();
     // ProgramData/Brasswick/Orvane/LmAgent/lcm-spec.json (composer, migration).
     static std::filesystem::path lcmSpecFilePath();
     // SystemDrive/AzureData/CustomData.bin (cloud provisioning).
     static std::filesystem::path cloudProvisioningFilePath();
 
-    // Finds, reads, deletes (when allowed) and applies the spec file.
+    // Finds, reads, deletes (when allowed) and applies the LCM spec file.
     bool ReadLCMSpecFromFile();
     // True when the active identity in the store is complete.
     bool ReadLCMSpecFromRegistry();
@@ -219,7 +219,7 @@ public:
     // "host:port" (or the host alone) of the monitoring service from the
     // spec's "edgeGateway" object.
     static bool GetMonitoringBootstrap(const Json::Value& edgeGateway, std::string& endpoint);
-    // Removes the spec file unless "mqtt_DeleteLCMSpec" is false.
+    // Removes the LCM spec file unless "mqtt_DeleteLCMSpec" is false.
     void DeleteLCMSpec();
     // Clears the one-time pairing values: "mqtt_Otp", "mqtt_OtpUrl",
     // "mqtt_SslCertThumbprint".

@@ -90,12 +90,12 @@ bool MqttManager::writeTlsMaterial(const ConnectionMaterial& material,
     options.keyStoreFile = (dir / "mqtt-client.pem").string();
     options.privateKeyFile = (dir / "mqtt-client.key").string();
     std::string error;
-    for (const auto& [file, text] :
-         {std::pair{options.trustStoreFile, trust}, std::pair{options.keyStoreFile, material.clientCertPem},
-          std::pair{options.privateKeyFile, material.privateKeyPem}}) {
+    for (const auto& [file, text] : {std::pair{options.trustStoreFile, trust},
+                                     std::pair{options.keyStoreFile, material.clientCertPem},
+                                     std::pair{options.privateKeyFile, material.privateKeyPem}}) {
         if (!platform::paths::writePrivateFile(file, text, error)) {
-            MFW_LOG(CORE::kLogError, "MqttManager::Connect(): Unable to write %s: %s",
-                    file.c_str(), error.c_str());
+            MFW_LOG(CORE::kLogError, "MqttManager::Connect(): Unable to write %s: %s", file.c_str(),
+                    error.c_str());
             return false;
         }
     }
@@ -132,9 +132,8 @@ int MqttManager::Connect() {
                         "MqttManager::UnsubscribeFromTopics(): Not unsubscribing as the topics are "
                         "the same.");
             } else {
-                for (const auto* t : {&pending.bootstrap, &pending.commands,
-                                      &pending.configuration, &pending.dtemplate,
-                                      &pending.otpToken}) {
+                for (const auto* t : {&pending.bootstrap, &pending.commands, &pending.configuration,
+                                      &pending.dtemplate, &pending.otpToken}) {
                     UnsubscribeToTopic(*t);
                 }
             }
@@ -201,8 +200,8 @@ int MqttManager::Connect() {
     rc = client_->attachCallbacks(step);
     if (rc != 0) {
         if (step == 1) {
-            MFW_LOG(CORE::kLogError, "MqttManager::Connect(): Failed to set callbacks, return code %d",
-                    rc);
+            MFW_LOG(CORE::kLogError,
+                    "MqttManager::Connect(): Failed to set callbacks, return code %d", rc);
         } else if (step == 2) {
             MFW_LOG(CORE::kLogError,
                     "MqttManager::Connect(): Failed to set reconnected callback, return code %d",
@@ -259,7 +258,8 @@ bool MqttManager::Disconnect(std::uint32_t timeoutMs) {
         return true;
     }
     if (rc != 0) {
-        MFW_LOG(CORE::kLogError, "MqttManager::Disconnect(): Disconnect failed, return code %d", rc);
+        MFW_LOG(CORE::kLogError, "MqttManager::Disconnect(): Disconnect failed, return code %d",
+                rc);
         return false;
     }
     return disconnectEvent_.waitMs(timeoutMs);
@@ -293,15 +293,33 @@ void MqttManager::applyNoDelay() {
 // Library callbacks. They run on the library's threads: anything that takes
 // clientLock or waits goes to the dispatch thread.
 
-void MqttManager::onConnected(const std::string&) { OnReconnected(); }
-void MqttManager::onConnectSuccess() { OnConnectionSuccess(true); }
-void MqttManager::onConnectFailure(const MqttFailure& f) { OnConnectionFailure(f); }
-void MqttManager::onConnectionLost(const std::string& cause) { OnConnectionLost(cause); }
-void MqttManager::onDisconnectSuccess() { OnDisconnectSuccess(); }
-void MqttManager::onDisconnectFailure(const MqttFailure& f) { OnDisconnectFailure(f); }
-void MqttManager::onDisconnectReceived(int reasonCode) { OnDisconnectReceived(reasonCode); }
-void MqttManager::onSslError(const std::string& text) { OnSslError(text); }
-void MqttManager::onDeliveryComplete(int token) { OnDeliveryComplete(token); }
+void MqttManager::onConnected(const std::string&) {
+    OnReconnected();
+}
+void MqttManager::onConnectSuccess() {
+    OnConnectionSuccess(true);
+}
+void MqttManager::onConnectFailure(const MqttFailure& f) {
+    OnConnectionFailure(f);
+}
+void MqttManager::onConnectionLost(const std::string& cause) {
+    OnConnectionLost(cause);
+}
+void MqttManager::onDisconnectSuccess() {
+    OnDisconnectSuccess();
+}
+void MqttManager::onDisconnectFailure(const MqttFailure& f) {
+    OnDisconnectFailure(f);
+}
+void MqttManager::onDisconnectReceived(int reasonCode) {
+    OnDisconnectReceived(reasonCode);
+}
+void MqttManager::onSslError(const std::string& text) {
+    OnSslError(text);
+}
+void MqttManager::onDeliveryComplete(int token) {
+    OnDeliveryComplete(token);
+}
 
 void MqttManager::OnReconnected() {
     MFW_LOG(CORE::kLogInfo, "MqttManager::OnReconnected(): Reconnected to MQTT broker");
@@ -335,11 +353,11 @@ void MqttManager::postConnectWork() {
     SubscribeToTopics();
 
     CORE::PropertyBag request;
-    request.set(L"ROOTCACERT", CORE::toWide(deps_.connectionMaterial
-                                                ? deps_.connectionMaterial()
-                                                      .value_or(ConnectionMaterial{})
-                                                      .caCertPem
-                                                : std::string()));
+    request.set(
+        L"ROOTCACERT",
+        CORE::toWide(deps_.connectionMaterial
+                         ? deps_.connectionMaterial().value_or(ConnectionMaterial{}).caCertPem
+                         : std::string()));
     request.set(L"CERTSTORE", L"My");
     CORE::PropertyBag response;
     if (CORE::MessageHandler::SendMsg(L"DesktopManager", L"SetSSOv2Settings", request, response,
@@ -413,7 +431,8 @@ void MqttManager::OnDisconnectReceived(int reasonCode) {
 int MqttManager::OnSslError(const std::string& text) {
     MFW_LOG(CORE::kLogWarning, "MqttManager::OnSslError(): MQTT SSL error: %s", text.c_str());
     recordEndpointResult(kEndpointTlsFailed);
-    if (!HandleUpdateEndpointRetries(true) && text.find("certificate expired") != std::string::npos) {
+    if (!HandleUpdateEndpointRetries(true) &&
+        text.find("certificate expired") != std::string::npos) {
         if (!StartHealingThread("client certificate expired")) {
             MFW_LOG(CORE::kLogError,
                     "MqttManager::OnSslError(): Unable to start the healing thread.");

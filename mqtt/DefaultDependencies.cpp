@@ -22,9 +22,10 @@ struct X509Free {
 
 // Present, within its validity period and issued to `identity`.
 bool certificateValid(const char* which, const std::string& pem, const std::string& identity) {
-    constexpr const char* kPrefix = "CertMonitor::CheckCertificateValidity::<lambda_1>::operator ()(): ";
-    std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
-                                                  &BIO_free);
+    constexpr const char* kPrefix =
+        "CertMonitor::CheckCertificateValidity::<lambda_1>::operator ()(): ";
+    std::unique_ptr<BIO, decltype(&BIO_free)> bio(
+        BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), &BIO_free);
     std::unique_ptr<X509, X509Free> cert(
         bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
     if (!cert) {

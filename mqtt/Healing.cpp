@@ -152,10 +152,11 @@ bool MqttManager::HandleUpdateEndpointRetries(bool tlsFailure) {
         }
     }
     if (!revertTo.empty()) {
-        MFW_LOG(CORE::kLogWarning,
-                "MqttManager::HandleUpdateEndpointRetries(): New endpoint %s unreachable, reverting "
-                "to %s",
-                currentEndpoint().c_str(), revertTo.c_str());
+        MFW_LOG(
+            CORE::kLogWarning,
+            "MqttManager::HandleUpdateEndpointRetries(): New endpoint %s unreachable, reverting "
+            "to %s",
+            currentEndpoint().c_str(), revertTo.c_str());
         config()->store().set(kNodeManagerKey, "mqtt_EndpointUrl",
                               platform::SettingValue::ofString(revertTo));
     }

@@ -81,8 +81,7 @@ public:
                         bool retained, int& token, SuccessFn onSuccess, FailureFn onFailure) = 0;
     virtual int subscribe(const std::string& topic, int qos, SuccessFn onSuccess,
                           FailureFn onFailure) = 0;
-    virtual int unsubscribe(const std::string& topic, SuccessFn onSuccess,
-                            FailureFn onFailure) = 0;
+    virtual int unsubscribe(const std::string& topic, SuccessFn onSuccess, FailureFn onFailure) = 0;
 };
 
 // Creates a client; nullptr and `rc` set on failure. The listener must

@@ -76,7 +76,9 @@ std::int32_t MqttManager::GetState() const {
     return state_;
 }
 
-std::string MqttManager::GetStateName() const { return mqttStateName(GetState()); }
+std::string MqttManager::GetStateName() const {
+    return mqttStateName(GetState());
+}
 
 void MqttManager::ResetRunData() {
     pairedFlag_ = false;

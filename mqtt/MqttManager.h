@@ -132,8 +132,8 @@ public:
     void TearDownConnection();
 
     // Publishing.
-    bool DoPublishMessage(const std::string& topic, const std::string& payload, int& token,
-                          int qos, bool retained, MqttClient::SuccessFn onSuccess = nullptr);
+    bool DoPublishMessage(const std::string& topic, const std::string& payload, int& token, int qos,
+                          bool retained, MqttClient::SuccessFn onSuccess = nullptr);
     bool PublishMessage(const std::string& topic, const Json::Value& json, bool reliable,
                         MqttClient::SuccessFn onSuccess = nullptr);
     // detailKind: 0 none, 1 error ("errMsg"), 2 device ("deviceId").
@@ -176,7 +176,8 @@ public:
     bool ReadAndValidatePairingData();
     bool CreateAgentKeyPair();
     bool RequestCredentials();
-    bool MakeOTPRequest(const std::string& vmId, const std::string& csrBase64, std::string& response);
+    bool MakeOTPRequest(const std::string& vmId, const std::string& csrBase64,
+                        std::string& response);
     bool StorePairingData();
     bool MarkPairedState();
     bool StartIPCServer();

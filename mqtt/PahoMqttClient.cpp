@@ -228,8 +228,9 @@ private:
 
     static int onMessageArrived(void* context, char* topicName, int topicLen,
                                 MQTTAsync_message* message) {
-        std::string topic = topicLen > 0 ? std::string(topicName, static_cast<std::size_t>(topicLen))
-                                         : std::string(topicName);
+        std::string topic = topicLen > 0
+                                ? std::string(topicName, static_cast<std::size_t>(topicLen))
+                                : std::string(topicName);
         std::string payload(static_cast<const char*>(message->payload),
                             static_cast<std::size_t>(message->payloadlen));
         MQTTAsync_freeMessage(&message);
@@ -242,7 +243,8 @@ private:
     }
 
     static void onDeliveryComplete(void* context, MQTTAsync_token token) {
-        guarded([&] { static_cast<PahoMqttClient*>(context)->listener_.onDeliveryComplete(token); });
+        guarded(
+            [&] { static_cast<PahoMqttClient*>(context)->listener_.onDeliveryComplete(token); });
     }
 
     static void onConnected(void* context, char* cause) {

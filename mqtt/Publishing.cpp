@@ -32,11 +32,11 @@ CORE::PropertyBag readKeyAsBag(platform::SettingsStore& store, const std::string
 
 }  // namespace
 
-bool MqttManager::DoPublishMessage(const std::string& topic, const std::string& payload,
-                                   int& token, int qos, bool retained,
-                                   MqttClient::SuccessFn onSuccess) {
+bool MqttManager::DoPublishMessage(const std::string& topic, const std::string& payload, int& token,
+                                   int qos, bool retained, MqttClient::SuccessFn onSuccess) {
     if (shutdownEvent_.isSet()) {
-        MFW_LOG(CORE::kLogDebug, "MqttManager::DoPublishMessage(): Not publishing message, stopping");
+        MFW_LOG(CORE::kLogDebug,
+                "MqttManager::DoPublishMessage(): Not publishing message, stopping");
         return false;
     }
     if (!pairedStateKnown_) {
@@ -168,8 +168,9 @@ bool MqttManager::PublishIPCMessage(const std::string& topic, const std::string&
     if (!DoPublishMessage(topic, payload, token, 1, false)) {
         return false;
     }
-    MFW_LOG(CORE::kLogInfo, "MqttManager::PublishIPCMessage(): Published IPC message (%d) to topic %s",
-            token, topic.c_str());
+    MFW_LOG(CORE::kLogInfo,
+            "MqttManager::PublishIPCMessage(): Published IPC message (%d) to topic %s", token,
+            topic.c_str());
     return true;
 }
 

@@ -38,7 +38,8 @@ bool MqttManager::ParseLCMSpec() {
         MFW_LOG(CORE::kLogError, "MqttManager::ParseLCMSpec(): LCM spec data is incomplete!");
         return false;
     }
-    MFW_LOG(CORE::kLogDebug, "MqttManager::ParseLCMSpec(): LCM Spec data complete, will bootstrap.");
+    MFW_LOG(CORE::kLogDebug,
+            "MqttManager::ParseLCMSpec(): LCM Spec data complete, will bootstrap.");
     sameIdentity_ = cfg->getAgentIdentityPend() == cfg->getAgentIdentity();
     return true;
 }
@@ -52,7 +53,8 @@ bool MqttManager::RegisterMessageTransport() {
                 "Already registered.");
         return true;
     }
-    MFW_LOG(CORE::kLogDebug, "MqttManager::RegisterMessageTransport(): Registering MQTT with %s queue",
+    MFW_LOG(CORE::kLogDebug,
+            "MqttManager::RegisterMessageTransport(): Registering MQTT with %s queue",
             "DesktopManager");
     // While a migration runs the old transport stays in charge; MQTT only
     // joins the notify queue. The migration's commit hands over.
@@ -63,7 +65,8 @@ bool MqttManager::RegisterMessageTransport() {
                 "MqttManager::RegisterMessageTransport(): Replacing JMS message transport with "
                 "MQTT");
     }
-    MFW_LOG(CORE::kLogDebug, "MqttManager::RegisterMessageTransport(): Adding MQTT to notify queue");
+    MFW_LOG(CORE::kLogDebug,
+            "MqttManager::RegisterMessageTransport(): Adding MQTT to notify queue");
     bool ok = notifyQueue(L"NotifyQueueAdd", L"MQTT") == 0;
     if (!migrating) {
         MFW_LOG(CORE::kLogDebug,
@@ -91,20 +94,23 @@ bool MqttManager::ReadAndValidatePairingData() {
                 "read and validate pairing data");
         return true;
     }
-    MFW_LOG(CORE::kLogDebug, "MqttManager::ReadAndValidatePairingData(): Reading pairing data from store.");
+    MFW_LOG(CORE::kLogDebug,
+            "MqttManager::ReadAndValidatePairingData(): Reading pairing data from store.");
     auto cfg = config();
     const std::string identity = cfg->getAgentIdentity();
     pairingConfig pairing(*cfg);
     certs::CertificateUtil certificates;
     if (!pairing.RetrievePairingData(certificates, identity)) {
         if (HandleActiveRetries()) {
-            MFW_LOG(CORE::kLogDebug,
-                    "MqttManager::ReadAndValidatePairingData(): Missing some pairing configuration, "
-                    "will retry.");
+            MFW_LOG(
+                CORE::kLogDebug,
+                "MqttManager::ReadAndValidatePairingData(): Missing some pairing configuration, "
+                "will retry.");
         }
         return false;
     }
-    MFW_LOG(CORE::kLogDebug, "MqttManager::ReadAndValidatePairingData(): Checking certificate validity.");
+    MFW_LOG(CORE::kLogDebug,
+            "MqttManager::ReadAndValidatePairingData(): Checking certificate validity.");
     if (deps_.clientCertificateUsable && deps_.clientCertificateUsable()) {
         pairedFlag_ = true;
         return true;
@@ -132,9 +138,10 @@ bool MqttManager::HandleActiveRetries() {
 
 bool MqttManager::HandlePendingRetries() {
     if (++pendingRetries_ <= maxCachedRetries_) {
-        MFW_LOG(CORE::kLogDebug,
-                "MqttManager::HandlePendingRetries(): Failed to activate pending LCM spec. Will try "
-                "again.");
+        MFW_LOG(
+            CORE::kLogDebug,
+            "MqttManager::HandlePendingRetries(): Failed to activate pending LCM spec. Will try "
+            "again.");
         return true;
     }
     MFW_LOG(CORE::kLogWarning,
@@ -223,7 +230,8 @@ bool MqttManager::RequestCredentials() {
     // The one-time password has been used, whatever the answer says.
     cfg->CleanLCMPairingConfiguration();
     if (response.empty()) {
-        MFW_LOG(CORE::kLogError, "MqttManager::RequestCredentials(): OTP activation response is empty.");
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::RequestCredentials(): OTP activation response is empty.");
     } else {
         auto pairing = std::make_unique<pairingConfig>(*cfg);
         if (pairing->InitCredentialsFromJSON(response) == CredentialsStatus::Success) {
@@ -285,7 +293,9 @@ void MqttManager::UpdateIDs() {
             cfg->getAgentIdentity().c_str());
 }
 
-bool MqttManager::StartIPCServer() { return true; }
+bool MqttManager::StartIPCServer() {
+    return true;
+}
 
 void MqttManager::RevertToRequireBootstrap(bool forgetPairingData) {
     MFW_LOG(CORE::kLogWarning,

@@ -27,7 +27,8 @@ std::chrono::milliseconds secondsToWait(std::int32_t seconds) {
 }  // namespace
 
 void MqttManager::RegistrationThreadProc() {
-    MFW_LOG(CORE::kLogVerbose, "MqttManager::RegistrationThreadProc(): Inside registration thread.");
+    MFW_LOG(CORE::kLogVerbose,
+            "MqttManager::RegistrationThreadProc(): Inside registration thread.");
     auto cfg = config();
     const std::int32_t minWait = cfg->getStartupMinWaitInterval();
     const std::int32_t maxWait = cfg->getStartupMaxWaitInterval();
@@ -55,8 +56,8 @@ void MqttManager::RegistrationThreadProc() {
         if (config()->isMigrationActive()) {
             config()->setMigrationStatus(static_cast<int>(MigrationStatus::BootstrapFailed));
         }
-        interval = nextRegistrationInterval(interval, minWait, maxWait, minJitter, maxJitter,
-                                            generator);
+        interval =
+            nextRegistrationInterval(interval, minWait, maxWait, minJitter, maxJitter, generator);
     };
 
     using Step = bool (MqttManager::*)();
@@ -202,7 +203,8 @@ bool MqttManager::WaitForLCMFileCreation() {
     const auto path = cfg->lcmSpecPath();
     std::error_code ec;
     if (std::filesystem::exists(path, ec)) {
-        MFW_LOG(CORE::kLogDebug, "MqttManager::WaitForLCMFileCreation(): CustomData exists; returning");
+        MFW_LOG(CORE::kLogDebug,
+                "MqttManager::WaitForLCMFileCreation(): CustomData exists; returning");
         return true;
     }
     // Make sure the folder exists, so that the watch has something to watch.

@@ -8,8 +8,8 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
-#include <cerrno>
 #include <fcntl.h>
+#include <cerrno>
 #include <memory>
 
 namespace ndpx {

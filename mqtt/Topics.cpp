@@ -139,17 +139,19 @@ void MqttManager::SubscribeToTopics() {
             "MqttManager::SubscribeToTopics(): Subscribing to configuration topic: %s",
             topics.configuration.c_str());
     if (const int rc = subscribe(kSubConfiguration, topics.configuration); rc != 0) {
-        MFW_LOG(CORE::kLogError,
-                "MqttManager::SubscribeToTopics(): Failed to subscribe to config topic, return code "
-                "%d",
-                rc);
+        MFW_LOG(
+            CORE::kLogError,
+            "MqttManager::SubscribeToTopics(): Failed to subscribe to config topic, return code "
+            "%d",
+            rc);
     }
     MFW_LOG(CORE::kLogDebug, "MqttManager::SubscribeToTopics(): Subscribing to OTP topic: %s",
             topics.otpToken.c_str());
     if (const int rc = subscribe(kSubOtpToken, topics.otpToken); rc != 0) {
-        MFW_LOG(CORE::kLogError,
-                "MqttManager::SubscribeToTopics(): Failed to subscribe to OTP topic, return code %d",
-                rc);
+        MFW_LOG(
+            CORE::kLogError,
+            "MqttManager::SubscribeToTopics(): Failed to subscribe to OTP topic, return code %d",
+            rc);
     }
 }
 

@@ -38,9 +38,11 @@ protected:
     PairingTest() {
         const std::string d = cloud_.path().string();
         EXPECT_EQ(run({DEVCLOUD_PATH, "ca", "init", "--dir", d}).status, 0);
-        broker_ = std::make_unique<Process>(std::vector<std::string>{DEVCLOUD_PATH, "broker", "--dir", d});
+        broker_ = std::make_unique<Process>(
+            std::vector<std::string>{DEVCLOUD_PATH, "broker", "--dir", d});
         EXPECT_TRUE(broker_->waitForLine("port ", 30s)) << broker_->output();
-        credsvc_ = std::make_unique<Process>(std::vector<std::string>{DEVCLOUD_PATH, "credsvc", "--dir", d});
+        credsvc_ = std::make_unique<Process>(
+            std::vector<std::string>{DEVCLOUD_PATH, "credsvc", "--dir", d});
         EXPECT_TRUE(credsvc_->waitForLine("thumbprint ", 30s)) << credsvc_->output();
         url_ = lineValue(credsvc_->output(), "url");
         thumbprint_ = lineValue(credsvc_->output(), "thumbprint");
@@ -48,23 +50,23 @@ protected:
     }
 
     void regctlSet(const std::string& name, const std::string& value) {
-        const auto r = run({REGCTL_PATH, "--root", root_.path().string(), "set", kNodeManager,
-                            name, value});
+        const auto r =
+            run({REGCTL_PATH, "--root", root_.path().string(), "set", kNodeManager, name, value});
         ASSERT_EQ(r.status, 0) << r.output;
     }
 
     std::unique_ptr<Process> startAgent() {
-        return std::make_unique<Process>(std::vector<std::string>{
-            AGENTHOST_PATH, "--root", root_.path().string(), "--plugin", MODULE_PATH,
-            "--log-level", "0"});
+        return std::make_unique<Process>(std::vector<std::string>{AGENTHOST_PATH, "--root",
+                                                                  root_.path().string(), "--plugin",
+                                                                  MODULE_PATH, "--log-level", "0"});
     }
 
     // Provisions the desktop; returns the one-time password it was given.
     std::string provision() {
         const auto staged = cloud_.path() / "spec.json";
         const auto r = run({DEVCLOUD_PATH, "provision", "--dir", cloud_.path().string(), "--url",
-                            url_, "--vm-id", "vm7", "--edge-id", "e1", "--short-template-id",
-                            "t3", "--spec-file", staged.string()});
+                            url_, "--vm-id", "vm7", "--edge-id", "e1", "--short-template-id", "t3",
+                            "--spec-file", staged.string()});
         EXPECT_EQ(r.status, 0) << r.output;
         std::ifstream in(staged);
         Json::Value spec;
@@ -149,7 +151,8 @@ TEST_F(PairingTest, AWrongThumbprintFailsTheRequestAndTheChainRetries) {
     auto agent = startAgent();
     ASSERT_TRUE(agent->waitForLine("MQTT_STATE_WAITING_CONFIG")) << agent->output();
     provision();
-    ASSERT_TRUE(agent->waitForLine("MqttManager::RequestCredentials(): Failed to register with REST API."))
+    ASSERT_TRUE(
+        agent->waitForLine("MqttManager::RequestCredentials(): Failed to register with REST API."))
         << agent->output();
     EXPECT_TRUE(agent->waitForLine("Wait interval set to"));
     EXPECT_EQ(credsvc_->countLines("vmId"), 0u) << "no request may reach the service";

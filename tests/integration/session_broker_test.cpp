@@ -42,7 +42,8 @@ class SessionBrokerTest : public ::testing::Test {
 protected:
     explicit SessionBrokerTest(test::BrokerOptions options = {})
         : broker_(options), controlPlane_(controlPlaneOptions(broker_)) {
-        for (const auto& [name, value] : {std::pair{"mqtt_EdgeId", "e1"}, {"mqtt_VmId", "vm7"},
+        for (const auto& [name, value] : {std::pair{"mqtt_EdgeId", "e1"},
+                                          {"mqtt_VmId", "vm7"},
                                           {"mqtt_ShortTemplateId", "t3"},
                                           {"mqtt_AgentIdentity", kIdentity.c_str()}}) {
             reg_.setString(kNodeManagerKey, name, value);
@@ -63,8 +64,12 @@ protected:
     }
 
     ConnectionMaterial material(const test::ClientPem& client) {
-        return {"ssl://127.0.0.1:" + std::to_string(broker_.port()), kIdentity,
-                "desktop/bootstrap/" + kIdentity, broker_.caPem(), client.certPem, client.keyPem,
+        return {"ssl://127.0.0.1:" + std::to_string(broker_.port()),
+                kIdentity,
+                "desktop/bootstrap/" + kIdentity,
+                broker_.caPem(),
+                client.certPem,
+                client.keyPem,
                 ""};
     }
 
@@ -146,7 +151,8 @@ TEST_F(SessionBrokerTest, ACertificateFromAnotherAuthorityFailsAsATlsFailure) {
     auto issued = stranger.issueClient(kIdentity);
     startAgent(material({issued.certPem, issued.keyPem}));
     const std::string endpoint = "ssl://127.0.0.1:" + std::to_string(broker_.port());
-    ASSERT_TRUE(reg_.log().waitFor("MqttManager::OnConnectionFailure(): MQTT connection failed", 20s))
+    ASSERT_TRUE(
+        reg_.log().waitFor("MqttManager::OnConnectionFailure(): MQTT connection failed", 20s))
         << broker_.log();
     // The agent repeats the handshake to classify the failure, then records it.
     EXPECT_TRUE(test::waitUntil([&] { return manager_->lastEndpointResult(endpoint) != -1; }));

@@ -93,8 +93,8 @@ TEST_F(RegistrationTest, BrokenCachedPairingDataLeadsBackToBootstrap) {
     ASSERT_TRUE(waitedFor(40));
     advance(40s);
     // The identity is gone: only a new provisioning file can start pairing.
-    EXPECT_TRUE(reg_.log().waitFor("MqttManager::SetState(): State: MQTT_STATE_WAITING_CONFIG",
-                                   10s));
+    EXPECT_TRUE(
+        reg_.log().waitFor("MqttManager::SetState(): State: MQTT_STATE_WAITING_CONFIG", 10s));
     EXPECT_EQ(cfg_->getAgentIdentity(), "");
 }
 

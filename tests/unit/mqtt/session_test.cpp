@@ -39,9 +39,7 @@ protected:
         d.runRegistrationThread = false;
         d.config = [this] { return cfg_; };
         d.clientFactory = test::fakeClientFactory(fake_);
-        d.connectionMaterial = [this]() -> std::optional<ConnectionMaterial> {
-            return material_;
-        };
+        d.connectionMaterial = [this]() -> std::optional<ConnectionMaterial> { return material_; };
         return d;
     }
 
@@ -72,9 +70,13 @@ protected:
     TestRegistry reg_;
     std::shared_ptr<mqttConfig> cfg_ = std::make_shared<mqttConfig>(reg_.shared());
     FakeMqttState fake_;
-    std::optional<ConnectionMaterial> material_ = ConnectionMaterial{
-        "ssl://broker.example:8883", "e1t3_vm7", "desktop/bootstrap/e1t3_vm7", "CA-PEM",
-        "CLIENT-PEM", "KEY-PEM", "ROOTS-PEM"};
+    std::optional<ConnectionMaterial> material_ = ConnectionMaterial{"ssl://broker.example:8883",
+                                                                     "e1t3_vm7",
+                                                                     "desktop/bootstrap/e1t3_vm7",
+                                                                     "CA-PEM",
+                                                                     "CLIENT-PEM",
+                                                                     "KEY-PEM",
+                                                                     "ROOTS-PEM"};
     std::unique_ptr<MqttManager> manager_ = std::make_unique<MqttManager>(deps());
 };
 
@@ -216,7 +218,9 @@ protected:
             nullptr, L"DesktopManager", L"test", 0, nullptr);
         connect();
     }
-    void TearDown() override { CORE::MessageFrameWork::System().RemoveWorker(L"DesktopManager", 0); }
+    void TearDown() override {
+        CORE::MessageFrameWork::System().RemoveWorker(L"DesktopManager", 0);
+    }
     void deliver(const std::string& topic, const std::string& payload) {
         fake_.listener->onMessageArrived(topic, payload);
     }
