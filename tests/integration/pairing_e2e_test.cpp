@@ -62,10 +62,11 @@ protected:
     }
 
     // Provisions the desktop; returns the one-time password it was given.
-    std::string provision() {
+    std::string provision() { return provision(url_); }
+    std::string provision(const std::string& url) {
         const auto staged = cloud_.path() / "spec.json";
         const auto r = run({DEVCLOUD_PATH, "provision", "--dir", cloud_.path().string(), "--url",
-                            url_, "--vm-id", "vm7", "--edge-id", "e1", "--short-template-id", "t3",
+                            url, "--vm-id", "vm7", "--edge-id", "e1", "--short-template-id", "t3",
                             "--spec-file", staged.string()});
         EXPECT_EQ(r.status, 0) << r.output;
         std::ifstream in(staged);
@@ -158,6 +159,42 @@ TEST_F(PairingTest, AWrongThumbprintFailsTheRequestAndTheChainRetries) {
     EXPECT_EQ(credsvc_->countLines("vmId"), 0u) << "no request may reach the service";
     agent->signal(SIGTERM);
     EXPECT_EQ(agent->wait(30s), std::optional<int>(0));
+}
+
+// A credential service that fails (an error status, or an answer that is not
+// a credentials response) fails the step with its line, and the chain backs off.
+TEST_F(PairingTest, AFailingCredentialServiceFailsTheStepAndTheChainRetries) {
+    struct Case {
+        const char* fault;
+        const char* line;
+    };
+    for (const Case c :
+         {Case{"500", "MqttManager::RequestCredentials(): Failed to register with REST API."},
+          Case{"garbage",
+               "MqttManager::RequestCredentials(): Credentials response parse failed."}}) {
+        SCOPED_TRACE(c.fault);
+        Process faulty(
+            {DEVCLOUD_PATH, "credsvc", "--dir", cloud_.path().string(), "--fault", c.fault});
+        ASSERT_TRUE(faulty.waitForLine("thumbprint ", 30s)) << faulty.output();
+        TempDir root;
+        ASSERT_EQ(run({REGCTL_PATH, "--root", root.path().string(), "set", kNodeManager,
+                       "mqtt_SslCertThumbprint", lineValue(faulty.output(), "thumbprint")})
+                      .status,
+                  0);
+        Process agent({AGENTHOST_PATH, "--root", root.path().string(), "--plugin", MODULE_PATH,
+                       "--log-level", "0"});
+        ASSERT_TRUE(agent.waitForLine("MQTT_STATE_WAITING_CONFIG")) << agent.output();
+        ASSERT_EQ(run({DEVCLOUD_PATH, "provision", "--dir", cloud_.path().string(), "--url",
+                       lineValue(faulty.output(), "url"), "--vm-id", "vm7", "--edge-id", "e1",
+                       "--short-template-id", "t3", "--root", root.path().string()})
+                      .status,
+                  0);
+        EXPECT_TRUE(agent.waitForLine(c.line, 60s)) << agent.output();
+        EXPECT_TRUE(agent.waitForLine("Wait interval set to"));
+        EXPECT_EQ(agent.countLines("MQTT_STATE_CONNECTED"), 0u);
+        agent.signal(SIGTERM);
+        EXPECT_EQ(agent.wait(30s), std::optional<int>(0));
+    }
 }
 
 }  // namespace

@@ -280,3 +280,78 @@ TEST_F(InboundTest, TemplateParseErrorsAreReportedOnceAndOtherTopicsDiscarded) {
 
 }  // namespace
 }  // namespace ndpx
+
+namespace ndpx {
+namespace {
+
+// Endpoint change and healing, with the fake library and real threads.
+class EndpointChangeTest : public SessionTest {
+protected:
+    void SetUp() override {
+        reg_.setString(kNodeManagerKey, "mqtt_ReconnectIntervalMin", "5");
+        connect();
+    }
+    bool update(const std::string& endpoint, CORE::PropertyBag& response) {
+        CORE::PropertyBag request;
+        request.set(L"ENDPOINT", CORE::toWide(endpoint));
+        return manager_->UpdateEndpointURL(request, response);
+    }
+    std::string storedEndpoint() {
+        auto v = reg_.store().get(kNodeManagerKey, "mqtt_EndpointUrl");
+        return v ? v->text : "";
+    }
+};
+
+TEST_F(EndpointChangeTest, BadOrUnchangedEndpointsChangeNothing) {
+    CORE::PropertyBag response;
+    EXPECT_FALSE(update("broker.example:8883", response));
+    EXPECT_EQ(response.getInt64(CORE::kReplyErrorCode), 87);
+    CORE::PropertyBag same;
+    EXPECT_TRUE(update("ssl://broker.example:8883", same));
+    EXPECT_EQ(same.get(L"RESULT", L""), L"UNCHANGED");
+    EXPECT_EQ(storedEndpoint(), "");
+
+    CORE::PropertyBag request;
+    CORE::PropertyBag props;
+    ASSERT_TRUE(manager_->GetEndpointProperties(request, props));
+    const CORE::PropertyBag* global =
+        props.getBag(L"mqtt") ? props.getBag(L"mqtt")->getBag(L"global") : nullptr;
+    ASSERT_NE(global, nullptr);
+    EXPECT_EQ(global->get(L"currentEndpoint", L""), L"ssl://broker.example:8883");
+    EXPECT_EQ(global->get(L"lastAttemptEndpointError", L""), L"0");
+}
+
+TEST_F(EndpointChangeTest, ANewEndpointIsTriedForItsAttemptsThenRevertedTo) {
+    reg_.setString(kNodeManagerKey, "mqtt_EndpointChangeAttempts", "2");
+    CORE::PropertyBag response;
+    ASSERT_TRUE(update("ssl://new.example:8883", response));
+    EXPECT_EQ(response.get(L"RESULT", L""), L"PENDING");
+    EXPECT_EQ(storedEndpoint(), "ssl://new.example:8883");
+    // The first failure spends one attempt; the second uses the budget up.
+    EXPECT_TRUE(manager_->HandleUpdateEndpointRetries(false));
+    EXPECT_EQ(storedEndpoint(), "ssl://new.example:8883");
+    EXPECT_TRUE(manager_->HandleUpdateEndpointRetries(true));
+    EXPECT_EQ(storedEndpoint(), "ssl://broker.example:8883");
+    EXPECT_TRUE(reg_.log().contains("unreachable, reverting to ssl://broker.example:8883"));
+    // No change under way any more: failures are for the library to retry.
+    EXPECT_FALSE(manager_->HandleUpdateEndpointRetries(false));
+}
+
+TEST_F(EndpointChangeTest, RepeatedTlsFailuresHealTheConnection) {
+    EXPECT_FALSE(manager_->HandleUpdateEndpointRetries(true));
+    EXPECT_FALSE(manager_->HandleUpdateEndpointRetries(true));
+    EXPECT_FALSE(reg_.log().contains("MqttManager::HealConnection()"));
+    EXPECT_FALSE(manager_->HandleUpdateEndpointRetries(true));
+    ASSERT_TRUE(reg_.log().waitFor(
+        "MqttManager::HealConnection(): Healing the connection: repeated TLS failures",
+        std::chrono::seconds(10)));
+    // Healing tells the control plane, then tears the client down.
+    ASSERT_TRUE(fake_.waitPublished("desktop/e1/vm7/agent/status", 1));
+    const auto status = fake_.publishedOn("desktop/e1/vm7/agent/status").back();
+    EXPECT_EQ(parse(status.payload)["status"].asString(), "UNAVAILABLE");
+    EXPECT_EQ(parse(status.payload)["errMsg"].asString(), "repeated TLS failures");
+    EXPECT_EQ(status.qos, 0);
+}
+
+}  // namespace
+}  // namespace ndpx

@@ -94,3 +94,44 @@ TEST_F(ServiceOpTest, ShutdownNotifyInAnyCaseAsksTheHostToUnloadTheModule) {
 
 }  // namespace
 }  // namespace ndpx
+
+namespace ndpx {
+namespace {
+
+// Every operation of the worker "MQTT", sent as a real host message to the
+// registered service, reaches the manager's operation (which, with no
+// session, refuses with its own line or answer).
+TEST(ServiceOperations, EveryOperationIsReachedThroughAHostMessage) {
+    test::TestRegistry reg;
+    CORE::ref<MQTTService> service = CORE::ref<MQTTService>::adopt(new MQTTService({}));
+    ASSERT_TRUE(service->start());
+    auto send = [](const wchar_t* op, CORE::PropertyBag request = {}) {
+        CORE::PropertyBag response;
+        const int rc = CORE::MessageHandler::SendMsg(L"MQTT", op, request, response, 10000);
+        return std::pair{rc, response};
+    };
+    EXPECT_EQ(send(L"PublishAsyncNotification").first, 0);
+    EXPECT_TRUE(
+        reg.log().contains("MqttManager::SendSessionReport(): Not publishing session report"));
+    reg.log().clear();
+    EXPECT_EQ(send(L"publishsessionmessage").first, 0);  // names are case-blind
+    EXPECT_TRUE(reg.log().contains("MqttManager::DoPublishMessage(): Not publishing message"));
+    reg.log().clear();
+    EXPECT_EQ(send(L"PublishTopicMessage").first, 0);
+    EXPECT_TRUE(reg.log().contains("MqttManager::DoPublishMessage(): Not publishing message"));
+    reg.log().clear();
+    EXPECT_EQ(send(L"SendEvent").first, 0);
+    EXPECT_TRUE(reg.log().contains("MqttManager::DoPublishMessage(): Not publishing message"));
+    EXPECT_EQ(send(L"MigrateToCorvid").first, CORE::kErrorNotImplemented);
+    EXPECT_EQ(send(L"UpdateMqttEndpoints").first, 87);  // no ENDPOINT given
+    const auto [rc, props] = send(L"GetEndpointProperties");
+    EXPECT_EQ(rc, 0);
+    ASSERT_NE(props.getBag(L"mqtt"), nullptr);
+    EXPECT_NE(props.getBag(L"mqtt")->getBag(L"global"), nullptr);
+    EXPECT_NE(props.getBag(L"mqtt")->getBag(L"edge"), nullptr);
+    EXPECT_EQ(send(L"Nonsense").first, CORE::kErrorNotImplemented);
+    service->stop();
+}
+
+}  // namespace
+}  // namespace ndpx
