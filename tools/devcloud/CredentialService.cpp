@@ -1,6 +1,6 @@
 #include "devcloud/CredentialService.h"
 
-#include "devcloud/Base64.h"
+#include <mfw/corestring.h>
 #include "devcloud/OtpStore.h"
 
 #include <httplib.h>
@@ -320,12 +320,12 @@ CredentialService::Answer CredentialService::answer(const std::string& body,
         log(whoVm + ": 400 vmId, otp or clientCsr missing");
         return errorAnswer(400, "bad request", "vmId, otp and clientCsr are required strings");
     }
-    const auto csrPem = base64Decode(csrBase64);
-    if (!csrPem) {
+    const auto csrBytes = CORE::base64Decode(csrBase64);
+    if (!csrBytes) {
         log(whoVm + ": 400 clientCsr is not base64");
         return errorAnswer(400, "bad request", "clientCsr is not base64");
     }
-    return issue(vmId, otp, *csrPem, whoVm);
+    return issue(vmId, otp, std::string(csrBytes->begin(), csrBytes->end()), whoVm);
 }
 
 CredentialService::Answer CredentialService::issue(const std::string& vmId, const std::string& otp,
@@ -381,8 +381,8 @@ CredentialService::Answer CredentialService::issue(const std::string& vmId, cons
     v["mqttServerHost"] = broker->host;
     v["mqttServerPort"] = std::to_string(broker->port);
     v["wsEnabled"] = options_.webSocket;
-    v["caCrt"] = base64Encode(ca_.chainPem());
-    v["clientCrt"] = base64Encode(issued->certPem);
+    v["caCrt"] = CORE::base64Encode(ca_.chainPem());
+    v["clientCrt"] = CORE::base64Encode(issued->certPem);
     log(whoVm + ": 200 issued CN=" + granted.agentIdentity + " serial " + issued->serialHex +
         " valid until " + validUntil(issued->cert.get()) + ", broker " + broker->host + ":" +
         std::to_string(broker->port));

@@ -1,6 +1,6 @@
 #include "devcloud/MqttClient.h"
 
-#include "devcloud/TcpNoDelay.h"
+#include <platform/SocketTuning.h>
 
 #include <MQTTProperties.h>
 
@@ -197,7 +197,7 @@ int MqttClient::onMessage(void* context, char* topicName, int topicLen,
 
 void MqttClient::applyNoDelay() {
     if (options_.noDelay) {
-        setNoDelayForPeer(options_.host, options_.port, true);
+        platform::setNoDelayForPeer(options_.host, options_.port);
     }
 }
 
