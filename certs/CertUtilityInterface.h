@@ -225,8 +225,9 @@ public:
 
     // Builds the chain of `cert` again with revocation checking of every
     // certificate below the root, against the CRLs kept in the store and
-    // `crlPems`, for server authentication. Out: the first simple chain's
-    // error and information status (trust::k*).
+    // `crlPems`, for server authentication. Issuers come from the machine's
+    // stores and, when `cert` belongs to an in-memory store, from that store.
+    // Out: the first simple chain's error and information status (trust::k*).
     virtual bool VerifyCertRevocation(const CertContext* cert,
                                       const std::vector<std::string>& crlPems,
                                       std::uint32_t& errorStatus, std::uint32_t& infoStatus) = 0;

@@ -1,7 +1,7 @@
 #include "net/ChainProbe.h"
 
-#include "net/ChainVerifier.h"
 #include "net/CurlUtil.h"
+#include "net/Handles.h"
 
 #include <mfw/moduleLog.h>
 
@@ -106,12 +106,12 @@ bool SSLHandler::GetCertChainCtx(const std::string& url, X509* serverCert,
     }
     std::vector<X509Ptr> probed;
     for (const auto& pem : pems) {
-        auto certs = certificatesFromPem(pem);
-        if (certs.empty()) {
+        auto parsed = certs::x509sFromPemBundle(pem);
+        if (parsed.empty()) {
             MFW_LOG(4, "SSLHandler::GetCertChainCtx(): Failed to import to certificate to store");
             continue;
         }
-        for (auto& cert : certs) {
+        for (auto& cert : parsed) {
             probed.push_back(std::move(cert));
         }
     }
@@ -137,7 +137,7 @@ bool SSLHandler::GetCertChainCtx(const std::string& url, X509* serverCert,
         chain.push_back(issuer->get());
     }
     for (X509* cert : chain) {
-        chainPems.push_back(certificateToPem(cert));
+        chainPems.push_back(certs::x509ToPem(cert));
     }
     return true;
 }

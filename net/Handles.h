@@ -1,6 +1,8 @@
 #pragma once
 // Owners of the OpenSSL objects and file descriptors the network helpers use.
 
+#include "certs/OpenSslUtil.h"
+
 #include <openssl/bio.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
@@ -14,24 +16,6 @@
 
 namespace ndpx::net {
 
-struct X509Free {
-    void operator()(X509* p) const { X509_free(p); }
-};
-struct X509CrlFree {
-    void operator()(X509_CRL* p) const { X509_CRL_free(p); }
-};
-struct X509StoreFree {
-    void operator()(X509_STORE* p) const { X509_STORE_free(p); }
-};
-struct X509StoreCtxFree {
-    void operator()(X509_STORE_CTX* p) const { X509_STORE_CTX_free(p); }
-};
-struct X509StackFree {
-    void operator()(STACK_OF(X509) * p) const { sk_X509_pop_free(p, X509_free); }
-};
-struct BioFree {
-    void operator()(BIO* p) const { BIO_free(p); }
-};
 struct SslFree {
     void operator()(SSL* p) const { SSL_free(p); }
 };
@@ -39,22 +23,14 @@ struct SslCtxFree {
     void operator()(SSL_CTX* p) const { SSL_CTX_free(p); }
 };
 
-using X509Ptr = std::unique_ptr<X509, X509Free>;
-using X509CrlPtr = std::unique_ptr<X509_CRL, X509CrlFree>;
-using X509StorePtr = std::unique_ptr<X509_STORE, X509StoreFree>;
-using X509StoreCtxPtr = std::unique_ptr<X509_STORE_CTX, X509StoreCtxFree>;
-using X509StackPtr = std::unique_ptr<STACK_OF(X509), X509StackFree>;
-using BioPtr = std::unique_ptr<BIO, BioFree>;
+// Certificates and their containers are owned the way the certificate layer
+// owns them, so they pass between the two without conversion.
+using certs::BioPtr;
+using certs::shareX509;
+using certs::X509Ptr;
+using certs::X509StackPtr;
 using SslPtr = std::unique_ptr<SSL, SslFree>;
 using SslCtxPtr = std::unique_ptr<SSL_CTX, SslCtxFree>;
-
-// Another owner of `cert` (reference count), or null.
-inline X509Ptr shareX509(X509* cert) {
-    if (cert != nullptr) {
-        X509_up_ref(cert);
-    }
-    return X509Ptr(cert);
-}
 
 // A file descriptor closed when its owner goes.
 class UniqueFd {

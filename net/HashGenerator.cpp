@@ -170,4 +170,14 @@ bool HashGenerator::GenerateHash(const std::string& data, const std::string& key
                         std::vector<std::uint8_t>(key.begin(), key.end()), outputFormat, result);
 }
 
+std::string pemThumbprint(const std::string& pem) {
+    HashGenerator hash;
+    hash.SetAlgorithm(HashGenerator::kSha256, false);
+    std::string result;
+    if (!hash.GenerateHash(pem, std::string(), HashGenerator::kHexColon, result)) {
+        return {};
+    }
+    return result;
+}
+
 }  // namespace ndpx::net

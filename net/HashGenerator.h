@@ -66,4 +66,9 @@ private:
     unsigned openCount_ = 0;
 };
 
+// SHA-256 of a certificate's PEM text (the text, not its DER bytes) as
+// upper-case hex pairs joined by ':' (95 characters); empty on failure. This
+// is what a pinned server thumbprint is compared with.
+std::string pemThumbprint(const std::string& pem);
+
 }  // namespace ndpx::net

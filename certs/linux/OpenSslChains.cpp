@@ -428,8 +428,12 @@ bool OpenSslCertStore::VerifyCertRevocation(const CertContext* cert,
         }
         crls.push_back(std::move(crl));
     }
+    // A certificate that came with its own in-memory store (a server's, with
+    // the intermediates it sent) finds its issuers there.
+    const CertStorePtr issuers =
+        cert->store && cert->store->inMemory() ? cert->store : OpenMemoryStore();
     std::string error;
-    CertChainPtr chain = impl_->buildChain(options_, *cert, OpenMemoryStore(), &crls, error);
+    CertChainPtr chain = impl_->buildChain(options_, *cert, issuers, &crls, error);
     if (!chain) {
         MFW_LOG(4,
                 "OpenSslCertStore::VerifyCertRevocation(): CertGetCertificateChain with revocation "

@@ -1,6 +1,9 @@
 #include "net/linux/CurlHttpRequest.h"
 
+#include "certs/linux/OpenSslCertStore.h"
 #include "net/CurlUtil.h"
+#include "net/Handles.h"
+#include "net/HashGenerator.h"
 
 #include <mfw/moduleLog.h>
 
@@ -93,8 +96,8 @@ HttpRequestFactory curlHttpRequestFactory() {
     return [] { return std::make_shared<CurlHttpRequest>(); };
 }
 
-HttpRequestFactory curlHttpRequestFactory(TrustSettings trust) {
-    return [trust] { return std::make_shared<CurlHttpRequest>(trust); };
+HttpRequestFactory curlHttpRequestFactory(std::shared_ptr<certs::CertUtilityInterface> store) {
+    return [store] { return std::make_shared<CurlHttpRequest>(store); };
 }
 
 // Everything one request needs while it runs, copied from the object when it
@@ -111,7 +114,7 @@ struct CurlHttpRequest::Transfer {
     bool ignoreName = false;
     bool checkRevocation = false;
     std::string pin;
-    TrustSettings trust;
+    std::shared_ptr<certs::CertUtilityInterface> store;
     std::vector<X509Ptr> additional;
 
     std::string proxyServer;
@@ -152,8 +155,10 @@ struct CurlHttpRequest::Transfer {
     bool uploadFailed = false;
 };
 
-CurlHttpRequest::CurlHttpRequest(TrustSettings trust)
-    : trust_(std::move(trust)), userProxy_(std::make_shared<ProxyConfig>()) {
+CurlHttpRequest::CurlHttpRequest(std::shared_ptr<certs::CertUtilityInterface> machineStore)
+    : machineStore_(machineStore ? std::move(machineStore)
+                                 : std::make_shared<certs::OpenSslCertStore>()),
+      userProxy_(std::make_shared<ProxyConfig>()) {
     ensureCurlInitialized();
 }
 
@@ -448,9 +453,9 @@ std::unique_ptr<CurlHttpRequest::Transfer> CurlHttpRequest::prepare(HttpMethod m
     t->ignoreName = ignoreNameMismatch_;
     t->checkRevocation = checkRevocation_;
     t->pin = pinnedThumbprint_;
-    t->trust = trust_;
+    t->store = machineStore_;
     for (const auto& pem : additionalPems_) {
-        for (auto& cert : certificatesFromPem(pem)) {
+        for (auto& cert : certs::x509sFromPemBundle(pem)) {
             t->additional.push_back(std::move(cert));
         }
     }
@@ -753,35 +758,36 @@ int CurlHttpRequest::verifyCallback(X509_STORE_CTX* ctx, void* arg) {
 
 bool CurlHttpRequest::verifyServer(Transfer& t, X509_STORE_CTX* ctx) {
     X509* leaf = X509_STORE_CTX_get0_cert(ctx);
-    // Candidate issuers: what the server sent, then the additional store.
-    X509StackPtr candidates(sk_X509_new_null());
-    if (!candidates) {
-        return false;
-    }
-    if (STACK_OF(X509)* sent = X509_STORE_CTX_get0_untrusted(ctx)) {
-        for (int i = 0; i < sk_X509_num(sent); ++i) {
-            X509Ptr cert = shareX509(sk_X509_value(sent, i));
-            if (sk_X509_push(candidates.get(), cert.get()) > 0) {
-                cert.release();
+    // The server certificate as a platform TLS stack hands it over: with the
+    // certificates the server sent in an in-memory store of its own, where
+    // chain building looks for issuers; the additional store joins them.
+    certs::CertContext server(shareX509(leaf));
+    server.store = t.store->OpenMemoryStore();
+    if (server && server.store) {
+        const auto add = [&](X509* cert) {
+            if (cert != nullptr && X509_cmp(cert, leaf) != 0) {
+                t.store->ImportCertificate(certs::x509ToPem(cert), server.store, "", {}, "");
+            }
+        };
+        if (STACK_OF(X509)* sent = X509_STORE_CTX_get0_untrusted(ctx)) {
+            for (int i = 0; i < sk_X509_num(sent); ++i) {
+                add(sk_X509_value(sent, i));
             }
         }
-    }
-    for (const auto& extra : t.additional) {
-        X509Ptr cert = shareX509(extra.get());
-        if (sk_X509_push(candidates.get(), cert.get()) > 0) {
-            cert.release();
+        for (const auto& extra : t.additional) {
+            add(extra.get());
         }
     }
     if (!t.pin.empty()) {
-        const bool ok = SendingRequest(t, leaf, candidates.get());
+        const bool ok = SendingRequest(t, server);
         t.refusedByPin = !ok;
         return ok;
     }
-    return checkAsPlatform(t, leaf, candidates.get());
+    return checkAsPlatform(t, server);
 }
 
 // The checks with a pinned thumbprint.
-bool CurlHttpRequest::SendingRequest(Transfer& t, X509* leaf, STACK_OF(X509) * candidates) {
+bool CurlHttpRequest::SendingRequest(Transfer& t, const certs::CertContext& server) {
     {
         std::lock_guard lock(mutex_);
         if (chainVerified_) {
@@ -794,29 +800,32 @@ bool CurlHttpRequest::SendingRequest(Transfer& t, X509* leaf, STACK_OF(X509) * c
     if (t.ignoreAll) {
         return true;
     }
-    if (leaf == nullptr) {
+    const certs::CertChainPtr chain =
+        server ? t.store->BuildCertificateChain(&server, server.store) : nullptr;
+    if (!chain) {
         MFW_LOG(4, "CurlHttpRequest::SendingRequest(): Unable to obtain certificate chain");
         return false;
     }
-    const ChainVerifier verifier(t.trust);
-    const auto check = verifier.check(leaf, candidates, t.host);
-    if (!check) {
+    std::uint32_t status = 0;
+    if (!t.store->VerifyCertChain(chain.get(), t.host, false, false, status)) {
         MFW_LOG(4, "CurlHttpRequest::SendingRequest(): Initial VerifyCertChain failed");
         return false;
     }
-    for (const auto& text : check->errorTexts()) {
-        MFW_LOG(1, "CurlHttpRequest::SendingRequest(): %s", text.c_str());
-    }
     bool pinning = false;
-    const std::uint32_t status = check->policyStatus(false, false);
-    if (status == policy::kUntrustedRoot) {
-        const std::uint32_t relaxed = check->policyStatus(true, false);
-        if (relaxed == policy::kCnNoMatch) {
+    if (status == certs::policy::kUntrustedRoot) {
+        std::uint32_t relaxed = 0;
+        if (!t.store->VerifyCertChain(chain.get(), t.host, true, false, relaxed)) {
+            MFW_LOG(4,
+                    "CurlHttpRequest::SendingRequest(): VerifyCertChain with untrustedroot "
+                    "ignored failed");
+            return false;
+        }
+        if (relaxed == certs::policy::kCnNoMatch) {
             MFW_LOG(3, "CurlHttpRequest::SendingRequest(): Found a CN/SAN mismatch");
             if (!t.ignoreName) {
                 return false;
             }
-        } else if (relaxed != policy::kOk) {
+        } else if (relaxed != certs::policy::kOk) {
             MFW_LOG(4,
                     "CurlHttpRequest::SendingRequest(): Unable to verify cert chain with CA check "
                     "disabled. Error: 0x%x",
@@ -824,12 +833,12 @@ bool CurlHttpRequest::SendingRequest(Transfer& t, X509* leaf, STACK_OF(X509) * c
             return false;
         }
         pinning = true;
-    } else if (status == policy::kCnNoMatch) {
+    } else if (status == certs::policy::kCnNoMatch) {
         MFW_LOG(3, "CurlHttpRequest::SendingRequest(): Found a CN/SAN mismatch");
         if (!t.ignoreName) {
             return false;
         }
-    } else if (status != policy::kOk) {
+    } else if (status != certs::policy::kOk) {
         MFW_LOG(4, "CurlHttpRequest::SendingRequest(): Unable to verify cert chain. Error: 0x%x",
                 status);
         return false;
@@ -837,31 +846,29 @@ bool CurlHttpRequest::SendingRequest(Transfer& t, X509* leaf, STACK_OF(X509) * c
 
     if (pinning) {
         // An unknown root: trust only a chain holding the pinned certificate.
+        std::vector<std::string> pems;
+        if (!t.store->ConvertChainCtxToPEM(chain.get(), pems)) {
+            MFW_LOG(4,
+                    "CurlHttpRequest::SendingRequest(): Failed to convert chain context to pem "
+                    "format");
+            return false;
+        }
         std::string received;
-        std::string matched;
-        bool match = false;
-        for (const auto& cert : check->chain()) {
-            const std::string pem = certificateToPem(cert.get());
-            if (pem.empty()) {
-                MFW_LOG(4,
-                        "CurlHttpRequest::SendingRequest(): Failed to convert chain context to "
-                        "pem format");
-                return false;
-            }
+        const std::string* matched = nullptr;
+        for (const auto& pem : pems) {
             received += pem;
             if (pemThumbprint(pem) == t.pin) {
-                match = true;
-                matched = pem;
+                matched = &pem;
             }
         }
         MFW_LOG(0, "CurlHttpRequest::SendingRequest(): Received cert chain from server:\r\n%s",
                 received.c_str());
-        if (!match) {
+        if (matched == nullptr) {
             MFW_LOG(4, "CurlHttpRequest::SendingRequest(): Thumbprints did not match");
             return false;
         }
         MFW_LOG(1, "CurlHttpRequest::SendingRequest(): Matched using the following chain:\r\n%s",
-                matched.c_str());
+                matched->c_str());
         std::lock_guard lock(mutex_);
         chainVerified_ = true;
         return true;
@@ -870,7 +877,7 @@ bool CurlHttpRequest::SendingRequest(Transfer& t, X509* leaf, STACK_OF(X509) * c
     if (t.checkRevocation) {
         std::uint32_t errorStatus = 0;
         std::uint32_t infoStatus = 0;
-        if (!verifier.checkRevocation(leaf, candidates, errorStatus, infoStatus)) {
+        if (!t.store->VerifyCertRevocation(&server, {}, errorStatus, infoStatus)) {
             MFW_LOG(4, "CurlHttpRequest::SendingRequest(): Failed to make revocation check");
             return false;
         }
@@ -887,38 +894,41 @@ bool CurlHttpRequest::SendingRequest(Transfer& t, X509* leaf, STACK_OF(X509) * c
     return true;
 }
 
-// The checks without a pinned thumbprint: a trusted chain for the host.
-bool CurlHttpRequest::checkAsPlatform(Transfer& t, X509* leaf, STACK_OF(X509) * candidates) {
+// The checks without a pinned thumbprint, as the platform's TLS stack makes
+// them: a trusted chain for the host, reported as secure-failure flags.
+bool CurlHttpRequest::checkAsPlatform(Transfer& t, const certs::CertContext& server) {
     if (t.ignoreAll) {
         return true;
     }
-    const ChainVerifier verifier(t.trust);
-    const auto check = verifier.check(leaf, candidates, t.host);
-    if (!check) {
+    const certs::CertChainPtr chain =
+        server ? t.store->BuildCertificateChain(&server, server.store) : nullptr;
+    std::uint32_t status = 0;
+    if (!chain || chain->simpleChains.empty() ||
+        !t.store->VerifyCertChain(chain.get(), t.host, true, t.ignoreName, status)) {
         t.secureFailure = true;
         MFW_LOG(4, "CurlHttpRequest::RequestCallback(): Internal ssl library error");
         return false;
     }
-    unsigned problems = check->problems();
-    if (t.ignoreName) {
-        problems &= ~static_cast<unsigned>(ChainCheck::kName);
-    }
-    if (problems != 0) {
+    const std::uint32_t bits = chain->simpleChains.front().errorStatus;
+    const bool unknownCa = (bits & (certs::trust::kUntrustedRoot | certs::trust::kPartialChain));
+    const bool expired = (bits & certs::trust::kNotTimeValid) != 0;
+    const bool invalid =
+        (bits & (certs::trust::kNotSignatureValid | certs::trust::kNotValidForUsage |
+                 certs::trust::kInvalidBasicConstraints | certs::trust::kInvalidExtension)) != 0 ||
+        status == certs::policy::kWrongUsage || status == certs::policy::kTrustFailure;
+    const bool wrongName = status == certs::policy::kCnNoMatch;
+    if (unknownCa || expired || invalid || wrongName) {
         t.secureFailure = true;
-        for (const auto& text : check->errorTexts()) {
-            MFW_LOG(1, "CurlHttpRequest::RequestCallback(): %s", text.c_str());
-        }
-        if (problems & (ChainCheck::kUsage | ChainCheck::kConstraints | ChainCheck::kSignature |
-                        ChainCheck::kOther)) {
+        if (invalid) {
             MFW_LOG(4, "CurlHttpRequest::RequestCallback(): Certificate is invalid");
         }
-        if (problems & ChainCheck::kUntrusted) {
+        if (unknownCa) {
             MFW_LOG(4, "CurlHttpRequest::RequestCallback(): Certificate Authority is unrecognized");
         }
-        if (problems & ChainCheck::kName) {
+        if (wrongName) {
             MFW_LOG(4, "CurlHttpRequest::RequestCallback(): Certificate Common Name is incorrect");
         }
-        if (problems & ChainCheck::kTime) {
+        if (expired) {
             MFW_LOG(4, "CurlHttpRequest::RequestCallback(): Certificate is expired");
         }
         return false;
@@ -926,12 +936,12 @@ bool CurlHttpRequest::checkAsPlatform(Transfer& t, X509* leaf, STACK_OF(X509) * 
     if (t.checkRevocation) {
         std::uint32_t errorStatus = 0;
         std::uint32_t infoStatus = 0;
-        if (!verifier.checkRevocation(leaf, candidates, errorStatus, infoStatus) ||
-            (errorStatus & ~trust::kRevoked) != 0) {
+        if (!t.store->VerifyCertRevocation(&server, {}, errorStatus, infoStatus) ||
+            (errorStatus & ~certs::trust::kRevoked) != 0) {
             t.secureFailure = true;
             MFW_LOG(4, "CurlHttpRequest::RequestCallback(): Certificate revocation check failed");
         }
-        if (errorStatus & trust::kRevoked) {
+        if (errorStatus & certs::trust::kRevoked) {
             t.secureFailure = true;
             MFW_LOG(4, "CurlHttpRequest::RequestCallback(): Certificate has been revoked");
         }
@@ -1162,11 +1172,6 @@ std::string CurlHttpRequest::getResponseBody() {
 bool CurlHttpRequest::isSuccess() {
     std::lock_guard lock(mutex_);
     return isSuccessStatus(statusCode_);
-}
-
-void CurlHttpRequest::setTrust(TrustSettings trust) {
-    std::lock_guard lock(mutex_);
-    trust_ = std::move(trust);
 }
 
 void CurlHttpRequest::setMaxRequestSize(std::uint64_t bytes) {

@@ -4,10 +4,11 @@
 // The server checks of HttpRequest.h replace OpenSSL's certificate
 // verification for the connection (SSL_CTX_set_cert_verify_callback, set up
 // through CURLOPT_SSL_CTX_FUNCTION): a failing check aborts the handshake,
-// so no byte of the request is sent. Trust comes from TrustSettings (the
-// machine's root bundle by default) plus CRL files for revocation checks;
-// CRL distribution points are not fetched, so a certificate without a CRL in
-// those files fails a revocation check as "status unknown".
+// so no byte of the request is sent. Chains are built and judged by the
+// machine's certificate store (its trusted roots, and the CRLs added to it
+// for revocation checks); CRL distribution points are not fetched, so a
+// certificate whose issuer has no CRL in the store fails a revocation check
+// as "status unknown".
 //
 // Each asynchronous request runs on a thread owned by the object; the
 // synchronous forms run on the caller's thread. Redirects are not followed
@@ -17,8 +18,8 @@
 // the explicit proxy; else the user's proxy (the environment); else direct.
 // HTTPS proxies are not used.
 
+#include "certs/CertUtilityInterface.h"
 #include "net/CancelToken.h"
-#include "net/ChainVerifier.h"
 #include "net/HttpRequest.h"
 #include "net/ProxyConfig.h"
 
@@ -42,7 +43,8 @@ public:
     static constexpr std::uint64_t kDefaultUploadChunkSize = 0x400000;  // 4 MiB
     static constexpr std::uint64_t kDefaultMaxResponseSize = 64ull << 20;
 
-    explicit CurlHttpRequest(TrustSettings trust = {});
+    // Checks against `machineStore`; null means the machine's own store.
+    explicit CurlHttpRequest(std::shared_ptr<certs::CertUtilityInterface> machineStore = nullptr);
     ~CurlHttpRequest() override;
     CurlHttpRequest(const CurlHttpRequest&) = delete;
     CurlHttpRequest& operator=(const CurlHttpRequest&) = delete;
@@ -84,7 +86,6 @@ public:
     bool isSuccess() override;
 
     // Settings beyond the interface.
-    void setTrust(TrustSettings trust);
     void setMaxRequestSize(std::uint64_t bytes);
     void setUploadChunkSize(std::uint64_t bytes);
     void setMaxResponseSize(std::uint64_t bytes);
@@ -151,14 +152,14 @@ private:
     static std::size_t writeCallback(char* data, std::size_t size, std::size_t count, void* user);
     static std::size_t headerCallback(char* data, std::size_t size, std::size_t count, void* user);
     bool verifyServer(Transfer& t, X509_STORE_CTX* ctx);
-    bool SendingRequest(Transfer& t, X509* leaf, STACK_OF(X509) * candidates);
-    bool checkAsPlatform(Transfer& t, X509* leaf, STACK_OF(X509) * candidates);
+    bool SendingRequest(Transfer& t, const certs::CertContext& server);
+    bool checkAsPlatform(Transfer& t, const certs::CertContext& server);
 
     std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
     std::mutex& mutex_ = shared_->mutex;  // guards every member below
 
     // Configuration.
-    TrustSettings trust_;
+    const std::shared_ptr<certs::CertUtilityInterface> machineStore_;
     std::string proxyServer_;
     std::string proxyBypass_;
     std::string proxyUser_;
@@ -197,7 +198,7 @@ private:
     std::vector<std::thread> retired_;
 };
 
-// Requests checked against the given roots and CRL files.
-HttpRequestFactory curlHttpRequestFactory(TrustSettings trust);
+// Requests checked against the given certificate store.
+HttpRequestFactory curlHttpRequestFactory(std::shared_ptr<certs::CertUtilityInterface> store);
 
 }  // namespace ndpx::net

@@ -1,12 +1,15 @@
 #pragma once
 // Real servers on loopback for the network tests: an HTTPS server (with a
 // certificate chain from the dev CA), a plain HTTP server, a TLS server that
-// answers with raw bytes, a listener that never answers, and tinyproxy. All
+// answers with raw bytes and a listener that never answers. All
 // listen on ephemeral ports; every wait is bounded.
 
-#include "net/ChainVerifier.h"
+#include "certs/OpenSslUtil.h"
+#include "certs/linux/OpenSslCertStore.h"
+#include "net/Handles.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
+#include "support/Tinyproxy.h"
 
 #include <devca/DevCa.h>
 #include <httplib.h>
@@ -69,28 +72,43 @@ struct TestPki {
     devca::Issued revoked = inter.issueServer("localhost", {"localhost"}, {"127.0.0.1"});
     TempDir dir;
     std::string rootFile = (dir.path() / "root.pem").string();
-    std::string interCrlFile = (dir.path() / "inter.crl").string();
-    std::string rootCrlFile = (dir.path() / "root.crl").string();
+    // Machine stores: one trusting the test root, one also holding the CRLs
+    // of both CAs, and one with only the system's roots.
+    std::shared_ptr<certs::OpenSslCertStore> trustedStore;
+    std::shared_ptr<certs::OpenSslCertStore> trustedWithCrls;
+    std::shared_ptr<certs::OpenSslCertStore> untrustedStore;
 
     TestPki() {
         inter.revoke(revoked.serialHex);
         writeFile(rootFile, root.certPem());
-        writeFile(interCrlFile, inter.crlPem());
-        writeFile(rootCrlFile, root.crlPem());
+        trustedStore = machineStore("trusted.sqlite", rootFile);
+        trustedWithCrls = machineStore("crl.sqlite", rootFile);
+        trustedWithCrls->AddCrl("CA", inter.crlPem());
+        trustedWithCrls->AddCrl("Root", root.crlPem());
+        untrustedStore =
+            machineStore("untrusted.sqlite", certs::OpenSslCertStore::kDefaultSystemRootsFile);
     }
     // What a server sends: its certificate, then the intermediate.
     std::string chainOf(const devca::Issued& issued) const {
         return issued.certPem + inter.certPem();
     }
-    net::TrustSettings trusted(bool withCrls = false) const {
-        net::TrustSettings t{rootFile, {}};
+    std::shared_ptr<certs::CertUtilityInterface> trusted(bool withCrls = false) const {
         if (withCrls) {
-            t.crlFiles = {interCrlFile, rootCrlFile};
+            return trustedWithCrls;
         }
-        return t;
+        return trustedStore;
     }
     // The machine's roots, which know nothing of the test root.
-    net::TrustSettings untrusted() const { return net::TrustSettings{}; }
+    std::shared_ptr<certs::CertUtilityInterface> untrusted() const { return untrustedStore; }
+
+    // A machine store whose system roots are read from `roots`.
+    std::shared_ptr<certs::OpenSslCertStore> machineStore(const char* file,
+                                                          const std::string& roots) const {
+        certs::OpenSslCertStore::Options o;
+        o.databaseFile = (dir.path() / file).string();
+        o.systemRootsFile = roots;
+        return std::make_shared<certs::OpenSslCertStore>(o);
+    }
 };
 
 inline const TestPki& pki() {
@@ -138,15 +156,15 @@ public:
     TestServer(const std::string& chainPem, const std::string& keyPem, Handler handler)
         : handler_(std::move(handler)) {
         server_ = std::make_unique<httplib::SSLServer>([&](SSL_CTX& ctx) {
-            auto certs = net::certificatesFromPem(chainPem);
+            auto chain = certs::x509sFromPemBundle(chainPem);
             BIO* bio = BIO_new_mem_buf(keyPem.data(), static_cast<int>(keyPem.size()));
             EVP_PKEY* key = PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr);
             BIO_free(bio);
-            bool ok = key != nullptr && !certs.empty() &&
-                      SSL_CTX_use_certificate(&ctx, certs[0].get()) == 1 &&
+            bool ok = key != nullptr && !chain.empty() &&
+                      SSL_CTX_use_certificate(&ctx, chain[0].get()) == 1 &&
                       SSL_CTX_use_PrivateKey(&ctx, key) == 1;
-            for (std::size_t i = 1; ok && i < certs.size(); ++i) {
-                ok = SSL_CTX_add1_chain_cert(&ctx, certs[i].get()) == 1;
+            for (std::size_t i = 1; ok && i < chain.size(); ++i) {
+                ok = SSL_CTX_add1_chain_cert(&ctx, chain[i].get()) == 1;
             }
             EVP_PKEY_free(key);
             return ok;
@@ -275,12 +293,12 @@ public:
     RawTlsServer(const std::string& chainPem, const std::string& keyPem, std::string reply)
         : reply_(std::move(reply)) {
         ctx_.reset(SSL_CTX_new(TLS_server_method()));
-        auto certs = net::certificatesFromPem(chainPem);
+        auto chain = certs::x509sFromPemBundle(chainPem);
         net::BioPtr bio(BIO_new_mem_buf(keyPem.data(), static_cast<int>(keyPem.size())));
         EVP_PKEY* key = PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr);
-        SSL_CTX_use_certificate(ctx_.get(), certs.at(0).get());
-        for (std::size_t i = 1; i < certs.size(); ++i) {
-            SSL_CTX_add1_chain_cert(ctx_.get(), certs[i].get());
+        SSL_CTX_use_certificate(ctx_.get(), chain.at(0).get());
+        for (std::size_t i = 1; i < chain.size(); ++i) {
+            SSL_CTX_add1_chain_cert(ctx_.get(), chain[i].get());
         }
         SSL_CTX_use_PrivateKey(ctx_.get(), key);
         EVP_PKEY_free(key);
@@ -343,50 +361,6 @@ private:
     int stopRead_ = -1;
     int stopWrite_ = -1;
     std::thread thread_;
-};
-
-// tinyproxy on an ephemeral port with its own configuration.
-class Tinyproxy {
-public:
-    static std::optional<std::string> binary() {
-        for (const char* path : {"/usr/sbin/tinyproxy", "/usr/bin/tinyproxy"}) {
-            if (::access(path, X_OK) == 0) {
-                return std::string(path);
-            }
-        }
-        return std::nullopt;
-    }
-
-    // `extraConfig` lines are appended to the configuration (e.g. BasicAuth).
-    explicit Tinyproxy(const std::string& extraConfig = "") {
-        for (int attempt = 0; attempt < 5 && !process_; ++attempt) {
-            port_ = freePort();
-            const auto conf = (dir_.path() / "tinyproxy.conf").string();
-            writeFile(conf, "Port " + std::to_string(port_) +
-                                "\nListen 127.0.0.1\nTimeout 30\nLogLevel Info\n"
-                                "MaxClients 20\nAllow 127.0.0.1\n" +
-                                extraConfig);
-            auto process = std::make_unique<Process>(std::vector<std::string>{
-                binary().value_or("/usr/bin/tinyproxy"), "-d", "-c", conf});
-            if (process->waitForLine("Accepting connections")) {
-                process_ = std::move(process);
-            }
-        }
-    }
-    bool running() const { return process_ != nullptr; }
-    int port() const { return port_; }
-    std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
-    // Whether the proxy tunnelled a connection to `port` on loopback.
-    bool tunnelledTo(int port) const {
-        return process_ && process_->output().find("CONNECT 127.0.0.1:" + std::to_string(port)) !=
-                               std::string::npos;
-    }
-    std::string output() const { return process_ ? process_->output() : std::string(); }
-
-private:
-    TempDir dir_;
-    int port_ = 0;
-    std::unique_ptr<Process> process_;
 };
 
 }  // namespace ndpx::test

@@ -17,8 +17,8 @@ using test::pki;
 using test::TestServer;
 using Clock = std::chrono::steady_clock;
 
-std::shared_ptr<CurlHttpRequest> makeRequest(const TrustSettings& trust) {
-    auto request = std::make_shared<CurlHttpRequest>(trust);
+std::shared_ptr<CurlHttpRequest> makeRequest(std::shared_ptr<certs::CertUtilityInterface> store) {
+    auto request = std::make_shared<CurlHttpRequest>(std::move(store));
     // The machine's proxy environment must not steer the tests.
     request->setUserProxyConfig(std::make_shared<ProxyConfig>(
         [](const char*) -> std::optional<std::string> { return std::nullopt; }));
@@ -74,7 +74,8 @@ TEST(HttpsRequestTrust, PinnedThumbprintAcceptsUnknownRootOnlyOnExactMatch) {
                              pki().inter.certPem()));
     // The intermediate the server sent counts as well, and a machine without
     // readable roots can still pin.
-    auto viaIntermediate = makeRequest(TrustSettings{"/nonexistent/roots.pem", {}});
+    auto viaIntermediate =
+        makeRequest(pki().machineStore("noroots.sqlite", "/nonexistent/roots.pem"));
     viaIntermediate->setPinnedThumbprint(test::expectedThumbprint(pki().inter.certPem()));
     EXPECT_TRUE(viaIntermediate->getSync(server.url(), response));
     EXPECT_EQ(viaIntermediate->getResponseCode(), 200u);
@@ -119,7 +120,7 @@ TEST(HttpsRequestTrust, TrustedChainPassesWithoutComparingThePin) {
 TEST(HttpsRequestTrust, UntrustedExpiredOrMisnamedServersHearNothing) {
     struct Case {
         const devca::Issued* cert;
-        TrustSettings trust;
+        std::shared_ptr<certs::CertUtilityInterface> trust;
         const char* line;
     };
     const Case cases[] = {
@@ -170,7 +171,7 @@ TEST(HttpsRequestTrust, NameMismatchIsToleratedOnlyWhenAsked) {
     EXPECT_EQ(server.requests(), 3);
 }
 
-TEST(HttpsRequestTrust, RevocationCheckUsesTheCrlFiles) {
+TEST(HttpsRequestTrust, RevocationCheckUsesTheMachineStoresCrls) {
     TestServer revokedServer = serverFor(pki().revoked, test::answer(200, "ok"));
     TestServer goodServer = serverFor(pki().leaf, test::answer(200, "ok"));
     std::string response;
