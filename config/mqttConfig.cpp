@@ -286,6 +286,28 @@ int mqttConfig::getStartupMinJitter() {
 int mqttConfig::getStartupMaxJitter() {
     return readInt(L"mqtt_StartupMaxJitter");
 }
+int mqttConfig::getHubRequestTimeout() {
+    // Seconds one credential request to the hub may take, shared out over
+    // resolve, connect, send and receive. Not in the defaults list: absent,
+    // the request keeps the HTTPS client's own budget.
+    constexpr int kDefault = 150;
+    constexpr int kMin = 10;
+    constexpr int kMax = 600;
+    const std::wstring text = get(L"mqtt_HubRequestTimeout");
+    if (text.empty()) {
+        return kDefault;
+    }
+    const std::int64_t value = parseDecimal(text);
+    if (value < kMin || value > kMax) {
+        MFW_LOG(CORE::kLogError,
+                "mqttConfig::getIntInRange(): Registry setting %s out of range, returning "
+                "default %d",
+                "mqtt_HubRequestTimeout", kDefault);
+        return kDefault;
+    }
+    return static_cast<int>(value);
+}
+
 int mqttConfig::getStartupMaxCachedRetries() {
     return readInt(L"mqtt_StartupMaxCachedRetries");
 }

@@ -108,6 +108,7 @@ public:
     int getAzureADJoinMaxInterval();
     int getAzureADJoinQueryInterval();
     int getEndpointChangeAttempts();
+    int getHubRequestTimeout();  // seconds
 
     // Boolean settings.
     bool getSendWhileDisconnected();

@@ -109,6 +109,7 @@ MqttManagerDependencies defaultDependencies() {
     };
     deps.otpRequester = [](const OtpRequest& r, std::string& response) {
         const net::HttpRequestPtr request = net::curlHttpRequestFactory()();
+        request->setTimeout(r.timeoutSeconds);
         if (!r.thumbprint.empty()) {
             request->setPinnedThumbprint(r.thumbprint);
         }

@@ -55,6 +55,7 @@ struct OtpRequest {
     std::string proxyServer;
     std::string proxyBypass;
     std::string proxyAutoConfigUrl;
+    std::uint32_t timeoutSeconds = 150;
 };
 
 // Result codes of the last connection attempt per endpoint.

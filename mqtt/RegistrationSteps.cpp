@@ -197,6 +197,7 @@ bool MqttManager::MakeOTPRequest(const std::string& vmId, const std::string& csr
     request.proxyServer = CORE::toUtf8(cfg->getHttpProxyServer());
     request.proxyBypass = CORE::toUtf8(cfg->getHttpProxyBypass());
     request.proxyAutoConfigUrl = CORE::toUtf8(cfg->getHttpProxyAutoConfigUrl());
+    request.timeoutSeconds = static_cast<std::uint32_t>(cfg->getHubRequestTimeout());
     Json::Value body(Json::objectValue);
     body["vmId"] = vmId;
     body["otp"] = cfg->getOtp();

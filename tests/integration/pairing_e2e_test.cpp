@@ -5,6 +5,7 @@
 #include "support/MqttTestClient.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
+#include "support/Tinyproxy.h"
 
 #include <json/reader.h>
 
@@ -50,15 +51,52 @@ protected:
     }
 
     void regctlSet(const std::string& name, const std::string& value) {
+        regctlSet(root_, name, value);
+    }
+    static void regctlSet(const TempDir& root, const std::string& name, const std::string& value) {
         const auto r =
-            run({REGCTL_PATH, "--root", root_.path().string(), "set", kNodeManager, name, value});
+            run({REGCTL_PATH, "--root", root.path().string(), "set", kNodeManager, name, value});
+        ASSERT_EQ(r.status, 0) << r.output;
+    }
+    void certctl(const TempDir& root, const std::vector<std::string>& args) {
+        std::vector<std::string> argv{CERTCTL_PATH, "--root", root.path().string()};
+        argv.insert(argv.end(), args.begin(), args.end());
+        const auto r = run(argv);
         ASSERT_EQ(r.status, 0) << r.output;
     }
 
-    std::unique_ptr<Process> startAgent() {
+    std::unique_ptr<Process> startAgent() { return startAgent(root_); }
+    static std::unique_ptr<Process> startAgent(const TempDir& root) {
         return std::make_unique<Process>(std::vector<std::string>{AGENTHOST_PATH, "--root",
-                                                                  root_.path().string(), "--plugin",
+                                                                  root.path().string(), "--plugin",
                                                                   MODULE_PATH, "--log-level", "0"});
+    }
+
+    // Provisions the desktop `vmId` under `root`, with extra provisioning options.
+    void provisionInto(const TempDir& root, const std::string& url, const std::string& vmId,
+                       const std::vector<std::string>& extra = {}) {
+        std::vector<std::string> argv{DEVCLOUD_PATH,
+                                      "provision",
+                                      "--dir",
+                                      cloud_.path().string(),
+                                      "--url",
+                                      url,
+                                      "--vm-id",
+                                      vmId,
+                                      "--edge-id",
+                                      "e1",
+                                      "--short-template-id",
+                                      "t3",
+                                      "--root",
+                                      root.path().string()};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        const auto r = run(argv);
+        ASSERT_EQ(r.status, 0) << r.output;
+    }
+
+    static void stop(Process& agent) {
+        agent.signal(SIGTERM);
+        EXPECT_EQ(agent.wait(30s), std::optional<int>(0));
     }
 
     // Provisions the desktop; returns the one-time password it was given.
@@ -161,8 +199,9 @@ TEST_F(PairingTest, AWrongThumbprintFailsTheRequestAndTheChainRetries) {
     EXPECT_EQ(agent->wait(30s), std::optional<int>(0));
 }
 
-// A credential service that fails (an error status, or an answer that is not
-// a credentials response) fails the step with its line, and the chain backs off.
+// A credential service that fails (an error status, an answer that is not a
+// credentials response, or no answer at all) fails the step with its line,
+// and the chain backs off.
 TEST_F(PairingTest, AFailingCredentialServiceFailsTheStepAndTheChainRetries) {
     struct Case {
         const char* fault;
@@ -170,31 +209,130 @@ TEST_F(PairingTest, AFailingCredentialServiceFailsTheStepAndTheChainRetries) {
     };
     for (const Case c :
          {Case{"500", "MqttManager::RequestCredentials(): Failed to register with REST API."},
-          Case{"garbage",
-               "MqttManager::RequestCredentials(): Credentials response parse failed."}}) {
+          Case{"garbage", "MqttManager::RequestCredentials(): Credentials response parse failed."},
+          Case{"silent", "CurlHttpRequest::RequestCallback(): No data moved for 2000 ms"}}) {
         SCOPED_TRACE(c.fault);
         Process faulty(
             {DEVCLOUD_PATH, "credsvc", "--dir", cloud_.path().string(), "--fault", c.fault});
         ASSERT_TRUE(faulty.waitForLine("thumbprint ", 30s)) << faulty.output();
         TempDir root;
-        ASSERT_EQ(run({REGCTL_PATH, "--root", root.path().string(), "set", kNodeManager,
-                       "mqtt_SslCertThumbprint", lineValue(faulty.output(), "thumbprint")})
-                      .status,
-                  0);
-        Process agent({AGENTHOST_PATH, "--root", root.path().string(), "--plugin", MODULE_PATH,
-                       "--log-level", "0"});
-        ASSERT_TRUE(agent.waitForLine("MQTT_STATE_WAITING_CONFIG")) << agent.output();
-        ASSERT_EQ(run({DEVCLOUD_PATH, "provision", "--dir", cloud_.path().string(), "--url",
-                       lineValue(faulty.output(), "url"), "--vm-id", "vm7", "--edge-id", "e1",
-                       "--short-template-id", "t3", "--root", root.path().string()})
-                      .status,
-                  0);
-        EXPECT_TRUE(agent.waitForLine(c.line, 60s)) << agent.output();
-        EXPECT_TRUE(agent.waitForLine("Wait interval set to"));
-        EXPECT_EQ(agent.countLines("MQTT_STATE_CONNECTED"), 0u);
-        agent.signal(SIGTERM);
-        EXPECT_EQ(agent.wait(30s), std::optional<int>(0));
+        regctlSet(root, "mqtt_SslCertThumbprint", lineValue(faulty.output(), "thumbprint"));
+        regctlSet(root, "mqtt_HubRequestTimeout", "10");  // receive share: 2 s
+        auto agent = startAgent(root);
+        ASSERT_TRUE(agent->waitForLine("MQTT_STATE_WAITING_CONFIG")) << agent->output();
+        provisionInto(root, lineValue(faulty.output(), "url"), "vm7");
+        EXPECT_TRUE(agent->waitForLine(c.line, 60s)) << agent->output();
+        EXPECT_TRUE(agent->waitForLine("Wait interval set to"));
+        EXPECT_EQ(agent->countLines("MQTT_STATE_CONNECTED"), 0u);
+        stop(*agent);
     }
+}
+
+// Without a pin the service's chain must lead to a root the machine trusts.
+// Unknown, the request never leaves; once the operator trusts the CA (and
+// adds its CRL: revocation checking is on by default) the next attempt pairs.
+// A CRL naming the service's certificate fails the step.
+TEST_F(PairingTest, AnUnpinnedServiceMustBeTrustedAndNotRevoked) {
+    regctlSet("mqtt_StartupMaxJitter", "0");
+    auto agent = startAgent();
+    ASSERT_TRUE(agent->waitForLine("MQTT_STATE_WAITING_CONFIG")) << agent->output();
+    provisionInto(root_, url_, "vm7");
+    ASSERT_TRUE(agent->waitForLine(
+        "CurlHttpRequest::RequestCallback(): Certificate Authority is unrecognized", 60s))
+        << agent->output();
+    EXPECT_TRUE(
+        agent->waitForLine("MqttManager::RequestCredentials(): Failed to register with REST API."));
+
+    // Meanwhile a second desktop trusts the CA but holds a CRL revoking the
+    // service's certificate.
+    const std::string ca = (cloud_.path() / "ca.pem").string();
+    const auto crl = [&](const std::string& name, std::vector<std::string> revoke) {
+        const std::string out = (cloud_.path() / name).string();
+        std::vector<std::string> argv{DEVCLOUD_PATH,          "ca",    "crl", "--dir",
+                                      cloud_.path().string(), "--out", out};
+        for (const auto& file : revoke) {
+            argv.insert(argv.end(), {"--revoke", file});
+        }
+        EXPECT_EQ(run(argv).status, 0);
+        return out;
+    };
+    TempDir revokedRoot;
+    certctl(revokedRoot, {"import", ca});
+    certctl(revokedRoot,
+            {"add-crl", crl("revoked.crl", {(cloud_.path() / "credsvc" / "server.pem").string()})});
+    auto refused = startAgent(revokedRoot);
+    ASSERT_TRUE(refused->waitForLine("MQTT_STATE_WAITING_CONFIG")) << refused->output();
+    provisionInto(revokedRoot, url_, "vm8");
+    EXPECT_TRUE(refused->waitForLine(
+        "CurlHttpRequest::RequestCallback(): Certificate has been revoked", 60s))
+        << refused->output();
+    EXPECT_TRUE(refused->waitForLine("Wait interval set to"));
+    stop(*refused);
+    EXPECT_EQ(credsvc_->countLines("vmId"), 0u) << "no request may reach the service";
+
+    certctl(root_, {"import", ca});
+    certctl(root_, {"add-crl", crl("empty.crl", {})});
+    ASSERT_TRUE(agent->waitForLine(kConnected, 60s)) << agent->output();
+    EXPECT_EQ(credsvc_->countLines("vmId"), 1u);
+    stop(*agent);
+}
+
+// The credential request goes through the proxy the provisioning file names,
+// given explicitly or by a PAC script.
+TEST_F(PairingTest, TheCredentialRequestGoesThroughTheProvisionedProxy) {
+    if (!Tinyproxy::binary()) {
+        GTEST_SKIP() << "tinyproxy is not installed";
+    }
+    const std::string servicePort =
+        url_.substr(url_.rfind(':') + 1, url_.find('/', 8) - url_.rfind(':') - 1);
+    const auto pac = cloud_.path() / "proxy.pac";
+    for (const bool viaPac : {false, true}) {
+        SCOPED_TRACE(viaPac ? "PAC" : "explicit");
+        Tinyproxy proxy;
+        ASSERT_TRUE(proxy.running());
+        std::ofstream(pac) << "function FindProxyForURL(url, host) { return 'PROXY "
+                           << proxy.address() << "'; }\n";
+        TempDir root;
+        regctlSet(root, "mqtt_SslCertThumbprint", thumbprint_);
+        auto agent = startAgent(root);
+        ASSERT_TRUE(agent->waitForLine("MQTT_STATE_WAITING_CONFIG")) << agent->output();
+        provisionInto(root, url_, "vm7",
+                      viaPac ? std::vector<std::string>{"--pac-url", "file://" + pac.string()}
+                             : std::vector<std::string>{"--proxy", proxy.address()});
+        ASSERT_TRUE(agent->waitForLine(kConnected, 60s)) << agent->output();
+        EXPECT_TRUE(proxy.tunnelledTo(std::stoi(servicePort))) << proxy.output();
+        EXPECT_EQ(agent->countLines("getProxyURL(): Ran PAC file. Proxy access type: 3"),
+                  viaPac ? 1u : 0u);
+        stop(*agent);
+    }
+}
+
+// Cached pairing data that no longer works (its client certificate is gone)
+// is given up after "mqtt_StartupMaxCachedRetries" failures: the agent
+// forgets it, waits for a new provisioning file and pairs again.
+TEST_F(PairingTest, BrokenCachedPairingDataLeadsToAFreshBootstrap) {
+    regctlSet("mqtt_SslCertThumbprint", thumbprint_);
+    regctlSet("mqtt_StartupMaxCachedRetries", "0");
+    regctlSet("mqtt_StartupMaxJitter", "0");
+    auto agent = startAgent();
+    provisionInto(root_, url_, "vm7");
+    ASSERT_TRUE(agent->waitForLine(kConnected, 60s)) << agent->output();
+    stop(*agent);
+
+    certctl(root_, {"delete", "Agent Connect MQTT Client Certificate"});
+    auto again = startAgent();
+    ASSERT_TRUE(
+        again->waitForLine("MqttManager::HandleActiveRetries(): Failed to retrieve and "
+                           "validate cached pairing data after 0 retries, will bootstrap.",
+                           60s))
+        << again->output();
+    // The pin went with the first pairing's temporary values; provisioning
+    // sets it again with the new file.
+    regctlSet("mqtt_SslCertThumbprint", thumbprint_);
+    provisionInto(root_, url_, "vm7");
+    ASSERT_TRUE(again->waitForLine(kConnected, 60s)) << again->output();
+    EXPECT_EQ(credsvc_->countLines("vmId"), 2u);
+    stop(*again);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // certctl: lists, shows and deletes the certificates of the agent's
-// certificate store, the way an operator uses the certificate manager on
-// Windows. Key material is never printed.
+// certificate store, imports CA certificates (into "Root" to trust them) and
+// adds CRLs for revocation checks, the way an operator uses the certificate
+// manager on Windows. Key material is never printed.
 
 #include "certs/OpenSslUtil.h"
 #include "certs/linux/OpenSslCertStore.h"
@@ -12,7 +13,9 @@
 #include <CLI/CLI.hpp>
 
 #include <ctime>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 
 namespace {
 
@@ -115,10 +118,55 @@ int runDelete(OpenSslCertStore& store, const std::string& storeName,
     return 0;
 }
 
+bool readText(const std::string& path, std::string& text) {
+    std::ifstream in(path, std::ios::binary);
+    text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return in.good() || in.eof();
+}
+
+// Imports every certificate of a PEM file, without a key.
+int runImport(OpenSslCertStore& store, const std::string& storeName, const std::string& file,
+              const std::string& friendlyName) {
+    std::string text;
+    if (!readText(file, text)) {
+        return fail(kBadInput, "cannot read " + file);
+    }
+    const auto certs = ndpx::certs::x509sFromPemBundle(text);
+    if (certs.empty()) {
+        return fail(kBadInput, file + " holds no PEM certificate");
+    }
+    for (const auto& cert : certs) {
+        if (!store.ImportCertificateToStore(ndpx::certs::x509ToPem(cert.get()), storeName,
+                                            friendlyName, {}, "", nullptr)) {
+            return fail(kFailure, "cannot import into store " + storeName);
+        }
+        std::cout << "imported " << ndpx::certs::nameToText(X509_get_subject_name(cert.get()))
+                  << " into store " << storeName << '\n';
+    }
+    return 0;
+}
+
+int runAddCrl(OpenSslCertStore& store, const std::string& storeName, const std::string& file) {
+    std::string text;
+    if (!readText(file, text)) {
+        return fail(kBadInput, "cannot read " + file);
+    }
+    if (!ndpx::certs::crlFromPem(text)) {
+        return fail(kBadInput, file + " holds no PEM CRL");
+    }
+    if (!store.AddCrl(storeName, text)) {
+        return fail(kFailure, "cannot add the CRL to store " + storeName);
+    }
+    std::cout << "added the CRL to store " << storeName << '\n';
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"Lists, shows and deletes certificates in the agent's certificate store."};
+    CLI::App app{
+        "Lists, shows, deletes and imports certificates and CRLs in the agent's "
+        "certificate store."};
     app.require_subcommand(1);
     std::string root;
     bool verbose = false;
@@ -136,6 +184,18 @@ int main(int argc, char** argv) {
     del->add_option("FRIENDLYNAME", friendlyName, "Friendly name")->required();
     del->add_option("--store", storeName, "Store name")->capture_default_str();
 
+    std::string file;
+    std::string importStore = "Root";
+    std::string crlStore = "CA";
+    auto* import = app.add_subcommand("import", "Import CA certificates (no key) from a PEM file");
+    import->add_option("FILE", file, "PEM file")->required();
+    import->add_option("--store", importStore, "Store name; \"Root\" trusts them")
+        ->capture_default_str();
+    import->add_option("--name", friendlyName, "Friendly name");
+    auto* addCrl = app.add_subcommand("add-crl", "Add a CRL (PEM) for revocation checks");
+    addCrl->add_option("FILE", file, "PEM file")->required();
+    addCrl->add_option("--store", crlStore, "Store name")->capture_default_str();
+
     CLI11_PARSE(app, argc, argv);
 
     if (app.count("--root") > 0) {
@@ -143,6 +203,11 @@ int main(int argc, char** argv) {
             return fail(kBadInput, "--root must not be empty");
         }
         ndpx::platform::paths::setRoot(root);
+    }
+    if (import->parsed()) {
+        storeName = importStore;
+    } else if (addCrl->parsed()) {
+        storeName = crlStore;
     }
     if (storeName.empty()) {
         return fail(kBadInput, "--store must not be empty");
@@ -161,6 +226,12 @@ int main(int argc, char** argv) {
     }
     if (del->parsed()) {
         return runDelete(store, storeName, friendlyName);
+    }
+    if (import->parsed()) {
+        return runImport(store, storeName, file, friendlyName);
+    }
+    if (addCrl->parsed()) {
+        return runAddCrl(store, storeName, file);
     }
     return kBadInput;
 }

@@ -461,4 +461,11 @@ bool writePrivateFile(const std::string& path, const std::string& text) {
     return true;
 }
 
+std::string serialHexOfPem(const std::string& pem) {
+    BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+    X509Ptr cert(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+    ERR_clear_error();
+    return cert ? serialHexOf(cert.get()) : std::string();
+}
+
 }  // namespace ndpx::devca

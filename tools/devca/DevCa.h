@@ -97,6 +97,10 @@ private:
     long nextSerial_ = 1000;
 };
 
+// The serial number (upper-case hex) of the first certificate of a PEM text;
+// empty when there is none.
+std::string serialHexOfPem(const std::string& pem);
+
 // Writes `text` to `path` with mode 0600 (atomically: temp file + rename).
 bool writePrivateFile(const std::string& path, const std::string& text);
 

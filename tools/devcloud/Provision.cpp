@@ -78,6 +78,13 @@ ProvisionResult provision(const ProvisionRequest& r) {
     spec["edgeGateway"]["id"] = r.edgeId;
     spec["nexHub"]["url"] = r.url;
     spec["nexHub"]["oneTimePassword"] = otp;
+    for (const auto& [key, value] :
+         {std::pair{"server", &r.proxyServer}, std::pair{"bypass", &r.proxyBypass},
+          std::pair{"autoConfig", &r.proxyAutoConfig}}) {
+        if (!value->empty()) {
+            spec["proxyInfo"][key] = *value;
+        }
+    }
     Json::StreamWriterBuilder writer;
     writer["indentation"] = "  ";
     try {

@@ -19,6 +19,11 @@ struct ProvisionRequest {
     std::string shortTemplateId;
     std::string name;            // empty: the vmId
     std::string bootstrapTopic;  // empty: desktop/bootstrap/<identity>
+    // The proxy the agent must use for the credential request; each is
+    // written to "proxyInfo" only when not empty.
+    std::string proxyServer;
+    std::string proxyBypass;
+    std::string proxyAutoConfig;  // PAC script URL
 };
 
 struct ProvisionResult {

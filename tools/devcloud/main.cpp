@@ -86,6 +86,29 @@ int caInit(const Home& home) {
     return 0;
 }
 
+// The CA's CRL listing the serials of the given certificates.
+int caCrl(const Home& home, const std::vector<std::string>& revokeFiles, const std::string& out) {
+    ndpx::devca::CertificateAuthority ca = home.loadCa();
+    for (const auto& file : revokeFiles) {
+        std::ifstream in(file, std::ios::binary);
+        const std::string pem((std::istreambuf_iterator<char>(in)),
+                              std::istreambuf_iterator<char>());
+        const std::string serial = ndpx::devca::serialHexOfPem(pem);
+        if (serial.empty()) {
+            std::cerr << "devcloud: no certificate in " << file << "\n";
+            return 2;
+        }
+        ca.revoke(serial);
+        std::cout << "devcloud: revoked serial " << serial << " (" << file << ")\n";
+    }
+    if (!ndpx::devca::writePrivateFile(out, ca.crlPem())) {
+        std::cerr << "devcloud: cannot write " << out << "\n";
+        return 1;
+    }
+    std::cout << "devcloud: wrote the CRL to " << out << "\n";
+    return 0;
+}
+
 int broker(Home home, int port, bool noDelay, const std::string& bind) {
     home.initCa();
     const fs::path dir = home.dir() / "broker";
@@ -302,6 +325,15 @@ int main(int argc, char** argv) {
     ca->require_subcommand(1);
     auto* caInitCmd = ca->add_subcommand("init", "Create the CA (ca.pem, ca.key) unless it exists");
     caInitCmd->add_option("--dir", dir, "The devcloud folder")->required();
+    std::vector<std::string> revokeFiles;
+    std::string crlOut;
+    auto* caCrlCmd =
+        ca->add_subcommand("crl", "Write a CRL of the CA revoking the given certificates");
+    caCrlCmd->add_option("--dir", dir, "The devcloud folder")->required();
+    caCrlCmd->add_option("--revoke", revokeFiles,
+                         "PEM file of a certificate to list as revoked (repeatable), e.g. "
+                         "DIR/credsvc/server.pem");
+    caCrlCmd->add_option("--out", crlOut, "Where to write the CRL (PEM)")->required();
 
     bool noNoDelay = false;
     std::string bind = "127.0.0.1";
@@ -387,6 +419,10 @@ int main(int argc, char** argv) {
     auto* specOpt = provisionCmd->add_option(
         "--spec-file", specFile, "Write the document here instead of under the agent's root");
     rootOpt->excludes(specOpt);
+    provisionCmd->add_option("--proxy", prov.proxyServer, "Proxy for the credential request");
+    provisionCmd->add_option("--proxy-bypass", prov.proxyBypass, "Its bypass list");
+    provisionCmd->add_option("--pac-url", prov.proxyAutoConfig,
+                             "Proxy auto-configuration script for the credential request");
 
     CLI11_PARSE(app, argc, argv);
 
@@ -394,6 +430,9 @@ int main(int argc, char** argv) {
         const Home home(dir);
         if (caInitCmd->parsed()) {
             return caInit(home);
+        }
+        if (caCrlCmd->parsed()) {
+            return caCrl(home, revokeFiles, crlOut);
         }
         if (brokerCmd->parsed()) {
             return broker(home, port, !noNoDelay, bind);

@@ -43,6 +43,14 @@ TEST_F(MqttConfigTest, OutOfRangeValuesFallBackToTheDefaultAndAreLogged) {
     set("mqtt_DuplicateMsgTimerInterval", "10");
     EXPECT_EQ(cfg_.getDuplicateMsgTimerInterval(), 10000);  // read in milliseconds
 
+    // The hub time-out is outside the defaults list: absent it is the HTTPS
+    // client's own budget, not the minimum.
+    EXPECT_EQ(cfg_.getHubRequestTimeout(), 150);
+    set("mqtt_HubRequestTimeout", "10");
+    EXPECT_EQ(cfg_.getHubRequestTimeout(), 10);
+    set("mqtt_HubRequestTimeout", "9");
+    EXPECT_EQ(cfg_.getHubRequestTimeout(), 150);
+
     // A name with no entry at all yields the minimum, not a default.
     EXPECT_EQ(cfg_.getIntInRange(L"NotASetting", 7, 9), 7);
     EXPECT_TRUE(reg_.log().contains(
