@@ -272,20 +272,6 @@ duk_ret_t jsAlert(duk_context* ctx) {
     return 0;
 }
 
-// An address as 16 bytes (IPv4 mapped into IPv6) and its family.
-bool parseAddress(const std::string& text, std::array<unsigned char, 16>& bytes, bool& v4) {
-    bytes.fill(0);
-    in_addr a4{};
-    if (::inet_pton(AF_INET, text.c_str(), &a4) == 1) {
-        v4 = true;
-        bytes[10] = bytes[11] = 0xff;
-        std::memcpy(bytes.data() + 12, &a4, 4);
-        return true;
-    }
-    v4 = false;
-    return ::inet_pton(AF_INET6, text.c_str(), bytes.data()) == 1;
-}
-
 duk_ret_t jsIsInNetEx(duk_context* ctx) {
     duk_push_boolean(ctx, addressInPrefix(duk_safe_to_string(ctx, 0), duk_safe_to_string(ctx, 1)));
     return 1;
