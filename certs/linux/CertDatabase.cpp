@@ -1,21 +1,14 @@
 #include "certs/linux/CertDatabase.h"
 
-#include <platform/Paths.h>
-
-#include <fcntl.h>
 #include <openssl/evp.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <sqlite3.h>
 
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
+#include <utility>
 
 namespace ndpx::certs {
 
 namespace {
 
-constexpr int kBusyTimeoutMs = 5000;
 constexpr int kSchemaVersion = 1;
 
 constexpr const char* kSchema = R"sql(
@@ -45,36 +38,16 @@ CREATE TABLE IF NOT EXISTS crls(
 PRAGMA user_version = 1;
 )sql";
 
-struct StmtFinalizer {
-    void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
-};
-using StmtPtr = std::unique_ptr<sqlite3_stmt, StmtFinalizer>;
-
-StmtPtr prepare(sqlite3* db, const char* sql) {
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK) {
-        sqlite3_finalize(stmt);
-        return nullptr;
-    }
-    return StmtPtr(stmt);
-}
-
-bool bindText(sqlite3_stmt* stmt, int index, const std::string& text) {
-    return sqlite3_bind_text64(stmt, index, text.c_str(), text.size(), SQLITE_TRANSIENT,
-                               SQLITE_UTF8) == SQLITE_OK;
-}
+using platform::sqlite::bindText;
+using platform::sqlite::columnText;
+using platform::sqlite::prepare;
+using platform::sqlite::StmtPtr;
 
 bool bindBlob(sqlite3_stmt* stmt, int index, const Bytes& blob) {
     // A zero-length blob must still be a blob, not NULL.
     static const std::uint8_t kEmpty = 0;
     return sqlite3_bind_blob64(stmt, index, blob.empty() ? &kEmpty : blob.data(), blob.size(),
                                SQLITE_TRANSIENT) == SQLITE_OK;
-}
-
-std::string columnText(sqlite3_stmt* stmt, int col) {
-    const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt, col));
-    return p == nullptr ? std::string()
-                        : std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt, col)));
 }
 
 Bytes columnBlob(sqlite3_stmt* stmt, int col) {
@@ -105,30 +78,6 @@ std::optional<std::vector<CertDatabase::CertRow>> readRows(sqlite3_stmt* stmt) {
     return rows;
 }
 
-// The database file is created 0600 before SQLite sees it: SQLite would use
-// 0644, and gives its -wal and -shm files the mode of the database file.
-bool createPrivateFile(const std::string& file, std::string& error) {
-    const std::filesystem::path path(file);
-    if (path.has_parent_path() &&
-        !platform::paths::createSecureDirectories(path.parent_path(), error)) {
-        return false;
-    }
-    const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        if (errno == EEXIST) {
-            return true;
-        }
-        error = "cannot create " + file + ": " + std::strerror(errno);
-        return false;
-    }
-    const bool ok = ::fchmod(fd, 0600) == 0;
-    if (!ok) {
-        error = "cannot set the mode of " + file + ": " + std::strerror(errno);
-    }
-    ::close(fd);
-    return ok;
-}
-
 constexpr const char* kSelectRows =
     "SELECT id, store, der, friendly_name, key_container FROM certificates ";
 
@@ -149,7 +98,7 @@ std::string sha256Hex(const Bytes& der) {
     return out;
 }
 
-CertDatabase::CertDatabase(sqlite3* db) : db_(db) {}
+CertDatabase::CertDatabase(platform::sqlite::DbPtr db) : db_(std::move(db)) {}
 CertDatabase::~CertDatabase() = default;
 
 std::unique_ptr<CertDatabase> CertDatabase::open(const std::string& file, std::string& error) {
@@ -157,27 +106,13 @@ std::unique_ptr<CertDatabase> CertDatabase::open(const std::string& file, std::s
         error = "no certificate store file given";
         return nullptr;
     }
-    if (!createPrivateFile(file, error)) {
+    // One connection per operation; a committed swap survives a power cut.
+    auto raw = platform::sqlite::openDatabase(file, {.durableCommits = true}, error);
+    if (!raw) {
         return nullptr;
     }
-    sqlite3* raw = nullptr;
-    const int rc =
-        sqlite3_open_v2(file.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
-    std::unique_ptr<CertDatabase> db(new CertDatabase(raw));
-    if (rc != SQLITE_OK) {
-        error = "cannot open " + file + ": " +
-                (raw != nullptr ? sqlite3_errmsg(raw) : sqlite3_errstr(rc));
-        return nullptr;
-    }
-    sqlite3_extended_result_codes(raw, 1);
-    sqlite3_busy_timeout(raw, kBusyTimeoutMs);
-    // Deleted keys are overwritten, not left in free pages; a committed swap
-    // survives a power cut.
-    if (!db->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA secure_delete=ON;")) {
-        error = "cannot configure " + file + ": " + db->errorText();
-        return nullptr;
-    }
-    StmtPtr version = prepare(raw, "PRAGMA user_version");
+    std::unique_ptr<CertDatabase> db(new CertDatabase(std::move(raw)));
+    StmtPtr version = prepare(db->db_.get(), "PRAGMA user_version");
     const bool current = version && sqlite3_step(version.get()) == SQLITE_ROW &&
                          sqlite3_column_int(version.get(), 0) == kSchemaVersion;
     version.reset();
@@ -192,7 +127,7 @@ std::unique_ptr<CertDatabase> CertDatabase::open(const std::string& file, std::s
 }
 
 bool CertDatabase::exec(const char* sql) {
-    return sqlite3_exec(db_.get(), sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+    return platform::sqlite::exec(db_.get(), sql);
 }
 
 int CertDatabase::errorCode() const {

@@ -6,7 +6,7 @@
 
 #include "certs/OpenSslUtil.h"
 
-#include <sqlite3.h>
+#include <platform/SqliteDatabase.h>
 
 #include <cstdint>
 #include <memory>
@@ -82,13 +82,10 @@ public:
     std::string errorText() const;
 
 private:
-    struct DbCloser {
-        void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
-    };
-    explicit CertDatabase(sqlite3* db);
+    explicit CertDatabase(platform::sqlite::DbPtr db);
     bool exec(const char* sql);
 
-    std::unique_ptr<sqlite3, DbCloser> db_;
+    platform::sqlite::DbPtr db_;
 };
 
 // Lower-case hexadecimal SHA-256 of `der`, the identity of a certificate or

@@ -1,16 +1,10 @@
-#include <platform/Paths.h>
 #include <platform/SettingsStore.h>
+#include <platform/SqliteDatabase.h>
 
-#include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
 #include <mutex>
 
 namespace ndpx::platform {
@@ -22,17 +16,9 @@ constexpr int kTypeString = 1;
 constexpr int kTypeDword = 4;
 constexpr int kTypeMulti = 7;
 
-constexpr int kBusyTimeoutMs = 5000;
-
-struct DbCloser {
-    void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
-};
-using DbPtr = std::unique_ptr<sqlite3, DbCloser>;
-
-struct StmtFinalizer {
-    void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
-};
-using StmtPtr = std::unique_ptr<sqlite3_stmt, StmtFinalizer>;
+using sqlite::columnText;
+using sqlite::DbPtr;
+using sqlite::StmtPtr;
 
 // Resets and unbinds a cached statement when the call that used it returns.
 class StmtUse {
@@ -46,24 +32,11 @@ public:
     StmtUse& operator=(const StmtUse&) = delete;
 
     sqlite3_stmt* get() const { return stmt_; }
-    bool bind(int index, std::string_view text) {
-        // A null pointer would bind SQL NULL, which matches nothing.
-        const char* p = text.data() != nullptr ? text.data() : "";
-        return sqlite3_bind_text64(stmt_, index, p, text.size(), SQLITE_TRANSIENT, SQLITE_UTF8) ==
-               SQLITE_OK;
-    }
+    bool bind(int index, std::string_view text) { return sqlite::bindText(stmt_, index, text); }
 
 private:
     sqlite3_stmt* stmt_;
 };
-
-std::string columnText(sqlite3_stmt* stmt, int col) {
-    const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt, col));
-    if (p == nullptr) {
-        return {};
-    }
-    return std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt, col)));
-}
 
 // Multi-strings are stored as each string followed by a NUL byte, the
 // registry's own layout, so commas and newlines inside the strings survive.
@@ -165,14 +138,11 @@ public:
             {&rollback_, "ROLLBACK"},
         };
         for (const auto& [target, sql] : statements) {
-            sqlite3_stmt* stmt = nullptr;
-            if (sqlite3_prepare_v3(db_.get(), sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &stmt,
-                                   nullptr) != SQLITE_OK) {
+            *target = sqlite::prepare(db_.get(), sql, SQLITE_PREPARE_PERSISTENT);
+            if (!*target) {
                 error = std::string("cannot prepare statement: ") + sqlite3_errmsg(db_.get());
-                sqlite3_finalize(stmt);
                 return false;
             }
-            target->reset(stmt);
         }
         return true;
     }
@@ -410,101 +380,21 @@ private:
         listValues_, listKeys_, listSubtreeKeys_, dataVersion_, begin_, commit_, rollback_;
 };
 
-// Runs a statement that answers with one text row (a PRAGMA).
-std::optional<std::string> queryText(sqlite3* db, const char* sql, std::string& error) {
-    sqlite3_stmt* raw = nullptr;
-    if (sqlite3_prepare_v2(db, sql, -1, &raw, nullptr) != SQLITE_OK) {
-        error = sqlite3_errmsg(db);
-        return std::nullopt;
-    }
-    StmtPtr stmt(raw);
-    const int rc = sqlite3_step(stmt.get());
-    if (rc != SQLITE_ROW) {
-        error = sqlite3_errmsg(db);
-        return std::nullopt;
-    }
-    return columnText(stmt.get(), 0);
-}
-
-bool exec(sqlite3* db, const char* sql, std::string& error) {
-    char* message = nullptr;
-    if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
-        error = message != nullptr ? message : sqlite3_errmsg(db);
-        sqlite3_free(message);
-        return false;
-    }
-    return true;
-}
-
-// Creates the database file with mode 0600 before SQLite sees it: SQLite
-// would create it with 0644, and gives its -wal and -shm files the mode of
-// the database file.
-bool createPrivateFile(const std::string& file, std::string& error) {
-    const std::filesystem::path path(file);
-    if (path.has_parent_path() && !paths::createSecureDirectories(path.parent_path(), error)) {
-        return false;
-    }
-    const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        if (errno == EEXIST) {
-            // A file made by another tool may be readable by others: tighten
-            // it when it is ours, leave it alone otherwise.
-            struct stat st {};
-            if (::stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::geteuid() &&
-                (st.st_mode & 077) != 0) {
-                ::chmod(file.c_str(), st.st_mode & 0700);
-            }
-            return true;
-        }
-        error = "cannot create " + file + ": " + std::strerror(errno);
-        return false;
-    }
-    const bool ok = ::fchmod(fd, 0600) == 0;
-    if (!ok) {
-        error = "cannot set the mode of " + file + ": " + std::strerror(errno);
-    }
-    ::close(fd);
-    return ok;
-}
-
 }  // namespace
 
 std::unique_ptr<SettingsStore> openSqliteSettingsStore(const std::string& file,
                                                        std::string& error) {
-    const bool inMemory = file == ":memory:";
     if (file.empty()) {
         error = "no settings store file given";
         return nullptr;
     }
-    if (!inMemory && !createPrivateFile(file, error)) {
+    // The store object is shared by the process's threads.
+    DbPtr db = sqlite::openDatabase(file, {.sharedConnection = true}, error);
+    if (!db) {
         return nullptr;
     }
-    sqlite3* raw = nullptr;
-    const int rc = sqlite3_open_v2(
-        file.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-        nullptr);
-    DbPtr db(raw);
-    if (rc != SQLITE_OK) {
-        error = "cannot open " + file + ": " +
-                (raw != nullptr ? sqlite3_errmsg(raw) : sqlite3_errstr(rc));
-        return nullptr;
-    }
-    sqlite3_extended_result_codes(db.get(), 1);
-    sqlite3_busy_timeout(db.get(), kBusyTimeoutMs);
-    if (!inMemory) {
-        const auto mode = queryText(db.get(), "PRAGMA journal_mode=WAL", error);
-        if (!mode || *mode != "wal") {
-            error =
-                "cannot switch " + file + " to WAL: " + (mode ? "journal mode is " + *mode : error);
-            return nullptr;
-        }
-    }
-    // Cleared values (a used one-time password) must not linger in free pages.
-    if (!exec(db.get(), "PRAGMA secure_delete=ON", error)) {
-        return nullptr;
-    }
-    if (!exec(db.get(), kSchema, error)) {
-        error = "cannot create the tables in " + file + ": " + error;
+    if (!sqlite::exec(db.get(), kSchema)) {
+        error = "cannot create the tables in " + file + ": " + sqlite3_errmsg(db.get());
         return nullptr;
     }
     auto store = std::make_unique<SqliteSettingsStore>(std::move(db), file);
