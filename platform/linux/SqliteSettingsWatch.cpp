@@ -1,5 +1,6 @@
 #include <platform/Paths.h>
 #include <platform/SettingsStore.h>
+#include <platform/SqliteDatabase.h>
 
 #include <poll.h>
 #include <sqlite3.h>
@@ -54,10 +55,6 @@ private:
     int fd_;
 };
 
-struct DbCloser {
-    void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
-};
-
 // The watch's own connection: PRAGMA data_version changes exactly when
 // another connection committed.
 class VersionProbe {
@@ -89,25 +86,22 @@ private:
             // No SQLITE_OPEN_CREATE: the store's owner creates the file with
             // its private mode.
             const int rc = sqlite3_open_v2(file_.c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
-            std::unique_ptr<sqlite3, DbCloser> db(raw);
+            sqlite::DbPtr db(raw);
             if (rc != SQLITE_OK) {
                 return std::nullopt;
             }
             sqlite3_busy_timeout(db.get(), 200);
             db_ = std::move(db);
         }
-        sqlite3_stmt* stmt = nullptr;
-        std::optional<std::int64_t> version;
-        if (sqlite3_prepare_v2(db_.get(), "PRAGMA data_version", -1, &stmt, nullptr) == SQLITE_OK &&
-            sqlite3_step(stmt) == SQLITE_ROW) {
-            version = sqlite3_column_int64(stmt, 0);
+        const sqlite::StmtPtr stmt = sqlite::prepare(db_.get(), "PRAGMA data_version");
+        if (stmt && sqlite3_step(stmt.get()) == SQLITE_ROW) {
+            return sqlite3_column_int64(stmt.get(), 0);
         }
-        sqlite3_finalize(stmt);
-        return version;
+        return std::nullopt;
     }
 
     std::string file_;
-    std::unique_ptr<sqlite3, DbCloser> db_;
+    sqlite::DbPtr db_;
     std::optional<std::int64_t> version_;
 };
 
