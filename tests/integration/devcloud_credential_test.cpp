@@ -104,22 +104,11 @@ std::string requestBody(const std::string& vmId, const std::string& otp,
     return Json::writeString(w, v);
 }
 
-// The value after "`key` " on the first output line that starts with it.
-std::string lineValue(const std::string& output, const std::string& key) {
-    std::istringstream in(output);
-    for (std::string line; std::getline(in, line);) {
-        if (line.rfind(key + " ", 0) == 0) {
-            return line.substr(key.size() + 1);
-        }
-    }
-    return {};
-}
-
 // `devcloud credsvc` as a child process; it prints its port, url and
 // thumbprint, and last its fault mode.
 struct CredSvc : Process {
     using Process::Process;
-    std::string value(const std::string& key) const { return lineValue(output(), key); }
+    std::string value(const std::string& key) const { return valueAfter(key); }
     int port() const { return std::atoi(value("port").c_str()); }
     std::optional<int> stop() {
         signal(SIGTERM);
@@ -317,7 +306,7 @@ TEST_F(CredentialServiceTest, BrokerAddressComesFromTheRunningBroker) {
 
     Process broker({DEVCLOUD_PATH, "broker", "--dir", dir()});
     ASSERT_TRUE(broker.waitForLine("devcloud: broker ready")) << broker.output();
-    const std::string port = lineValue(broker.output(), "port");
+    const std::string port = broker.valueAfter("port");
     EXPECT_EQ(parseJson(readFile(fs::path(dir()) / "broker.json"))["port"].asString(), port);
 
     const Reply r = post(*svc, requestBody(kVmId, otp, csr.pem));

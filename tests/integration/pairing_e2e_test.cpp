@@ -13,7 +13,6 @@
 
 #include <csignal>
 #include <fstream>
-#include <sstream>
 
 namespace ndpx::test {
 namespace {
@@ -22,17 +21,6 @@ using namespace std::chrono_literals;
 
 const std::string kNodeManager = "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane\\Node Manager";
 const std::string kConnected = "MqttManager::SetState(): State: MQTT_STATE_CONNECTED";
-
-// The value after "KEY " on the first line that starts with it.
-std::string lineValue(const std::string& output, const std::string& key) {
-    std::istringstream in(output);
-    for (std::string line; std::getline(in, line);) {
-        if (line.rfind(key + " ", 0) == 0) {
-            return line.substr(key.size() + 1);
-        }
-    }
-    return {};
-}
 
 class PairingTest : public ::testing::Test {
 protected:
@@ -45,9 +33,9 @@ protected:
         credsvc_ = std::make_unique<Process>(
             std::vector<std::string>{DEVCLOUD_PATH, "credsvc", "--dir", d});
         EXPECT_TRUE(credsvc_->waitForLine("thumbprint ", 30s)) << credsvc_->output();
-        url_ = lineValue(credsvc_->output(), "url");
-        thumbprint_ = lineValue(credsvc_->output(), "thumbprint");
-        brokerPort_ = std::stoi(lineValue(broker_->output(), "port"));
+        url_ = credsvc_->valueAfter("url");
+        thumbprint_ = credsvc_->valueAfter("thumbprint");
+        brokerPort_ = std::stoi(broker_->valueAfter("port"));
     }
 
     void regctlSet(const std::string& name, const std::string& value) {
@@ -216,11 +204,11 @@ TEST_F(PairingTest, AFailingCredentialServiceFailsTheStepAndTheChainRetries) {
             {DEVCLOUD_PATH, "credsvc", "--dir", cloud_.path().string(), "--fault", c.fault});
         ASSERT_TRUE(faulty.waitForLine("thumbprint ", 30s)) << faulty.output();
         TempDir root;
-        regctlSet(root, "mqtt_SslCertThumbprint", lineValue(faulty.output(), "thumbprint"));
+        regctlSet(root, "mqtt_SslCertThumbprint", faulty.valueAfter("thumbprint"));
         regctlSet(root, "mqtt_HubRequestTimeout", "10");  // receive share: 2 s
         auto agent = startAgent(root);
         ASSERT_TRUE(agent->waitForLine("MQTT_STATE_WAITING_CONFIG")) << agent->output();
-        provisionInto(root, lineValue(faulty.output(), "url"), "vm7");
+        provisionInto(root, faulty.valueAfter("url"), "vm7");
         EXPECT_TRUE(agent->waitForLine(c.line, 60s)) << agent->output();
         EXPECT_TRUE(agent->waitForLine("Wait interval set to"));
         EXPECT_EQ(agent->countLines("MQTT_STATE_CONNECTED"), 0u);

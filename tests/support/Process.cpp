@@ -100,6 +100,16 @@ std::size_t Process::countLines(const std::string& text) const {
     return n;
 }
 
+std::string Process::valueAfter(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    for (const auto& l : lines_) {
+        if (l.rfind(key + " ", 0) == 0) {
+            return l.substr(key.size() + 1);
+        }
+    }
+    return {};
+}
+
 std::string Process::output() const {
     std::lock_guard lock(mutex_);
     std::string out;

@@ -25,6 +25,9 @@ public:
     bool waitForLine(const std::string& text,
                      std::chrono::milliseconds limit = std::chrono::seconds(20));
     std::size_t countLines(const std::string& text) const;
+    // What follows "`key` " on the first output line that starts with it
+    // (tools print "port 1883", "url https://..."); empty when none does.
+    std::string valueAfter(const std::string& key) const;
     std::string output() const;
     // Waits until the child's output is closed (it exited) and all is read.
     bool drain(std::chrono::milliseconds limit = std::chrono::seconds(20));
