@@ -15,11 +15,11 @@ namespace {
 
 using CORE::PropertyBag;
 using namespace ndpx;
+using Lines = std::vector<std::wstring>;
+using Levels = std::vector<int>;
 
-constexpr const char* kMultiDim =
-    "MqttManagerUtil::toBag(): Multi-dimensional JSON Arrays are not supported";
-constexpr const char* kNotObject =
-    "MqttManagerUtil::JSONToBag(): Cannot convert JSON value to PropertyBag, JSON is not an object";
+constexpr const char* kInvalidType =
+    "MqttManagerUtil::toBag(): JSON parsing invalid type for key: ";
 
 // Captures every log line at every level for the duration of a test.
 class LogCapture : public testing::Test {
@@ -35,8 +35,8 @@ protected:
     }
 
     // Levels of the lines whose text is exactly `text`.
-    std::vector<int> levelsOf(std::string_view text) const {
-        std::vector<int> levels;
+    Levels levelsOf(std::string_view text) const {
+        Levels levels;
         for (const auto& r : sink_->records()) {
             if (r.text == text) {
                 levels.push_back(r.level);
@@ -52,21 +52,21 @@ protected:
         EXPECT_TRUE(MqttManagerUtil::parseJson(text, value, &error)) << error << " in " << text;
         return value;
     }
-
     static PropertyBag toBag(std::string_view text) {
         PropertyBag bag;
         EXPECT_TRUE(MqttManagerUtil::JSONToBag(parse(text), bag));
         return bag;
+    }
+    static std::string compact(const PropertyBag& bag) {
+        return MqttManagerUtil::writeCompact(MqttManagerUtil::BagToJSON(bag));
     }
 
     std::shared_ptr<CORE::CaptureSink> sink_ = std::make_shared<CORE::CaptureSink>();
     int savedLevel_ = 0;
 };
 
-using Lines = std::vector<std::wstring>;
-
-std::vector<std::wstring> dump(const PropertyBag& bag) {
-    std::vector<std::wstring> out;
+Lines dump(const PropertyBag& bag) {
+    Lines out;
     for (std::size_t i = 0; i < bag.size(); ++i) {
         out.push_back(bag.getName(i) + L"=" + (bag.isBag(i) ? L"{...}" : bag.getValue(i)));
     }
@@ -77,65 +77,43 @@ std::vector<std::wstring> dump(const PropertyBag& bag) {
 
 using jsonToBag = LogCapture;
 
-TEST_F(jsonToBag, ScalarMembersComeInSortedNameOrder) {
+TEST_F(jsonToBag, ScalarsStringArraysAndObjectsConvertInSortedNameOrder) {
     const PropertyBag bag = toBag(
-        R"({"z":"last","a":5,"m":true,"f":false,"neg":-7,
-            "big":9223372036854775807,"small":-9223372036854775808,"u":"\u00e9\ud83d\ude00"})");
-    EXPECT_EQ(dump(bag),
-              (Lines{L"a=5", L"big=9223372036854775807", L"f=false", L"m=true", L"neg=-7",
-                     L"small=-9223372036854775808", L"u=\u00e9\U0001F600", L"z=last"}));
-    EXPECT_EQ(lineCount(), 0u);
-}
-
-TEST_F(jsonToBag, ArrayOfNumbersGivesNothingAndOneLinePerElement) {
-    EXPECT_TRUE(toBag(R"({"a":[1,2]})").empty());
-    EXPECT_EQ(levelsOf(kMultiDim), (std::vector<int>{3, 3}));
-}
-
-TEST_F(jsonToBag, ArraysKeepStringsAndObjectsAndSkipTheRest) {
-    const PropertyBag bag =
-        toBag(R"({"a":["x",{"k":"v"},true,null,[1],1.5,"y"],"empty":[],"s":["only"]})");
-    EXPECT_EQ(dump(bag), (Lines{L"a=x", L"a={...}", L"a=y", L"s=only"}));
-    ASSERT_NE(bag.getBagPtr(1), nullptr);
-    EXPECT_EQ(dump(*bag.getBagPtr(1)), (Lines{L"k=v"}));
-    // The same line for each of the four unsupported elements; none for the empty array.
-    EXPECT_EQ(levelsOf(kMultiDim).size(), 4u);
-    EXPECT_EQ(lineCount(), 4u);
-}
-
-TEST_F(jsonToBag, RealsNullsAndHugeNumbersAreSkippedByName) {
-    const PropertyBag bag =
-        toBag(R"({"keep":"1","r":1.5,"whole":2.0,"n":null,"huge":18446744073709551615})");
-    EXPECT_EQ(dump(bag), (Lines{L"keep=1"}));
-    for (const char* key : {"r", "whole", "n", "huge"}) {
-        EXPECT_EQ(
-            levelsOf(std::string("MqttManagerUtil::toBag(): JSON parsing invalid type for key: ") +
-                     key),
-            (std::vector<int>{3}))
-            << key;
-    }
-}
-
-TEST_F(jsonToBag, UnsignedValuesBuiltInCodeConvertWhenTheyFit) {
-    Json::Value json(Json::objectValue);
-    json["small"] = Json::UInt64{5};
-    json["huge"] = Json::UInt64{1} << 63;
-    PropertyBag bag;
-    ASSERT_TRUE(MqttManagerUtil::JSONToBag(json, bag));
-    EXPECT_EQ(dump(bag), (Lines{L"small=5"}));
-    EXPECT_EQ(levelsOf("MqttManagerUtil::toBag(): JSON parsing invalid type for key: huge").size(),
-              1u);
-}
-
-TEST_F(jsonToBag, ObjectsBecomeNestedBags) {
-    const PropertyBag bag = toBag(R"({"o":{"p":{"q":"deep"},"i":1},"e":{}})");
-    EXPECT_EQ(dump(bag), (Lines{L"e={...}", L"o={...}"}));
-    ASSERT_NE(bag.getBag(L"e"), nullptr);
+        R"({"z":"last","a":5,"m":true,"f":false,"big":9223372036854775807,
+            "small":-9223372036854775808,"u":"\u00e9\ud83d\ude00",
+            "s":["x","y"],"o":{"p":{"q":"deep"},"i":1},"e":{},"empty":[]})");
+    EXPECT_EQ(dump(bag), (Lines{L"a=5", L"big=9223372036854775807", L"e={...}", L"f=false",
+                                L"m=true", L"o={...}", L"s=x", L"s=y",
+                                L"small=-9223372036854775808", L"u=\u00e9\U0001F600", L"z=last"}));
     EXPECT_TRUE(bag.getBag(L"e")->empty());
     const PropertyBag* o = bag.getBag(L"o");
     ASSERT_NE(o, nullptr);
     EXPECT_EQ(dump(*o), (Lines{L"i=1", L"p={...}"}));
     EXPECT_EQ(o->getBag(L"p")->get(L"q"), L"deep");
+    EXPECT_EQ(lineCount(), 0u);
+}
+
+TEST_F(jsonToBag, UnsupportedValuesAreSkippedWithALineEach) {
+    const PropertyBag bag = toBag(
+        R"({"keep":"1","r":1.5,"whole":2.0,"n":null,"huge":18446744073709551615,
+            "a":["x",{"k":"v"},true,null,[1],1.5,"y"]})");
+    EXPECT_EQ(dump(bag), (Lines{L"a=x", L"a={...}", L"a=y", L"keep=1"}));
+    EXPECT_EQ(dump(*bag.getBagPtr(1)), (Lines{L"k=v"}));
+    for (const char* key : {"r", "whole", "n", "huge"}) {
+        EXPECT_EQ(levelsOf(kInvalidType + std::string(key)), Levels{3}) << key;
+    }
+    // One line for each of the four unsupported array elements.
+    EXPECT_EQ(levelsOf("MqttManagerUtil::toBag(): Multi-dimensional JSON Arrays are not supported"),
+              Levels(4, 3));
+
+    // Unsigned values built in code convert when they fit.
+    Json::Value json(Json::objectValue);
+    json["small"] = Json::UInt64{5};
+    json["big"] = Json::UInt64{1} << 63;
+    PropertyBag built;
+    ASSERT_TRUE(MqttManagerUtil::JSONToBag(json, built));
+    EXPECT_EQ(dump(built), (Lines{L"small=5"}));
+    EXPECT_EQ(levelsOf(kInvalidType + std::string("big")).size(), 1u);
 }
 
 TEST_F(jsonToBag, NonObjectsAreRejectedAndTheBagIsLeftAlone) {
@@ -145,26 +123,17 @@ TEST_F(jsonToBag, NonObjectsAreRejectedAndTheBagIsLeftAlone) {
         EXPECT_FALSE(MqttManagerUtil::JSONToBag(parse(text), bag)) << text;
         EXPECT_EQ(dump(bag), (Lines{L"before=kept"})) << text;
     }
-    EXPECT_EQ(levelsOf(kNotObject), (std::vector<int>(6, 3)));
+    EXPECT_EQ(levelsOf("MqttManagerUtil::JSONToBag(): Cannot convert JSON value to PropertyBag, "
+                       "JSON is not an object"),
+              Levels(6, 3));
 }
 
 // ---- bag -> JSON ------------------------------------------------------------
 
 using jsonFromBag = LogCapture;
 
-TEST_F(jsonFromBag, EmptyBagsBecomeNull) {
+TEST_F(jsonFromBag, RepeatsBecomeArraysValuesStringsAndEmptyBagsNull) {
     EXPECT_TRUE(MqttManagerUtil::BagToJSON(PropertyBag{}).isNull());
-
-    PropertyBag bag;
-    bag.setBag(L"x", PropertyBag{});
-    const Json::Value json = MqttManagerUtil::BagToJSON(bag);
-    ASSERT_TRUE(json.isObject());
-    ASSERT_TRUE(json.isMember("x"));
-    EXPECT_TRUE(json["x"].isNull());
-    EXPECT_EQ(MqttManagerUtil::writeCompact(json), R"({"x":null})");
-}
-
-TEST_F(jsonFromBag, RepeatedNamesBecomeArraysInBagOrder) {
     PropertyBag inner;
     inner.set(L"k", L"v");
     PropertyBag bag;
@@ -172,29 +141,17 @@ TEST_F(jsonFromBag, RepeatedNamesBecomeArraysInBagOrder) {
     bag.add(L"b", L"only");
     bag.addBag(L"a", inner);
     bag.add(L"a", L"3");
+    bag.setBag(L"x", PropertyBag{});
     // Two empty nested bags: the first null must still count as present.
     bag.addBag(L"e", PropertyBag{});
     bag.addBag(L"e", PropertyBag{});
-    EXPECT_EQ(MqttManagerUtil::writeCompact(MqttManagerUtil::BagToJSON(bag)),
-              R"({"a":["1",{"k":"v"},"3"],"b":"only","e":[null,null]})");
-}
-
-TEST_F(jsonFromBag, IntegersAndBooleansComeOutAsStrings) {
-    PropertyBag bag;
     bag.setInt64(L"n", 5);
     bag.setBool(L"flag", true);
-    const Json::Value json = MqttManagerUtil::BagToJSON(bag);
-    ASSERT_TRUE(json["n"].isString());
-    EXPECT_EQ(json["n"].asString(), "5");
-    ASSERT_TRUE(json["flag"].isString());
-    EXPECT_EQ(json["flag"].asString(), "true");
-}
-
-TEST_F(jsonFromBag, TextIsUtf8AndWrittenUnescaped) {
-    PropertyBag bag;
-    bag.set(L"n\u00e4me", L"\U0001F600 \"quoted\"\n");
-    EXPECT_EQ(MqttManagerUtil::writeCompact(MqttManagerUtil::BagToJSON(bag)),
-              "{\"n\xC3\xA4me\":\"\xF0\x9F\x98\x80 \\\"quoted\\\"\\n\"}");
+    bag.set(L"t\u00e4", L"\U0001F600 \"quoted\"\n");
+    EXPECT_EQ(compact(bag),
+              "{\"a\":[\"1\",{\"k\":\"v\"},\"3\"],\"b\":\"only\",\"e\":[null,null],"
+              "\"flag\":\"true\",\"n\":\"5\",\"t\xC3\xA4\":\"\xF0\x9F\x98\x80 \\\"quoted\\\"\\n\","
+              "\"x\":null}");
 }
 
 TEST_F(jsonFromBag, OnlyNullOrAnObjectTakesMembers) {
@@ -212,21 +169,19 @@ TEST_F(jsonFromBag, OnlyNullOrAnObjectTakesMembers) {
 
 TEST_F(jsonFromBag, RoundTripKeepsStringsObjectsAndMultiElementArrays) {
     const char* doc = R"({"a":["x","y"],"o":{"k":"v","list":[{"i":"1"},{"i":"2"}]},"s":"t"})";
-    const Json::Value back = MqttManagerUtil::BagToJSON(toBag(doc));
-    EXPECT_EQ(back, parse(doc));
+    EXPECT_EQ(MqttManagerUtil::BagToJSON(toBag(doc)), parse(doc));
     EXPECT_EQ(lineCount(), 0u);
-
     // A one-element array cannot be told apart from a scalar once in a bag.
-    EXPECT_EQ(MqttManagerUtil::writeCompact(MqttManagerUtil::BagToJSON(toBag(R"({"a":["x"]})"))),
-              R"({"a":"x"})");
+    EXPECT_EQ(compact(toBag(R"({"a":["x"]})")), R"({"a":"x"})");
 }
 
 // ---- parsing and writing ------------------------------------------------------
 
-TEST(jsonText, ParseAllowsCommentsAndRejectsGarbage) {
+TEST(jsonText, ParseAllowsCommentsRejectsGarbageAndWritesCompact) {
     Json::Value value;
-    ASSERT_TRUE(MqttManagerUtil::parseJson("// header\n{\"a\": 1 /* inline */}\n", value));
-    EXPECT_EQ(MqttManagerUtil::writeCompact(value), R"({"a":1})");
+    ASSERT_TRUE(MqttManagerUtil::parseJson(
+        "// header\n{\n \"b\": [1, 2], /* inline */\n \"a\": {\"c\": null}\n}\n", value));
+    EXPECT_EQ(MqttManagerUtil::writeCompact(value), R"({"a":{"c":null},"b":[1,2]})");
 
     Json::Value untouched("keep");
     std::string error;
@@ -237,17 +192,9 @@ TEST(jsonText, ParseAllowsCommentsAndRejectsGarbage) {
     }
     EXPECT_EQ(untouched, Json::Value("keep"));
     EXPECT_FALSE(MqttManagerUtil::parseJson("{", untouched));  // no error string wanted
-
     // Nesting beyond the reader's limit is a failure, not an exception.
     const std::string deep = std::string(5000, '[') + std::string(5000, ']');
     EXPECT_FALSE(MqttManagerUtil::parseJson(deep, untouched, &error));
-}
-
-TEST(jsonText, CompactOutputHasNoLineBreaks) {
-    Json::Value value;
-    ASSERT_TRUE(MqttManagerUtil::parseJson("{\n \"b\": [1, 2],\n // note\n \"a\": {\"c\": null}\n}",
-                                           value));
-    EXPECT_EQ(MqttManagerUtil::writeCompact(value), R"({"a":{"c":null},"b":[1,2]})");
 }
 
 // ---- typed readers and redaction ------------------------------------------------
@@ -257,95 +204,65 @@ using jsonUtil = LogCapture;
 TEST_F(jsonUtil, GetStringPropertyReadsScalarsAsText) {
     const Json::Value json =
         parse(R"({"s":"text","n":5,"r":1.5,"b":true,"empty":"","nul":null,"o":{},"arr":["x"]})");
-    std::string out = "stale";
-    EXPECT_TRUE(JsonUtil::GetStringProperty(json, "s", out));
-    EXPECT_EQ(out, "text");
-    EXPECT_EQ(levelsOf("JsonUtil::logRedacted(): Property s = text"), (std::vector<int>{1}));
-    EXPECT_TRUE(JsonUtil::GetStringProperty(json, "n", out));
-    EXPECT_EQ(out, "5");
-    EXPECT_TRUE(JsonUtil::GetStringProperty(json, "r", out));
-    EXPECT_EQ(out, "1.5");
-    EXPECT_TRUE(JsonUtil::GetStringProperty(json, "b", out));
-    EXPECT_EQ(out, "true");
-
-    out = "stale";
-    EXPECT_FALSE(JsonUtil::GetStringProperty(json, "empty", out));
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(levelsOf("JsonUtil::GetStringProperty(): Property empty empty in JSON"),
-              (std::vector<int>{1}));
-    EXPECT_FALSE(JsonUtil::GetStringProperty(json, "nul", out));
-    EXPECT_EQ(levelsOf("JsonUtil::GetStringProperty(): Property nul empty in JSON").size(), 1u);
-
-    EXPECT_FALSE(JsonUtil::GetStringProperty(json, "missing", out));
-    EXPECT_EQ(levelsOf("JsonUtil::GetStringProperty(): Could not find missing property in JSON"),
-              (std::vector<int>{1}));
-
-    // Containers have no text form: rejected, not thrown.
-    out = "stale";
-    EXPECT_FALSE(JsonUtil::GetStringProperty(json, "o", out));
-    EXPECT_FALSE(JsonUtil::GetStringProperty(json, "arr", out));
-    EXPECT_EQ(out, "");
-}
-
-TEST_F(jsonUtil, ReadersIgnoreNonObjectsSilently) {
-    std::string text = "stale";
-    bool flag = true;
-    std::vector<std::wstring> list{L"stale"};
-    for (const char* doc : {"[1]", "\"s\"", "null", "3"}) {
-        const Json::Value json = parse(doc);
-        EXPECT_FALSE(JsonUtil::GetStringProperty(json, "a", text));
-        EXPECT_FALSE(JsonUtil::GetBooleanProperty(json, "a", flag));
-        EXPECT_FALSE(JsonUtil::GetArrayProperty(json, "a", list));
+    const std::tuple<const char*, bool, const char*> cases[] = {
+        {"s", true, "text"},    {"n", true, "5"},     {"r", true, "1.5"},
+        {"b", true, "true"},    {"empty", false, ""}, {"nul", false, ""},
+        {"missing", false, ""}, {"o", false, ""},     {"arr", false, ""},
+    };
+    for (const auto& [key, ok, expected] : cases) {
+        std::string out = "stale";
+        EXPECT_EQ(JsonUtil::GetStringProperty(json, key, out), ok) << key;
+        EXPECT_EQ(out, expected) << key;
     }
-    EXPECT_EQ(text, "");
-    EXPECT_FALSE(flag);
-    EXPECT_TRUE(list.empty());
-    EXPECT_EQ(lineCount(), 0u);
+    EXPECT_EQ(levelsOf("JsonUtil::logRedacted(): Property s = text"), Levels{1});
+    EXPECT_EQ(levelsOf("JsonUtil::GetStringProperty(): Property empty empty in JSON"), Levels{1});
+    EXPECT_EQ(levelsOf("JsonUtil::GetStringProperty(): Could not find missing property in JSON"),
+              Levels{1});
 }
 
-TEST_F(jsonUtil, GetBooleanPropertyAcceptsOnlyJsonBooleans) {
-    const Json::Value json = parse(R"({"t":true,"f":false,"s":"true","n":1})");
-    bool out = false;
-    EXPECT_TRUE(JsonUtil::GetBooleanProperty(json, "t", out));
-    EXPECT_TRUE(out);
-    EXPECT_EQ(levelsOf("JsonUtil::logRedacted(): Property t = true"), (std::vector<int>{1}));
-    EXPECT_TRUE(JsonUtil::GetBooleanProperty(json, "f", out));
-    EXPECT_FALSE(out);
+TEST_F(jsonUtil, GetBooleanAndArrayPropertyAcceptOnlyTheirTypeInAnObject) {
+    const Json::Value json = parse(
+        R"({"t":true,"f":false,"s":"true","n":1,
+            "list":["a",1,"\u00e9",null,{"x":"y"},["z"],"b"],"none":[]})");
+    const std::tuple<const char*, bool, bool> flags[] = {
+        {"t", true, true},   {"f", true, false},        {"s", false, false},
+        {"n", false, false}, {"missing", false, false},
+    };
+    for (const auto& [key, ok, expected] : flags) {
+        bool out = !expected;
+        EXPECT_EQ(JsonUtil::GetBooleanProperty(json, key, out), ok) << key;
+        EXPECT_EQ(out, expected) << key;
+    }
+    EXPECT_EQ(levelsOf("JsonUtil::logRedacted(): Property t = true"), Levels{1});
+    EXPECT_EQ(levelsOf("JsonUtil::GetBooleanProperty(): Property s is not a boolean"), Levels{1});
 
-    out = true;
-    EXPECT_FALSE(JsonUtil::GetBooleanProperty(json, "s", out));
-    EXPECT_FALSE(out);
-    EXPECT_EQ(levelsOf("JsonUtil::GetBooleanProperty(): Property s is not a boolean"),
-              (std::vector<int>{1}));
-    EXPECT_FALSE(JsonUtil::GetBooleanProperty(json, "n", out));
-    out = true;
-    EXPECT_FALSE(JsonUtil::GetBooleanProperty(json, "missing", out));
-    EXPECT_FALSE(out);
-    EXPECT_EQ(
-        levelsOf("JsonUtil::GetBooleanProperty(): Could not find missing boolean property in JSON"),
-        (std::vector<int>{1}));
-}
-
-TEST_F(jsonUtil, GetArrayPropertyKeepsStringElementsOnly) {
-    const Json::Value json =
-        parse(R"({"list":["a",1,"\u00e9",null,{"x":"y"},["z"],"b"],"none":[],"s":"a"})");
-    std::vector<std::wstring> out{L"stale"};
+    sink_->clear();
+    Lines out{L"stale"};
     EXPECT_TRUE(JsonUtil::GetArrayProperty(json, "list", out));
     EXPECT_EQ(out, (Lines{L"a", L"\u00e9", L"b"}));
     EXPECT_EQ(lineCount(), 0u);  // array values are never logged
-
     EXPECT_TRUE(JsonUtil::GetArrayProperty(json, "none", out));
     EXPECT_TRUE(out.empty());
-
     out = {L"stale"};
     EXPECT_FALSE(JsonUtil::GetArrayProperty(json, "s", out));
     EXPECT_TRUE(out.empty());
-    EXPECT_EQ(levelsOf("JsonUtil::GetArrayProperty(): Property s is not an array"),
-              (std::vector<int>{1}));
+    EXPECT_EQ(levelsOf("JsonUtil::GetArrayProperty(): Property s is not an array"), Levels{1});
     EXPECT_FALSE(JsonUtil::GetArrayProperty(json, "missing", out));
-    EXPECT_EQ(
-        levelsOf("JsonUtil::GetArrayProperty(): Could not find missing array property in JSON"),
-        (std::vector<int>{1}));
+
+    // Non-objects are ignored silently.
+    sink_->clear();
+    std::string text = "stale";
+    bool flag = true;
+    out = {L"stale"};
+    for (const char* doc : {"[1]", "\"s\"", "null", "3"}) {
+        EXPECT_FALSE(JsonUtil::GetStringProperty(parse(doc), "a", text));
+        EXPECT_FALSE(JsonUtil::GetBooleanProperty(parse(doc), "a", flag));
+        EXPECT_FALSE(JsonUtil::GetArrayProperty(parse(doc), "a", out));
+    }
+    EXPECT_EQ(text, "");
+    EXPECT_FALSE(flag);
+    EXPECT_TRUE(out.empty());
+    EXPECT_EQ(lineCount(), 0u);
 }
 
 TEST_F(jsonUtil, RedactionMatchesNamesExactly) {
@@ -354,24 +271,16 @@ TEST_F(jsonUtil, RedactionMatchesNamesExactly) {
     EXPECT_TRUE(JsonUtil::GetStringProperty(json, "password", out));
     EXPECT_EQ(out, "s3cret");  // only the log is masked
     EXPECT_TRUE(JsonUtil::GetStringProperty(json, "Password", out));
-    EXPECT_EQ(levelsOf("JsonUtil::logRedacted(): Property password = *****"),
-              (std::vector<int>{1}));
-    EXPECT_EQ(levelsOf("JsonUtil::logRedacted(): Property Password = visible"),
-              (std::vector<int>{1}));
+    EXPECT_EQ(levelsOf("JsonUtil::logRedacted(): Property password = *****"), Levels{1});
+    EXPECT_EQ(levelsOf("JsonUtil::logRedacted(): Property Password = visible"), Levels{1});
     EXPECT_FALSE(sink_->contains("s3cret"));
 
-    const std::set<std::string, std::less<>> expected{"FRAMEWORKCHANNELTICKET",
-                                                      "otp",
-                                                      "PASSWORD",
-                                                      "password",
-                                                      "auxiliaryPassword",
-                                                      "RDSLICENSEDATA",
-                                                      "SMARTCARDPIN",
-                                                      "TICKET",
-                                                      "TOKEN",
-                                                      "BINDINGTOKEN",
-                                                      "certificate",
-                                                      "oneTimePassword"};
+    // clang-format off
+    const std::set<std::string, std::less<>> expected{
+        "FRAMEWORKCHANNELTICKET", "otp", "PASSWORD", "password", "auxiliaryPassword",
+        "RDSLICENSEDATA", "SMARTCARDPIN", "TICKET", "TOKEN", "BINDINGTOKEN", "certificate",
+        "oneTimePassword"};
+    // clang-format on
     EXPECT_EQ(redactionSet(), expected);
     for (const auto& name : expected) {
         sink_->clear();
@@ -382,58 +291,48 @@ TEST_F(jsonUtil, RedactionMatchesNamesExactly) {
     for (const char* name : {"Token", "OTP", "Certificate", "passwords", "", "password "}) {
         EXPECT_FALSE(isRedacted(name)) << name;
     }
-}
 
-TEST_F(jsonUtil, LogRedactedWritesNothingAboveLevelOne) {
+    // Nothing is written above level one.
+    sink_->clear();
     CORE::setLogLevel(2);
     JsonUtil::logRedacted("name", "value");
-    std::string out;
-    EXPECT_TRUE(JsonUtil::GetStringProperty(parse(R"({"a":"b"})"), "a", out));
+    EXPECT_TRUE(JsonUtil::GetStringProperty(json, "Password", out));
     EXPECT_EQ(lineCount(), 0u);
 }
 
 // ---- owner check ------------------------------------------------------------------
 
-class jsonOwnerCheck : public LogCapture {
-protected:
-    std::string makeFile(const char* name, mode_t mode) {
-        const std::string path = (dir_.path() / name).string();
+TEST_F(LogCapture, OwnerCheckTrustsOnlyOwnedFilesNobodyElseMayWrite) {
+    ndpx::test::TempDir dir;
+    const FileOwner me{static_cast<unsigned>(::geteuid())};
+    const auto makeFile = [&](const char* name, mode_t mode) {
+        const std::string path = (dir.path() / name).string();
         std::ofstream(path) << "{}";
         EXPECT_EQ(::chmod(path.c_str(), mode), 0);
         return path;
-    }
-    const FileOwner me{static_cast<unsigned>(::geteuid())};
-    ndpx::test::TempDir dir_;
-};
-
-TEST_F(jsonOwnerCheck, OwnedAndWritableOnlyByTheOwnerIsTrusted) {
+    };
     EXPECT_TRUE(MqttManagerUtil::FileExistsWithRequiredOwner(makeFile("ok", 0644), me));
     EXPECT_TRUE(MqttManagerUtil::FileExistsWithRequiredOwner(makeFile("ro", 0400), me));
     EXPECT_EQ(lineCount(), 0u);
-}
 
-TEST_F(jsonOwnerCheck, ForeignOwnerOrSharedWriteAccessIsRejected) {
-    const std::string good = makeFile("good", 0600);
-    EXPECT_FALSE(MqttManagerUtil::FileExistsWithRequiredOwner(good, FileOwner{me.uid + 1}));
-    const std::string group = makeFile("group", 0664);
-    EXPECT_FALSE(MqttManagerUtil::FileExistsWithRequiredOwner(group, me));
-    const std::string other = makeFile("other", 0602);
-    EXPECT_FALSE(MqttManagerUtil::FileExistsWithRequiredOwner(other, me));
-    for (const auto& path : {good, group, other}) {
+    const std::pair<std::string, FileOwner> rejected[] = {
+        {makeFile("foreign", 0600), FileOwner{me.uid + 1}},
+        {makeFile("group", 0664), me},
+        {makeFile("other", 0602), me},
+    };
+    for (const auto& [path, owner] : rejected) {
+        EXPECT_FALSE(MqttManagerUtil::FileExistsWithRequiredOwner(path, owner)) << path;
         EXPECT_EQ(levelsOf("MqttManagerUtil::FileExistsWithRequiredOwner(): File " + path +
                            " found with incorrect owner"),
-                  (std::vector<int>{4}))
+                  Levels{4})
             << path;
     }
-}
-
-TEST_F(jsonOwnerCheck, MissingFileOrDirectoryIsNotFound) {
-    EXPECT_FALSE(
-        MqttManagerUtil::FileExistsWithRequiredOwner((dir_.path() / "absent").string(), me));
-    EXPECT_FALSE(MqttManagerUtil::FileExistsWithRequiredOwner(dir_.path().string(), me));
-    EXPECT_FALSE(MqttManagerUtil::FileExistsWithRequiredOwner("", me));
+    for (const auto& path :
+         {(dir.path() / "absent").string(), dir.path().string(), std::string()}) {
+        EXPECT_FALSE(MqttManagerUtil::FileExistsWithRequiredOwner(path, me)) << path;
+    }
     EXPECT_EQ(levelsOf("MqttManagerUtil::FileExistsWithRequiredOwner(): File not found"),
-              (std::vector<int>{0, 0, 0}));
+              Levels(3, 0));
 }
 
 }  // namespace

@@ -19,11 +19,19 @@ protected:
     void set(const std::string& name, const std::string& value) {
         reg_.setString(kNodeManagerKey, name, value);
     }
+    auto stored(const char* name) { return reg_.store().get(kNodeManagerKey, name).value(); }
     TestRegistry reg_;
     mqttConfig cfg_{reg_.shared()};
 };
 
-TEST_F(MqttConfigTest, OutOfRangeValuesFallBackToTheDefaultAndAreLogged) {
+TEST_F(MqttConfigTest, DefaultsApplyAndOutOfRangeValuesFallBackToThemWithALine) {
+    EXPECT_EQ(cfg_.getUnwantedSessionFields(),
+              (std::vector<std::wstring>{L"APPIDHISTORY", L"BROKERINGENDPOINTID", L"GROUPSIDS",
+                                         L"HOSTPODID"}));
+    EXPECT_TRUE(cfg_.getSendWhileDisconnected());
+    EXPECT_FALSE(cfg_.getCleanStart());
+    EXPECT_EQ(cfg_.getLWTMessage(), L"ERROR");
+
     set("mqtt_ReconnectIntervalMin", "4");
     EXPECT_EQ(cfg_.getReconnectIntervalMin(), 5);
     EXPECT_TRUE(reg_.log().contains(
@@ -57,57 +65,35 @@ TEST_F(MqttConfigTest, OutOfRangeValuesFallBackToTheDefaultAndAreLogged) {
         "mqttConfig::getIntInRange(): Registry setting NotASetting not defined, returning 7"));
 }
 
-TEST_F(MqttConfigTest, DefaultsListFollowsTheTableOrder) {
-    const auto list = mqttConfig::defaultsList();
-    ASSERT_EQ(list.size(), 58u);
-    EXPECT_EQ(list.front(), L"AsyncSessionSeconds=150");
-    EXPECT_EQ(list.back(), L"mqtt_TriggerCertRefresh=0");
-    EXPECT_EQ(cfg_.getUnwantedSessionFields(),
-              (std::vector<std::wstring>{L"APPIDHISTORY", L"BROKERINGENDPOINTID", L"GROUPSIDS",
-                                         L"HOSTPODID"}));
-    EXPECT_TRUE(cfg_.getSendWhileDisconnected());
-    EXPECT_FALSE(cfg_.getCleanStart());
-    EXPECT_EQ(cfg_.getLWTMessage(), L"ERROR");
-    EXPECT_EQ(cfg_.getAzureADJoinQueryInterval(), 60);
-}
-
-TEST_F(MqttConfigTest, MigrationStatusReadsZeroUntilWrittenThenAtOnce) {
+TEST_F(MqttConfigTest, MigrationStatusIsStoredAsDwordAndMutesTheOtherTransport) {
     EXPECT_EQ(cfg_.getMigrationStatus(), 0);
     EXPECT_FALSE(cfg_.isMigrationActive());
-    cfg_.setMigrationStatus(7);
-    EXPECT_EQ(cfg_.getMigrationStatus(), 7);
-    EXPECT_TRUE(cfg_.isMigrationActive());
-    EXPECT_TRUE(reg_.log().contains(
-        "mqttConfig::setMigrationStatus(): Set migration status to bootstrapfailed"));
-    const auto stored = reg_.store().get(kNodeManagerKey, "mqtt_MigrationStatus");
-    ASSERT_TRUE(stored);
-    EXPECT_EQ(stored->type, platform::SettingValue::Type::Dword);
-}
-
-TEST_F(MqttConfigTest, OtherTransportIsActiveOnlyOutsideAMigration) {
     EXPECT_FALSE(cfg_.isOtherTransportActive());
     set("MS Transport", "JMS");
     EXPECT_TRUE(cfg_.isOtherTransportActive());
     cfg_.setMigrationStatus(2);
     EXPECT_FALSE(cfg_.isOtherTransportActive());
+    cfg_.setMigrationStatus(7);
+    EXPECT_EQ(cfg_.getMigrationStatus(), 7);
+    EXPECT_TRUE(cfg_.isMigrationActive());
+    EXPECT_TRUE(reg_.log().contains(
+        "mqttConfig::setMigrationStatus(): Set migration status to bootstrapfailed"));
+    EXPECT_EQ(stored("mqtt_MigrationStatus").type, platform::SettingValue::Type::Dword);
     cfg_.setMigrationStatus(9);
     EXPECT_TRUE(cfg_.isOtherTransportActive());
     set("MS Transport", "mqtt");
     EXPECT_FALSE(cfg_.isOtherTransportActive());
 }
 
-TEST_F(MqttConfigTest, WritersStoreUnderNodeManagerAndReadersSeeThem) {
+TEST_F(MqttConfigTest, ListsAndFlagsAreStoredAsText) {
     cfg_.setUnwantedFields({});
-    EXPECT_EQ(reg_.store().get(kNodeManagerKey, "mqtt_UnwantedFields")->text, "");
+    EXPECT_EQ(stored("mqtt_UnwantedFields").text, "");
     EXPECT_TRUE(cfg_.getUnwantedFields().empty());
     cfg_.setUnwantedFields({L"A", L"B"});
-    EXPECT_EQ(reg_.store().get(kNodeManagerKey, "mqtt_UnwantedFields")->text, "A,B");
-    cfg_.setAgentIdentityPend("E1ST_VM9");
-    EXPECT_EQ(cfg_.getAgentIdentityPend(), "E1ST_VM9");
+    EXPECT_EQ(stored("mqtt_UnwantedFields").text, "A,B");
+    EXPECT_EQ(cfg_.getUnwantedFields(), (std::vector<std::wstring>{L"A", L"B"}));
     cfg_.setPaired(true);
-    EXPECT_EQ(reg_.store().get(kNodeManagerKey, "mqtt_Paired")->text, "true");
-    cfg_.setMonitoringEndpoint("edge.example:443");
-    EXPECT_EQ(cfg_.getMonitoringEndpoint(), "edge.example:443");
+    EXPECT_EQ(stored("mqtt_Paired").text, "true");
     EXPECT_EQ(joinList({L"", L"x", L"y"}), L"x,y");  // an empty first element adds no separator
 }
 

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <functional>
+#include <future>
 #include <thread>
 
 namespace CORE {
@@ -99,31 +100,21 @@ TEST_F(MessagingTest, AsyncCompletionRunsOnAWorkerThreadWithTheRequestId) {
         resp.set(L"DONE", op);
         return true;
     });
-    struct Seen {
-        std::mutex m;
-        std::condition_variable cv;
-        std::wstring id;
-        int type = -1;
-        std::wstring done;
-        std::thread::id thread;
-    } seen;
+    using Seen = std::tuple<std::wstring, int, std::wstring, std::thread::id>;
+    std::promise<Seen> seen;
     auto completion = [](void* ctx, const std::wstring& id, int type, PropertyBag& resp) {
-        auto* s = static_cast<Seen*>(ctx);
-        std::lock_guard lock(s->m);
-        s->id = id;
-        s->type = type;
-        s->done = resp.get(L"DONE", L"");
-        s->thread = std::this_thread::get_id();
-        s->cv.notify_all();
+        static_cast<std::promise<Seen>*>(ctx)->set_value(
+            {id, type, resp.get(L"DONE", L""), std::this_thread::get_id()});
     };
     PropertyBag req;
     ASSERT_TRUE(MessageHandler::SendAsyncMsg(L"Async", L"Work", req, completion, &seen, L"id-7"));
-    std::unique_lock lock(seen.m);
-    ASSERT_TRUE(seen.cv.wait_for(lock, std::chrono::seconds(10), [&] { return seen.type != -1; }));
-    EXPECT_EQ(seen.id, L"id-7");
-    EXPECT_EQ(seen.type, kErrorSuccess);
-    EXPECT_EQ(seen.done, L"Work");
-    EXPECT_NE(seen.thread, std::this_thread::get_id());
+    auto result = seen.get_future();
+    ASSERT_EQ(result.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    const auto [id, type, done, thread] = result.get();
+    EXPECT_EQ(id, L"id-7");
+    EXPECT_EQ(type, kErrorSuccess);
+    EXPECT_EQ(done, L"Work");
+    EXPECT_NE(thread, std::this_thread::get_id());
 }
 
 TEST_F(MessagingTest, RemovingAWorkerFailsQueuedRequestsAndCancelDropsCompletions) {
@@ -138,23 +129,18 @@ TEST_F(MessagingTest, RemovingAWorkerFailsQueuedRequestsAndCancelDropsCompletion
         },
         1);
     std::atomic<int> completions{0};
-    std::atomic<int> lastType{-1};
-    struct Ctx {
-        std::atomic<int>* count;
-        std::atomic<int>* type;
-    } ctx{&completions, &lastType};
-    auto completion = [](void* c, const std::wstring&, int type, PropertyBag&) {
-        static_cast<Ctx*>(c)->type->store(type);
-        static_cast<Ctx*>(c)->count->fetch_add(1);
+    auto completion = [](void* ctx, const std::wstring&, int, PropertyBag&) {
+        static_cast<std::atomic<int>*>(ctx)->fetch_add(1);
     };
     PropertyBag req;
-    ASSERT_TRUE(MessageHandler::SendAsyncMsg(L"Busy", L"First", req, completion, &ctx, L"1"));
+    ASSERT_TRUE(
+        MessageHandler::SendAsyncMsg(L"Busy", L"First", req, completion, &completions, L"1"));
     ASSERT_TRUE(entered.wait(std::chrono::seconds(10)));
     // The second request waits in the queue behind the first; after cancel
     // its completion must never run.
-    ASSERT_TRUE(MessageHandler::SendAsyncMsg(L"Busy", L"Second", req, completion, &ctx, L"2"));
-    std::thread canceller([&] { MessageFrameWork::System().CancelAsyncCompletions(&ctx); });
-    canceller.join();
+    ASSERT_TRUE(
+        MessageHandler::SendAsyncMsg(L"Busy", L"Second", req, completion, &completions, L"2"));
+    MessageFrameWork::System().CancelAsyncCompletions(&completions);
     release.set();
     EXPECT_TRUE(MessageFrameWork::System().RemoveWorker(L"Busy", 0));
     names_.clear();

@@ -7,7 +7,6 @@
 #include "certs/OpenSslUtil.h"
 #include "certs/linux/OpenSslCertStore.h"
 #include "net/Handles.h"
-#include "support/Process.h"
 #include "support/TempDir.h"
 #include "support/Tinyproxy.h"
 
@@ -19,7 +18,6 @@
 #include <netinet/in.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -74,33 +72,24 @@ struct TestPki {
     std::string rootFile = (dir.path() / "root.pem").string();
     // Machine stores: one trusting the test root, one also holding the CRLs
     // of both CAs, and one with only the system's roots.
-    std::shared_ptr<certs::OpenSslCertStore> trustedStore;
+    std::shared_ptr<certs::OpenSslCertStore> trusted;
     std::shared_ptr<certs::OpenSslCertStore> trustedWithCrls;
-    std::shared_ptr<certs::OpenSslCertStore> untrustedStore;
+    std::shared_ptr<certs::OpenSslCertStore> untrusted;
 
     TestPki() {
         inter.revoke(revoked.serialHex);
         writeFile(rootFile, root.certPem());
-        trustedStore = machineStore("trusted.sqlite", rootFile);
+        trusted = machineStore("trusted.sqlite", rootFile);
         trustedWithCrls = machineStore("crl.sqlite", rootFile);
         trustedWithCrls->AddCrl("CA", inter.crlPem());
         trustedWithCrls->AddCrl("Root", root.crlPem());
-        untrustedStore =
+        untrusted =
             machineStore("untrusted.sqlite", certs::OpenSslCertStore::kDefaultSystemRootsFile);
     }
     // What a server sends: its certificate, then the intermediate.
     std::string chainOf(const devca::Issued& issued) const {
         return issued.certPem + inter.certPem();
     }
-    std::shared_ptr<certs::CertUtilityInterface> trusted(bool withCrls = false) const {
-        if (withCrls) {
-            return trustedWithCrls;
-        }
-        return trustedStore;
-    }
-    // The machine's roots, which know nothing of the test root.
-    std::shared_ptr<certs::CertUtilityInterface> untrusted() const { return untrustedStore; }
-
     // A machine store whose system roots are read from `roots`.
     std::shared_ptr<certs::OpenSslCertStore> machineStore(const char* file,
                                                           const std::string& roots) const {
@@ -126,6 +115,7 @@ public:
     ~LogCapture() { CORE::removeLogSink(sink_); }
     bool contains(const std::string& text) const { return sink_->contains(text); }
     std::size_t count(const std::string& text) const { return sink_->count(text); }
+    void clear() { sink_->clear(); }
     std::string all() const {
         std::string out;
         for (const auto& line : sink_->lines()) {
@@ -138,13 +128,20 @@ private:
     std::shared_ptr<CORE::CaptureSink> sink_ = std::make_shared<CORE::CaptureSink>();
 };
 
-struct SeenRequest {
-    std::string method;
-    std::string path;
-    std::string body;
-    httplib::Params params;
-    httplib::Headers headers;
-};
+// Loads a server's chain (its certificate first) and key into `ctx`.
+inline bool useIdentity(SSL_CTX& ctx, const std::string& chainPem, const std::string& keyPem) {
+    auto chain = certs::x509sFromPemBundle(chainPem);
+    net::BioPtr bio(BIO_new_mem_buf(keyPem.data(), static_cast<int>(keyPem.size())));
+    EVP_PKEY* key = PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr);
+    bool ok = key != nullptr && !chain.empty() &&
+              SSL_CTX_use_certificate(&ctx, chain[0].get()) == 1 &&
+              SSL_CTX_use_PrivateKey(&ctx, key) == 1;
+    for (std::size_t i = 1; ok && i < chain.size(); ++i) {
+        ok = SSL_CTX_add1_chain_cert(&ctx, chain[i].get()) == 1;
+    }
+    EVP_PKEY_free(key);
+    return ok;
+}
 
 // An HTTP(S) server on 127.0.0.1 answering every method and path through one
 // handler. It counts the requests that reached it.
@@ -155,20 +152,8 @@ public:
     // HTTPS with the given chain (server certificate first) and key.
     TestServer(const std::string& chainPem, const std::string& keyPem, Handler handler)
         : handler_(std::move(handler)) {
-        server_ = std::make_unique<httplib::SSLServer>([&](SSL_CTX& ctx) {
-            auto chain = certs::x509sFromPemBundle(chainPem);
-            BIO* bio = BIO_new_mem_buf(keyPem.data(), static_cast<int>(keyPem.size()));
-            EVP_PKEY* key = PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr);
-            BIO_free(bio);
-            bool ok = key != nullptr && !chain.empty() &&
-                      SSL_CTX_use_certificate(&ctx, chain[0].get()) == 1 &&
-                      SSL_CTX_use_PrivateKey(&ctx, key) == 1;
-            for (std::size_t i = 1; ok && i < chain.size(); ++i) {
-                ok = SSL_CTX_add1_chain_cert(&ctx, chain[i].get()) == 1;
-            }
-            EVP_PKEY_free(key);
-            return ok;
-        });
+        server_ = std::make_unique<httplib::SSLServer>(
+            [&](SSL_CTX& ctx) { return useIdentity(ctx, chainPem, keyPem); });
         start();
     }
     // Plain HTTP.
@@ -192,7 +177,7 @@ public:
                path;
     }
     int requests() const { return requests_.load(); }
-    std::optional<SeenRequest> last() const {
+    std::optional<httplib::Request> last() const {
         std::lock_guard lock(mutex_);
         return last_;
     }
@@ -218,7 +203,7 @@ private:
         auto handle = [this](const httplib::Request& req, httplib::Response& res) {
             {
                 std::lock_guard lock(mutex_);
-                last_ = SeenRequest{req.method, req.path, req.body, req.params, req.headers};
+                last_ = req;
                 ++requests_;
                 cv_.notify_all();
             }
@@ -242,7 +227,7 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable cv_;
     std::atomic<int> requests_{0};
-    std::optional<SeenRequest> last_;
+    std::optional<httplib::Request> last_;
     bool released_ = false;
 };
 
@@ -291,75 +276,42 @@ inline int freePort() {
 class RawTlsServer {
 public:
     RawTlsServer(const std::string& chainPem, const std::string& keyPem, std::string reply)
-        : reply_(std::move(reply)) {
-        ctx_.reset(SSL_CTX_new(TLS_server_method()));
-        auto chain = certs::x509sFromPemBundle(chainPem);
-        net::BioPtr bio(BIO_new_mem_buf(keyPem.data(), static_cast<int>(keyPem.size())));
-        EVP_PKEY* key = PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr);
-        SSL_CTX_use_certificate(ctx_.get(), chain.at(0).get());
-        for (std::size_t i = 1; i < chain.size(); ++i) {
-            SSL_CTX_add1_chain_cert(ctx_.get(), chain[i].get());
-        }
-        SSL_CTX_use_PrivateKey(ctx_.get(), key);
-        EVP_PKEY_free(key);
-        int fds[2];
-        if (::pipe(fds) == 0) {
-            stopRead_ = fds[0];
-            stopWrite_ = fds[1];
-        }
+        : reply_(std::move(reply)), ctx_(SSL_CTX_new(TLS_server_method())) {
+        useIdentity(*ctx_, chainPem, keyPem);
         thread_ = std::thread([this] { serve(); });
     }
     ~RawTlsServer() {
-        const char x = 'x';
-        if (::write(stopWrite_, &x, 1) < 0) {
-            // the thread still ends when its poll limit passes
-        }
+        ::shutdown(listener_.fd(), SHUT_RDWR);  // ends the blocked accept()
         thread_.join();
-        ::close(stopRead_);
-        ::close(stopWrite_);
     }
-    int port() const { return listener_.port(); }
-    std::string url() const { return "https://127.0.0.1:" + std::to_string(port()) + "/"; }
+    std::string url() const {
+        return "https://127.0.0.1:" + std::to_string(listener_.port()) + "/";
+    }
 
 private:
     void serve() {
-        for (;;) {
-            pollfd pfds[2] = {{listenerFd(), POLLIN, 0}, {stopRead_, POLLIN, 0}};
-            if (::poll(pfds, 2, 10000) <= 0 || (pfds[1].revents & POLLIN) != 0) {
-                return;
-            }
-            const int fd = ::accept(listenerFd(), nullptr, nullptr);
-            if (fd < 0) {
-                continue;
-            }
+        for (int fd; (fd = ::accept(listener_.fd(), nullptr, nullptr)) >= 0; ::close(fd)) {
             timeval tv{5, 0};
             ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
             net::SslPtr ssl(SSL_new(ctx_.get()));
             SSL_set_fd(ssl.get(), fd);
-            if (SSL_accept(ssl.get()) == 1) {
-                std::string head;
-                char buf[1024];
-                while (head.find("\r\n\r\n") == std::string::npos) {
-                    const int n = SSL_read(ssl.get(), buf, sizeof buf);
-                    if (n <= 0) {
-                        break;
-                    }
-                    head.append(buf, static_cast<std::size_t>(n));
-                }
-                SSL_write(ssl.get(), reply_.data(), static_cast<int>(reply_.size()));
-                SSL_shutdown(ssl.get());
+            if (SSL_accept(ssl.get()) != 1) {
+                continue;
             }
-            ssl.reset();
-            ::close(fd);
+            std::string head;
+            char buf[1024];
+            for (int n = 0; head.find("\r\n\r\n") == std::string::npos &&
+                            (n = SSL_read(ssl.get(), buf, sizeof buf)) > 0;) {
+                head.append(buf, static_cast<std::size_t>(n));
+            }
+            SSL_write(ssl.get(), reply_.data(), static_cast<int>(reply_.size()));
+            SSL_shutdown(ssl.get());
         }
     }
-    int listenerFd() const { return listener_.fd(); }
 
     LoopbackListener listener_;
     std::string reply_;
     net::SslCtxPtr ctx_;
-    int stopRead_ = -1;
-    int stopWrite_ = -1;
     std::thread thread_;
 };
 

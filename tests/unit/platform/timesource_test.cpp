@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <deque>
 #include <fstream>
 #include <future>
 #include <thread>
@@ -58,16 +59,6 @@ TEST(RealTimeSource, ClocksAndWaits) {
     EXPECT_TRUE(ts.waitFor(lock, cv, std::chrono::milliseconds::max(), [] { return true; }));
     EXPECT_FALSE(ts.waitFor(lock, cv, 20ms, [] { return false; }));
     EXPECT_GE(ts.steadyNow() - before, 20ms);
-
-    bool ready = false;
-    std::thread notifier([&] {
-        std::lock_guard g(m);
-        ready = true;
-        cv.notify_all();
-    });
-    EXPECT_TRUE(ts.waitFor(lock, cv, std::chrono::milliseconds::max(), [&] { return ready; }));
-    lock.unlock();
-    notifier.join();
 }
 
 }  // namespace
@@ -95,117 +86,78 @@ TEST(ManualTimeSource, ClocksMoveOnlyWhenTold) {
     EXPECT_EQ(ts.steadyNow(), steady + 1500ms);
 }
 
-// A thread in waitFor on the manual clock, reporting each predicate check.
-struct Sleeper {
-    ManualTimeSource& ts;
-    std::mutex m;
-    std::condition_variable cv;
-    std::condition_variable checked;
-    bool flag = false;
-    int checks = 0;
-    std::future<bool> result;
+// Threads in waitFor on one condition of the manual clock, counting the
+// predicate checks. The fixture frees them even after a failed assertion.
+class ManualWaits : public ::testing::Test {
+protected:
+    ~ManualWaits() override { release(); }
 
-    Sleeper(ManualTimeSource& source, std::chrono::milliseconds timeout) : ts(source) {
-        result = std::async(std::launch::async, [this, timeout] {
-            std::unique_lock lock(m);
-            return ts.waitFor(lock, cv, timeout, [this] {
-                ++checks;
-                checked.notify_all();
-                return flag;
+    std::future<bool>& start(std::chrono::milliseconds timeout) {
+        return waits_.emplace_back(std::async(std::launch::async, [this, timeout] {
+            std::unique_lock lock(m_);
+            return ts_.waitFor(lock, cv_, timeout, [this] {
+                ++checks_;
+                checked_.notify_all();
+                return quit_;
             });
-        });
+        }));
     }
-    ~Sleeper() {
-        // Never leave the thread blocked, even when an assertion failed.
+    void release() {
         {
-            std::lock_guard lock(m);
-            flag = true;
+            std::lock_guard lock(m_);
+            quit_ = true;
         }
-        cv.notify_all();
-        if (result.valid()) {
-            result.wait();
-        }
+        cv_.notify_all();
     }
-    Sleeper(const Sleeper&) = delete;
-    Sleeper& operator=(const Sleeper&) = delete;
-
-    // Waits until the sleeper has looked at its predicate `n` times.
+    // Waits until the predicates were looked at `n` times in all.
     bool awaitChecks(int n) {
-        std::unique_lock lock(m);
-        return checked.wait_for(lock, 5s, [&] { return checks >= n; });
+        std::unique_lock lock(m_);
+        return checked_.wait_for(lock, 5s, [&] { return checks_ >= n; });
     }
+
+    ManualTimeSource ts_;
+    std::mutex m_;
+    std::condition_variable cv_;
+    std::condition_variable checked_;
+    bool quit_ = false;
+    int checks_ = 0;
+    std::deque<std::future<bool>> waits_;  // destroyed first: joins the threads
 };
 
-TEST(ManualTimeSource, WakesAtTheDeadlineAndNotBefore) {
-    ManualTimeSource ts;
-    Sleeper sleeper(ts, 100ms);
-    ASSERT_TRUE(ts.awaitWaiters(1));
+TEST_F(ManualWaits, EachWakesAtItsOwnDeadlineAndNotBefore) {
+    auto& shortWait = start(10ms);
+    auto& longWait = start(20ms);
+    ASSERT_TRUE(ts_.awaitWaiters(2));
+    ts_.advance(9ms);
+    // Both woke, checked again, and went back to sleep: no deadline is due.
+    ASSERT_TRUE(awaitChecks(4));
+    ASSERT_TRUE(ts_.awaitWaiters(2));
+    EXPECT_EQ(shortWait.wait_for(0s), std::future_status::timeout);
 
-    ts.advance(99ms);
-    // It woke, checked again, and went back to sleep: the deadline is not due.
-    ASSERT_TRUE(sleeper.awaitChecks(2));
-    ASSERT_TRUE(ts.awaitWaiters(1));
-    EXPECT_EQ(sleeper.result.wait_for(0s), std::future_status::timeout);
-
-    ts.advance(1ms);
-    ASSERT_EQ(sleeper.result.wait_for(5s), std::future_status::ready);
-    EXPECT_FALSE(sleeper.result.get());
-    EXPECT_EQ(ts.waiters(), 0u);
-}
-
-TEST(ManualTimeSource, NotifyEndsWaitBeforeDeadlineAndNoLimitNeverTimesOut) {
-    ManualTimeSource ts;
-    Sleeper sleeper(ts, std::chrono::milliseconds::max());
-    ASSERT_TRUE(ts.awaitWaiters(1));
-    ts.advance(std::chrono::hours(24 * 365 * 100));
-    ASSERT_TRUE(sleeper.awaitChecks(2));
-    ASSERT_TRUE(ts.awaitWaiters(1));
-    EXPECT_EQ(sleeper.result.wait_for(0s), std::future_status::timeout);
-    {
-        std::lock_guard lock(sleeper.m);
-        sleeper.flag = true;
-    }
-    sleeper.cv.notify_all();
-    ASSERT_EQ(sleeper.result.wait_for(5s), std::future_status::ready);
-    EXPECT_TRUE(sleeper.result.get());
-}
-
-TEST(ManualTimeSource, ThreadsSharingOneConditionWakeAtTheirOwnDeadlines) {
-    ManualTimeSource ts;
-    std::mutex m;
-    std::condition_variable cv;
-    bool quit = false;
-    auto waitOnShared = [&](std::chrono::milliseconds timeout) {
-        return std::async(std::launch::async, [&, timeout] {
-            std::unique_lock lock(m);
-            return ts.waitFor(lock, cv, timeout, [&] { return quit; });
-        });
-    };
-    auto shortWait = waitOnShared(10ms);
-    auto longWait = waitOnShared(20ms);
-    struct Release {  // declared last: frees the threads even after a failure
-        std::mutex& m;
-        std::condition_variable& cv;
-        bool& quit;
-        ~Release() {
-            std::lock_guard lock(m);
-            quit = true;
-            cv.notify_all();
-        }
-    } release{m, cv, quit};
-
-    ASSERT_TRUE(ts.awaitWaiters(2));
-    ts.advance(10ms);
+    ts_.advance(1ms);
     ASSERT_EQ(shortWait.wait_for(5s), std::future_status::ready);
     EXPECT_FALSE(shortWait.get());
-    ASSERT_TRUE(ts.awaitWaiters(1));
+    ASSERT_TRUE(ts_.awaitWaiters(1));
     EXPECT_EQ(longWait.wait_for(0s), std::future_status::timeout);
 
-    cv.notify_all();  // a stray wake-up must not lose the long waiter's place
-    ASSERT_TRUE(ts.awaitWaiters(1));
-    ts.advance(10ms);
+    cv_.notify_all();  // a stray wake-up must not lose the long waiter's place
+    ASSERT_TRUE(ts_.awaitWaiters(1));
+    ts_.advance(10ms);
     ASSERT_EQ(longWait.wait_for(5s), std::future_status::ready);
     EXPECT_FALSE(longWait.get());
+    EXPECT_EQ(ts_.waiters(), 0u);
+}
+
+TEST_F(ManualWaits, NoLimitNeverTimesOutAndNotifyEndsTheWait) {
+    auto& wait = start(std::chrono::milliseconds::max());
+    ASSERT_TRUE(ts_.awaitWaiters(1));
+    ts_.advance(std::chrono::hours(24 * 365 * 100));
+    ASSERT_TRUE(awaitChecks(2));
+    ASSERT_TRUE(ts_.awaitWaiters(1));
+    EXPECT_EQ(wait.wait_for(0s), std::future_status::timeout);
+    release();
+    ASSERT_EQ(wait.wait_for(5s), std::future_status::ready);
+    EXPECT_TRUE(wait.get());
 }
 
 // Waiters whose mutex and condition variable die right after the wait, while
