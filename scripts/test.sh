@@ -10,6 +10,8 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 
 build=${BUILD_DIR:-build}
+# Only read by a race-detector build (-DNDPX_SANITIZE=thread).
+export TSAN_OPTIONS=${TSAN_OPTIONS:-suppressions=$PWD/tests/tsan.supp}
 # shellcheck disable=SC2086
 cmake -S . -B "$build" -G Ninja ${CMAKE_ARGS:-}
 cmake --build "$build" -j2

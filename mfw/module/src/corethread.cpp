@@ -13,7 +13,7 @@ namespace CORE {
 
 struct corethreadgroup::Member {
     std::string name;
-    long tid = 0;
+    std::atomic<long> tid{0};  // written by the thread itself, read for the wait's log
     bool finished = false;
     std::thread owned;  // set for start-and-forget threads
 };
@@ -91,7 +91,7 @@ void corethreadgroup::wait(std::chrono::milliseconds slice, std::chrono::millise
             std::string ids;
             for (const auto& m : members_) {
                 if (!m->finished) {
-                    ids += " " + std::to_string(m->tid) + "(" + m->name + ")";
+                    ids += " " + std::to_string(m->tid.load()) + "(" + m->name + ")";
                 }
             }
             lock.unlock();

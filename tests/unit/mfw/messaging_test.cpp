@@ -84,15 +84,16 @@ TEST_F(MessagingTest, SendMsgCarriesRequestAndAnswerAndReportsErrors) {
 }
 
 TEST_F(MessagingTest, SendMsgTimesOutWhileTheWorkerIsBusy) {
-    coreevent release;
-    add(L"Slow", [&](const std::wstring&, PropertyBag&, PropertyBag&) {
-        release.waitMs(kInfinite);
+    // Shared: the worker may still be leaving the wait when the test ends.
+    auto release = std::make_shared<coreevent>();
+    add(L"Slow", [release](const std::wstring&, PropertyBag&, PropertyBag&) {
+        release->waitMs(kInfinite);
         return true;
     });
     PropertyBag req;
     PropertyBag resp;
     EXPECT_EQ(MessageHandler::SendMsg(L"Slow", L"Op", req, resp, 50), kErrorTimeout);
-    release.set();  // the late answer must not touch the caller's bag
+    release->set();  // the late answer must not touch the caller's bag
 }
 
 TEST_F(MessagingTest, AsyncCompletionRunsOnAWorkerThreadWithTheRequestId) {
