@@ -33,10 +33,9 @@ protected:
         broker_ = std::make_unique<Process>(
             std::vector<std::string>{DEVCLOUD_PATH, "broker", "--dir", dir()});
         ASSERT_TRUE(broker_->waitForLine("devcloud: broker ready")) << broker_->output();
-        const std::string out = broker_->output();
-        const auto at = out.find("\nport ");
-        ASSERT_NE(at, std::string::npos) << out;
-        port_ = std::stoi(out.substr(at + 6));
+        const std::string port = broker_->valueAfter("port");
+        ASSERT_FALSE(port.empty()) << broker_->output();
+        port_ = std::stoi(port);
     }
     void TearDown() override {
         if (broker_) {
@@ -67,7 +66,7 @@ protected:
     int port_ = 0;
 };
 
-TEST_F(DevcloudTest, SendPrintsTheAnswerWithTheCommandsIdAndMetadata) {
+TEST_F(DevcloudTest, SendPrintsTheAnswerWithTheCommandsIdAndMetadataOrTimesOut) {
     devcloud::EchoResponder desktop(desktopOptions("edge1/vm7"), "edge1/vm7");
     ASSERT_TRUE(desktop.start()) << desktop.client().lastError();
 
@@ -83,21 +82,17 @@ TEST_F(DevcloudTest, SendPrintsTheAnswerWithTheCommandsIdAndMetadata) {
     EXPECT_EQ(answer["METADATA"]["trace"].asString(), "t-1");
     EXPECT_EQ(answer["ID"].asString().size(), 36u);
     EXPECT_EQ(desktop.answered(), 1u);
+
+    const auto silent = send("silent", {"--command", "Ping", "--timeout", "1"});
+    EXPECT_EQ(silent.status, 1);
+    EXPECT_NE(silent.output.find("no answer to Ping"), std::string::npos) << silent.output;
 }
 
-TEST_F(DevcloudTest, SendWithoutAnAnswerTimesOutWithExitCode1) {
-    const auto result = send("silent", {"--command", "Ping", "--timeout", "1"});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.output.find("no answer to Ping"), std::string::npos) << result.output;
-}
-
-TEST_F(DevcloudTest, BrokerConfigurationAdmitsCertificatesOnlyWithNoDelay) {
+// Certificate-only admission of this configuration is tested in broker_fixture_test.
+TEST_F(DevcloudTest, BrokerRunsWithNoDelayAndTheCaKeyIsPrivate) {
     const std::string conf =
         devcloud::readTextFile(std::filesystem::path(dir()) / "broker" / "mosquitto.conf");
-    EXPECT_NE(conf.find("require_certificate true"), std::string::npos);
-    EXPECT_NE(conf.find("use_identity_as_username true"), std::string::npos);
-    EXPECT_NE(conf.find("allow_anonymous false"), std::string::npos);
-    EXPECT_NE(conf.find("set_tcp_nodelay true"), std::string::npos);
+    EXPECT_NE(conf.find("set_tcp_nodelay true"), std::string::npos) << conf;
     EXPECT_EQ(std::filesystem::status(std::filesystem::path(dir()) / "ca.key").permissions() &
                   std::filesystem::perms::all,
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);

@@ -13,8 +13,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 namespace ndpx {
 namespace {
 
@@ -62,23 +60,13 @@ TEST_F(PairingConfigTest, ResponseGivesEndpointInBothFormsTopicAndDecodedCertifi
     ASSERT_EQ(init(goodResponse(true)), CredentialsStatus::Success);
     EXPECT_EQ(pairing_.endpointUrl(), "wss://h:8443/mqtt");
 
-    // Bad base64 fails after the endpoint was logged and keeps the earlier data.
+    // Bad base64 in either certificate fails and keeps the earlier data.
     for (const char* key : {"caCrt", "clientCrt"}) {
-        reg_.log().clear();
         Json::Value bad = goodResponse();
         bad[key] = "%%% not base64 %%%";
-        EXPECT_EQ(init(bad), CredentialsStatus::BadCertificate);
-        const auto lines = reg_.log().lines();
-        ASSERT_GE(lines.size(), 2u);
-        EXPECT_EQ(lines[lines.size() - 2],
-                  "pairingConfig::InitCredentialsFromJSON(): nexHub returned the following "
-                  "certificates:\r\ncaCrt:\r\n" +
-                      bad["caCrt"].asString() + "\r\nclientCrt:\r\n" + bad["clientCrt"].asString());
-        EXPECT_EQ(lines.back(), std::string("pairingConfig::InitCredentialsFromJSON(): Base64 "
-                                            "decode of ") +
-                                    key + " failed.");
-        EXPECT_EQ(logged("InitCredentialsFromJSON(): MQTT Endpoint URL: ssl://h:8443"), 1u);
+        EXPECT_EQ(init(bad), CredentialsStatus::BadCertificate) << key;
         EXPECT_EQ(pairing_.endpointUrl(), "wss://h:8443/mqtt");
+        EXPECT_EQ(pairing_.clientCert(), kClientPem);
     }
 }
 
@@ -112,14 +100,11 @@ TEST_F(PairingConfigTest, ResponseMembersAreCheckedInOrderAndTheFirstMissingOneI
     EXPECT_EQ(init(textFlag), CredentialsStatus::MissingProperty);
     EXPECT_EQ(pairing_.endpointUrl(), "");  // no failure leaves parsed values behind
     EXPECT_EQ(pairing_.InitCredentialsFromJSON("not json"), CredentialsStatus::NotJson);
-    EXPECT_EQ(logged("InitCredentialsFromJSON(): Failed to parse credentials as JSON"), 1u);
 }
 
 TEST_F(PairingConfigTest, EndpointDetailsComeFromTheStoredUrl) {
     Json::Value out;
-    EXPECT_FALSE(pairing_.populateEndpointDetails(out));
-    EXPECT_EQ(
-        logged("populateEndpointDetails(): Unable to retrieve endpoint details. No endpoint."), 1u);
+    EXPECT_FALSE(pairing_.populateEndpointDetails(out));  // nothing stored yet
     cfg_.setAgentIdentity("E1ST_VM9");
     reg_.setString(kNodeManagerKey, kEndpointUrlValue, "ssl://h:8883");
     ASSERT_TRUE(pairing_.populateEndpointDetails(out));
@@ -136,7 +121,6 @@ TEST_F(PairingConfigTest, EndpointDetailsComeFromTheStoredUrl) {
         reg_.setString(kNodeManagerKey, kEndpointUrlValue, bad);
         EXPECT_FALSE(pairing_.populateEndpointDetails(out)) << bad;
     }
-    EXPECT_EQ(logged("populateEndpointDetails(): Unable to parse endpoint URL."), 5u);
 }
 
 TEST_F(PairingConfigTest, PendingEndpointAndTopicAreActivatedOnce) {
@@ -149,10 +133,8 @@ TEST_F(PairingConfigTest, PendingEndpointAndTopicAreActivatedOnce) {
     EXPECT_EQ(value(kEndpointUrlValue), "ssl://new:8883");
     EXPECT_EQ(value(kBootstrapTopicValue), "new/topic");
     EXPECT_FALSE(reg_.store().get(kNodeManagerKey, kPendingEndpointUrlValue));
-    EXPECT_FALSE(pairing_.activatePendingConfig());
-    EXPECT_EQ(
-        logged("activatePendingConfig(): Unable to activate pending registry from pending config."),
-        2u);
+    EXPECT_FALSE(pairing_.activatePendingConfig());  // nothing pending any more
+    EXPECT_EQ(value(kEndpointUrlValue), "ssl://new:8883");
 }
 
 // Certificates made by a real CA, kept in the real certificate store under
@@ -166,14 +148,11 @@ protected:
     };
     Issued issue(const std::string& commonName, const std::string& container) {
         Issued out{container, {}, {}};
-        std::string keyPem;
-        std::string csrPem;
+        std::string keyPem, csrPem;
         EXPECT_TRUE(certs_.GenerateKeyAndCSR(commonName, container, out.keyBlob, keyPem, csrPem));
-        auto signedCert = ca_.signCsr(csrPem);
+        const auto signedCert = ca_.signCsr(csrPem);
         EXPECT_TRUE(signedCert);
-        if (signedCert) {
-            out.certPem = signedCert->certPem;
-        }
+        out.certPem = signedCert ? signedCert->certPem : "";
         return out;
     }
     Json::Value responseFor(const Issued& issued, const std::string& host) {
@@ -190,7 +169,6 @@ protected:
 TEST_F(PairingStoreTest, CurrentAndPendingPairingDataAreStoredRetrievedAndActivated) {
     // Nothing parsed yet: nothing is stored.
     EXPECT_FALSE(pairing_.StorePairingData(certs_, false, "{C0}", {}));
-    EXPECT_EQ(logged("StorePairingData(): Failed to store MQTT certificates."), 1u);
 
     const Issued current = issue("E1ST_VM9", "{C1}");
     ASSERT_EQ(init(responseFor(current, "old")), CredentialsStatus::Success);
@@ -203,17 +181,12 @@ TEST_F(PairingStoreTest, CurrentAndPendingPairingDataAreStoredRetrievedAndActiva
     EXPECT_EQ(reader.clientCert(), current.certPem);
     EXPECT_NE(reader.caCert().find(ca_.certPem()), std::string::npos);
     EXPECT_EQ(reader.endpointUrl(), "ssl://old:8443");
-    EXPECT_EQ(logged("RetrievePairingData(): Retrieved endpoint details: Endpoint URL: "
-                     "ssl://old:8443. Bootstrap Topic: desktop/E1ST_VM9/bootstrap."),
-              1u);
+    EXPECT_EQ(reader.bootstrapTopic(), "desktop/E1ST_VM9/bootstrap");
     std::string keyPem;
     ASSERT_TRUE(reader.getSecureClientPrivateKey(certs_, "E1ST_VM9", false, keyPem));
     EXPECT_NE(keyPem.find("PRIVATE KEY-----"), std::string::npos);
 
     EXPECT_FALSE(reader.RetrievePairingData(certs_, "OTHER_ID"));
-    EXPECT_EQ(logged("RetrievePairingData(): Unable to retrieve MQTT certificates with common name "
-                     "OTHER_ID."),
-              1u);
 
     // A renewal arrives as pending data and leaves the current data alone.
     const Issued renewed = issue("E1ST_VM9", "{C2}");
@@ -234,7 +207,6 @@ TEST_F(PairingStoreTest, CurrentAndPendingPairingDataAreStoredRetrievedAndActiva
     // Endpoint details missing: the certificates alone are not pairing data.
     reg_.store().remove(kNodeManagerKey, kBootstrapTopicValue);
     EXPECT_FALSE(reader.RetrievePairingData(certs_, "E1ST_VM9"));
-    EXPECT_EQ(logged("RetrievePairingData(): Incomplete pairing data configuration"), 1u);
     for (const auto& line : reg_.log().lines()) {
         EXPECT_EQ(line.find("PRIVATE KEY"), std::string::npos) << line;
     }

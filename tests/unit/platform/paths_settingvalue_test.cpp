@@ -14,7 +14,7 @@
 namespace ndpx::platform {
 namespace {
 
-TEST(NormalizeKeyPath, ShortHiveSingleSeparatorsNoEdges) {
+TEST(KeyPath, ShortHiveSingleSeparatorsNoEdgesAndValueNamesSplitOff) {
     EXPECT_EQ(normalizeKeyPath("HKEY_LOCAL_MACHINE\\Software\\Brasswick, Inc."),
               "HKLM\\Software\\Brasswick, Inc.");
     EXPECT_EQ(normalizeKeyPath("hkey_local_machine\\A"), "HKLM\\A");
@@ -27,9 +27,8 @@ TEST(NormalizeKeyPath, ShortHiveSingleSeparatorsNoEdges) {
     EXPECT_EQ(normalizeKeyPath("SOFTWARE\\Vendor"), "SOFTWARE\\Vendor");
     EXPECT_EQ(normalizeKeyPath(""), "");
     EXPECT_EQ(normalizeKeyPath("\\\\"), "");
-}
 
-TEST(SplitValuePath, SplitsAtTheLastBackslash) {
+    // A value path splits at its last backslash.
     using Pair = std::pair<std::string, std::string>;
     EXPECT_EQ(splitValuePath("HKLM\\Software\\LmMon\\Config\\endpoint"),
               Pair("HKLM\\Software\\LmMon\\Config", "endpoint"));
@@ -43,7 +42,6 @@ TEST(SettingValue, FactoriesAndText) {
     EXPECT_EQ(SettingValue::ofDword(4294967295u).asText(), "4294967295");
     EXPECT_EQ(SettingValue::ofMulti({"DOMAIN", "AGENTUPDATE"}).asText(), "DOMAIN,AGENTUPDATE");
     EXPECT_EQ(SettingValue::ofMulti({}).asText(), "");
-    EXPECT_EQ(SettingValue::ofDword(7).type, SettingValue::Type::Dword);
     EXPECT_NE(SettingValue::ofString("7"), SettingValue::ofDword(7));
 }
 

@@ -6,7 +6,6 @@ namespace ndpx::regctl {
 namespace {
 
 using platform::SettingValue;
-using Kind = RegOperation::Kind;
 
 std::vector<RegOperation> parseOk(std::string_view text) {
     std::vector<RegOperation> ops;
@@ -23,7 +22,14 @@ std::string parseError(std::string_view text) {
     return error;
 }
 
-TEST(RegFile, ParsesAnExportWithAllSupportedTypes) {
+TEST(RegFile, AnExportWithAllSupportedTypesIsImportedIntoTheStore) {
+    std::string error;
+    auto store = platform::openSqliteSettingsStore(":memory:", error);
+    ASSERT_NE(store, nullptr) << error;
+    const std::string key = "HKLM\\Software\\Brasswick, Inc.\\Node Manager";
+    ASSERT_TRUE(store->set(key, "Old", SettingValue::ofString("1")));
+    ASSERT_TRUE(store->set("HKLM\\Software\\Gone\\Sub", "x", SettingValue::ofString("1")));
+
     const auto ops = parseOk(
         "Windows Registry Editor Version 5.00\r\n"
         "\r\n"
@@ -38,27 +44,25 @@ TEST(RegFile, ParsesAnExportWithAllSupportedTypes) {
         "\"Little\"=hex(4):1e,00,00,80\r\n"
         "\"Old\"=-\r\n"
         "\r\n"
+        "[HKLM\\Software\\Empty]\r\n"
         "[-HKLM\\Software\\Gone]\r\n");
-    ASSERT_EQ(ops.size(), 9u);
-    const std::string key = "HKLM\\Software\\Brasswick, Inc.\\Node Manager";
-    EXPECT_EQ(ops[0].kind, Kind::CreateKey);
-    EXPECT_EQ(ops[0].key, key);
+    ASSERT_EQ(ops.size(), 10u);
     EXPECT_EQ(ops[0].line, 4);
-    EXPECT_EQ(ops[1].kind, Kind::SetValue);
-    EXPECT_EQ(ops[1].key, key);
-    EXPECT_EQ(ops[1].name, "");
-    EXPECT_EQ(ops[1].value, SettingValue::ofString("default"));
-    EXPECT_EQ(ops[2].name, "Path");
-    EXPECT_EQ(ops[2].value, SettingValue::ofString("C:\\Program Files\\\"x\""));
-    EXPECT_EQ(ops[3].value, SettingValue::ofDword(30));
-    EXPECT_EQ(ops[4].value, SettingValue::ofMulti({"a,b", "ü𝄞"}));
-    EXPECT_EQ(ops[4].line, 8);
-    EXPECT_EQ(ops[5].value, SettingValue::ofString("%A%"));
-    EXPECT_EQ(ops[6].value, SettingValue::ofDword(0x8000001e));
-    EXPECT_EQ(ops[7].kind, Kind::DeleteValue);
-    EXPECT_EQ(ops[7].name, "Old");
-    EXPECT_EQ(ops[8].kind, Kind::DeleteKey);
-    EXPECT_EQ(ops[8].key, "HKLM\\Software\\Gone");
+    EXPECT_EQ(ops[4].line, 8);  // a continued value counts from its first line
+    ASSERT_TRUE(applyRegOperations(*store, ops, error)) << error;
+    for (const auto& [name, value] : std::vector<std::pair<std::string, SettingValue>>{
+             {"", SettingValue::ofString("default")},
+             {"Path", SettingValue::ofString("C:\\Program Files\\\"x\"")},
+             {"mqtt_KeepAliveInterval", SettingValue::ofDword(30)},
+             {"List", SettingValue::ofMulti({"a,b", "ü𝄞"})},
+             {"Expand", SettingValue::ofString("%A%")},
+             {"Little", SettingValue::ofDword(0x8000001e)}}) {
+        EXPECT_EQ(store->get(key, name), value) << name;
+    }
+    EXPECT_EQ(store->get(key, "Old"), std::nullopt);
+    EXPECT_TRUE(store->keyExists("HKLM\\Software\\Empty"));
+    EXPECT_FALSE(store->keyExists("HKLM\\Software\\Gone"));
+    EXPECT_FALSE(store->keyExists("HKLM\\Software\\Gone\\Sub"));
 }
 
 TEST(RegFile, EncodingsAndEdgeCases) {
@@ -119,27 +123,6 @@ TEST(RegFile, DwordArguments) {
     for (const char* bad : {"", "0x", "4294967296", "0x100000000", "-1", "12a", " 1", "1.5"}) {
         EXPECT_EQ(parseDwordArgument(bad), std::nullopt) << bad;
     }
-}
-
-TEST(RegFile, ApplyImportsIntoTheStore) {
-    std::string error;
-    auto store = platform::openSqliteSettingsStore(":memory:", error);
-    ASSERT_NE(store, nullptr) << error;
-    ASSERT_TRUE(store->set("HKLM\\Old\\Sub", "x", SettingValue::ofString("1")));
-    ASSERT_TRUE(store->set("HKLM\\K", "gone", SettingValue::ofString("1")));
-
-    const auto ops = parseOk(
-        "[HKLM\\K\\Child]\n"
-        "[HKLM\\K]\n"
-        "\"n\"=dword:00000005\n"
-        "\"gone\"=-\n"
-        "[-HKLM\\Old]\n");
-    ASSERT_TRUE(applyRegOperations(*store, ops, error)) << error;
-    EXPECT_EQ(store->get("HKLM\\K", "n"), SettingValue::ofDword(5));
-    EXPECT_EQ(store->get("HKLM\\K", "gone"), std::nullopt);
-    EXPECT_TRUE(store->keyExists("HKLM\\K\\Child"));
-    EXPECT_FALSE(store->keyExists("HKLM\\Old"));
-    EXPECT_FALSE(store->keyExists("HKLM\\Old\\Sub"));
 }
 
 }  // namespace
