@@ -6,7 +6,9 @@
 // database's "Root" store.
 
 #include "certs/CertUtilityInterface.h"
+#include "certs/OpenSslUtil.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,11 +19,20 @@ class OpenSslCertStore final : public CertUtilityInterface {
 public:
     static constexpr const char* kDefaultSystemRootsFile = "/etc/ssl/certs/ca-certificates.crt";
 
+    // Fetches the CRL published at `url` (DER or PEM); false with `error`
+    // set when it cannot.
+    using CrlFetcher =
+        std::function<bool(const std::string& url, std::string& crl, std::string& error)>;
+
     // The database file is fixed when the object is made: the machine's
     // certstore.sqlite under the root prefix of that moment, unless given.
     struct Options {
         std::string databaseFile;
         std::string systemRootsFile = kDefaultSystemRootsFile;
+        // When set, a revocation check that finds no CRL for a certificate
+        // fetches one from the certificate's distribution points and keeps
+        // it in the store for later checks.
+        CrlFetcher crlFetcher;
     };
 
     OpenSslCertStore();
@@ -98,6 +109,9 @@ public:
 
 private:
     class Impl;
+    // Fetches a CRL for every certificate of `chain` whose revocation status
+    // was unknown; true when one was added to `crls`.
+    bool fetchMissingCrls(const CertChain& chain, std::vector<CrlPtr>& crls);
     Options options_;
     std::unique_ptr<Impl> impl_;
 };

@@ -103,6 +103,45 @@ std::string pemOf(const CertContext& context) {
     return x509ToPem(context.cert.get());
 }
 
+// The http URLs of a certificate's CRL distribution points.
+std::vector<std::string> crlUrlsOf(X509* cert) {
+    std::vector<std::string> urls;
+    auto* points = static_cast<STACK_OF(DIST_POINT)*>(
+        X509_get_ext_d2i(cert, NID_crl_distribution_points, nullptr, nullptr));
+    for (int i = 0; points != nullptr && i < sk_DIST_POINT_num(points); ++i) {
+        const DIST_POINT* point = sk_DIST_POINT_value(points, i);
+        if (point->distpoint == nullptr || point->distpoint->type != 0) {
+            continue;  // a relative name, not a list of locations
+        }
+        const GENERAL_NAMES* names = point->distpoint->name.fullname;
+        for (int j = 0; j < sk_GENERAL_NAME_num(names); ++j) {
+            const GENERAL_NAME* name = sk_GENERAL_NAME_value(names, j);
+            if (name->type != GEN_URI) {
+                continue;
+            }
+            const ASN1_IA5STRING* uri = name->d.uniformResourceIdentifier;
+            std::string url(reinterpret_cast<const char*>(ASN1_STRING_get0_data(uri)),
+                            static_cast<std::size_t>(ASN1_STRING_length(uri)));
+            // CRLs are signed, so plain http is what publishers use; other
+            // schemes (ldap, file) are not followed.
+            if (strncasecmp(url.c_str(), "http://", 7) == 0) {
+                urls.push_back(std::move(url));
+            }
+        }
+    }
+    sk_DIST_POINT_pop_free(points, DIST_POINT_free);
+    ERR_clear_error();
+    return urls;
+}
+
+// A fetched CRL in PEM or DER.
+CrlPtr parseCrl(const std::string& data) {
+    if (data.find("-----BEGIN X509 CRL-----") != std::string::npos) {
+        return crlFromPem(data);
+    }
+    return crlFromDer(std::vector<std::uint8_t>(data.begin(), data.end()));
+}
+
 }  // namespace
 
 std::shared_ptr<const std::vector<X509Ptr>> OpenSslCertStore::Impl::systemRoots(
@@ -445,6 +484,13 @@ bool OpenSslCertStore::VerifyCertRevocation(const CertContext* cert,
         MFW_LOG(4, "OpenSslCertStore::VerifyCertRevocation(): Unable to find first simple chain");
         return false;
     }
+    if (options_.crlFetcher && fetchMissingCrls(*chain, crls)) {
+        CertChainPtr again = impl_->buildChain(options_, *cert, issuers, &crls, error);
+        if (again && !again->simpleChains.empty() &&
+            !again->simpleChains.front().elements.empty()) {
+            chain = std::move(again);
+        }
+    }
     SimpleChain& first = chain->simpleChains.front();
     if (!validForServerAuth(cert->cert.get())) {
         first.elements.front().errorStatus |= trust::kNotValidForUsage;
@@ -453,6 +499,43 @@ bool OpenSslCertStore::VerifyCertRevocation(const CertContext* cert,
     errorStatus = first.errorStatus;
     infoStatus = first.infoStatus;
     return true;
+}
+
+bool OpenSslCertStore::fetchMissingCrls(const CertChain& chain, std::vector<CrlPtr>& crls) {
+    bool fetched = false;
+    for (const auto& element : chain.simpleChains.front().elements) {
+        if ((element.errorStatus & trust::kRevocationStatusUnknown) == 0 || !element.context.cert) {
+            continue;
+        }
+        for (const auto& url : crlUrlsOf(element.context.cert.get())) {
+            std::string data;
+            std::string error;
+            CrlPtr crl;
+            if (!options_.crlFetcher(url, data, error)) {
+                MFW_LOG(3,
+                        "OpenSslCertStore::VerifyCertRevocation(): Unable to fetch CRL from %s: %s",
+                        url.c_str(), error.c_str());
+                continue;
+            }
+            if (!(crl = parseCrl(data))) {
+                MFW_LOG(3, "OpenSslCertStore::VerifyCertRevocation(): No CRL at %s", url.c_str());
+                continue;
+            }
+            MFW_LOG(1, "OpenSslCertStore::VerifyCertRevocation(): Fetched CRL from %s",
+                    url.c_str());
+            // Kept for later checks; the signature is checked when it is used.
+            auto db = openCertDatabase(options_.databaseFile, "VerifyCertRevocation");
+            if (!db || !db->putCrl(kCaStoreName, crlToDer(crl.get()))) {
+                MFW_LOG(3,
+                        "OpenSslCertStore::VerifyCertRevocation(): Unable to keep the CRL from %s",
+                        url.c_str());
+            }
+            crls.push_back(std::move(crl));
+            fetched = true;
+            break;
+        }
+    }
+    return fetched;
 }
 
 }  // namespace ndpx::certs

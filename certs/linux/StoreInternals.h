@@ -83,5 +83,7 @@ std::vector<CertContext> rowsToContexts(const std::vector<CertDatabase::CertRow>
                                         const CertStorePtr& store);
 
 inline constexpr const char* kRootStoreName = "Root";
+// Where fetched CRLs are kept.
+inline constexpr const char* kCaStoreName = "CA";
 
 }  // namespace ndpx::certs

@@ -96,6 +96,25 @@ HttpRequestFactory curlHttpRequestFactory() {
     return [] { return std::make_shared<CurlHttpRequest>(); };
 }
 
+certs::OpenSslCertStore::CrlFetcher crlFetcher() {
+    return [](const std::string& url, std::string& crl, std::string& error) {
+        constexpr auto kTimeout = std::chrono::seconds(15);
+        constexpr std::size_t kMaxBytes = 16u << 20;
+        return fetchText(url, kTimeout, kMaxBytes, nullptr, crl, error);
+    };
+}
+
+namespace {
+
+// The machine's store, fetching the CRLs it lacks.
+std::shared_ptr<certs::CertUtilityInterface> fetchingMachineStore() {
+    certs::OpenSslCertStore::Options options;
+    options.crlFetcher = crlFetcher();
+    return std::make_shared<certs::OpenSslCertStore>(std::move(options));
+}
+
+}  // namespace
+
 HttpRequestFactory curlHttpRequestFactory(std::shared_ptr<certs::CertUtilityInterface> store) {
     return [store] { return std::make_shared<CurlHttpRequest>(store); };
 }
@@ -156,8 +175,7 @@ struct CurlHttpRequest::Transfer {
 };
 
 CurlHttpRequest::CurlHttpRequest(std::shared_ptr<certs::CertUtilityInterface> machineStore)
-    : machineStore_(machineStore ? std::move(machineStore)
-                                 : std::make_shared<certs::OpenSslCertStore>()),
+    : machineStore_(machineStore ? std::move(machineStore) : fetchingMachineStore()),
       userProxy_(std::make_shared<ProxyConfig>()) {
     ensureCurlInitialized();
 }

@@ -5,10 +5,10 @@
 // verification for the connection (SSL_CTX_set_cert_verify_callback, set up
 // through CURLOPT_SSL_CTX_FUNCTION): a failing check aborts the handshake,
 // so no byte of the request is sent. Chains are built and judged by the
-// machine's certificate store (its trusted roots, and the CRLs added to it
-// for revocation checks); CRL distribution points are not fetched, so a
-// certificate whose issuer has no CRL in the store fails a revocation check
-// as "status unknown".
+// machine's certificate store: its trusted roots, and for revocation checks
+// the CRLs it holds, fetched from a certificate's distribution points when
+// it holds none for it (and kept). A certificate whose CRL can be neither
+// found nor fetched fails a revocation check as "status unknown".
 //
 // Each asynchronous request runs on a thread owned by the object; the
 // synchronous forms run on the caller's thread. Redirects are not followed
@@ -19,6 +19,7 @@
 // HTTPS proxies are not used.
 
 #include "certs/CertUtilityInterface.h"
+#include "certs/linux/OpenSslCertStore.h"
 #include "net/CancelToken.h"
 #include "net/HttpRequest.h"
 #include "net/ProxyConfig.h"
@@ -200,5 +201,9 @@ private:
 
 // Requests checked against the given certificate store.
 HttpRequestFactory curlHttpRequestFactory(std::shared_ptr<certs::CertUtilityInterface> store);
+
+// Fetches CRLs from their distribution points for the certificate store's
+// revocation checks: http, directly (no proxy), within 15 s and 16 MiB.
+certs::OpenSslCertStore::CrlFetcher crlFetcher();
 
 }  // namespace ndpx::net

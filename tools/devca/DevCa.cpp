@@ -181,7 +181,7 @@ enum class Profile { Ca, Server, Client };
 // subjectAltName value for server certificates.
 X509Ptr makeCertificate(X509_NAME* subject, EVP_PKEY* subjectKey, X509* issuerCert,
                         EVP_PKEY* issuerKey, long serialCounter, const Validity& v, Profile profile,
-                        const std::string& sans) {
+                        const std::string& sans, const std::string& crlUrl = {}) {
     X509Ptr cert(X509_new());
     if (!cert || X509_set_version(cert.get(), X509_VERSION_3) != 1) {
         fail("cannot create a certificate");
@@ -222,6 +222,9 @@ X509Ptr makeCertificate(X509_NAME* subject, EVP_PKEY* subjectKey, X509* issuerCe
                              "critical,digitalSignature,keyEncipherment");
             mustAddExtension(cert.get(), issuer, NID_ext_key_usage, "clientAuth");
             break;
+    }
+    if (!crlUrl.empty()) {
+        mustAddExtension(cert.get(), issuer, NID_crl_distribution_points, "URI:" + crlUrl);
     }
     if (X509_sign(cert.get(), issuerKey, EVP_sha256()) <= 0) {
         fail("cannot sign the certificate");
@@ -306,7 +309,7 @@ CertificateAuthority CertificateAuthority::createIntermediate(const std::string&
     ca.key_ = newRsaKey();
     const NamePtr subject = nameWithCommonName(commonName);
     ca.cert_ = makeCertificate(subject.get(), ca.key_.get(), cert_.get(), key_.get(), nextSerial_++,
-                               v, Profile::Ca, {});
+                               v, Profile::Ca, {}, crlUrl_);
     ca.certPem_ = certToPem(ca.cert_.get());
     ca.keyPem_ = keyToPem(ca.key_.get());
     ca.parentChainPem_ = chainPem();
@@ -326,7 +329,7 @@ Issued CertificateAuthority::issueServer(const std::string& commonName,
     PkeyPtr key = newRsaKey();
     const NamePtr subject = nameWithCommonName(commonName);
     X509Ptr cert = makeCertificate(subject.get(), key.get(), cert_.get(), key_.get(), nextSerial_++,
-                                   v, Profile::Server, sans);
+                                   v, Profile::Server, sans, crlUrl_);
     return makeIssued(std::move(cert), std::move(key));
 }
 
@@ -334,7 +337,7 @@ Issued CertificateAuthority::issueClient(const std::string& commonName, Validity
     PkeyPtr key = newRsaKey();
     const NamePtr subject = nameWithCommonName(commonName);
     X509Ptr cert = makeCertificate(subject.get(), key.get(), cert_.get(), key_.get(), nextSerial_++,
-                                   v, Profile::Client, {});
+                                   v, Profile::Client, {}, crlUrl_);
     return makeIssued(std::move(cert), std::move(key));
 }
 
@@ -361,7 +364,7 @@ std::optional<Issued> CertificateAuthority::signCsr(const std::string& csrPem,
         return std::nullopt;
     }
     X509Ptr cert = makeCertificate(subject.get(), requesterKey, cert_.get(), key_.get(),
-                                   nextSerial_++, v, Profile::Client, {});
+                                   nextSerial_++, v, Profile::Client, {}, crlUrl_);
     return makeIssued(std::move(cert), nullptr);
 }
 

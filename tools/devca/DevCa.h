@@ -72,6 +72,9 @@ public:
                                   const std::optional<std::string>& commonName = std::nullopt,
                                   Validity v = {});
 
+    // Certificates issued from now on name `url` as where this CA's CRL is
+    // published (CRL distribution point); empty names none.
+    void setCrlDistributionPoint(std::string url) { crlUrl_ = std::move(url); }
     void revoke(const std::string& serialHex);
     // A CRL (PEM) listing every revoked serial, valid from an hour ago for a day.
     std::string crlPem() const;
@@ -94,6 +97,7 @@ private:
     std::string keyPem_;
     std::string parentChainPem_;
     std::vector<std::string> revoked_;
+    std::string crlUrl_;
     long nextSerial_ = 1000;
 };
 

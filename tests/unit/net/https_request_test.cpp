@@ -8,6 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <mutex>
+
 namespace ndpx::net {
 namespace {
 
@@ -165,6 +168,67 @@ TEST(HttpsRequestTrust, RefusedServersHearNothingAndRelaxedChecksLetRequestsThro
             EXPECT_TRUE(log.contains(c.refusal)) << log.all();
         }
     }
+}
+
+// Certificates that name where their CA publishes its CRL: a store without
+// those CRLs fetches them once, keeps them, and judges by them; a CRL that
+// cannot be fetched leaves the status unknown.
+TEST(HttpsRequestTrust, MissingCrlsAreFetchedFromDistributionPointsAndKept) {
+    std::map<std::string, std::string> published;  // path -> CRL, filled below
+    std::mutex publishedMutex;
+    TestServer crlServer([&](const httplib::Request& req, httplib::Response& res) {
+        std::lock_guard lock(publishedMutex);
+        const auto found = published.find(req.path);
+        res.status = found != published.end() ? 200 : 404;
+        res.set_content(found != published.end() ? found->second : "", "application/pkix-crl");
+    });
+    auto root = devca::CertificateAuthority::createRoot("CDP Root");
+    root.setCrlDistributionPoint(crlServer.url("/root.crl"));
+    auto inter = root.createIntermediate("CDP Intermediate");
+    inter.setCrlDistributionPoint(crlServer.url("/inter.crl"));
+    const auto good = inter.issueServer("localhost", {"localhost"}, {"127.0.0.1"});
+    const auto revoked = inter.issueServer("localhost", {"localhost"}, {"127.0.0.1"});
+    inter.revoke(revoked.serialHex);
+    test::TempDir dir;
+    const auto rootFile = dir.path() / "root.pem";
+    test::writeFile(rootFile, root.certPem());
+    const auto storeAt = [&](const char* name) {
+        certs::OpenSslCertStore::Options o;
+        o.databaseFile = (dir.path() / name).string();
+        o.systemRootsFile = rootFile.string();
+        o.crlFetcher = crlFetcher();
+        return std::make_shared<certs::OpenSslCertStore>(o);
+    };
+    const auto fetch = [&](const Store& store, const devca::Issued& leaf, std::string& response) {
+        TestServer server(leaf.certPem + inter.certPem(), leaf.keyPem, test::answer(200, "ok"));
+        auto request = makeRequest(store);
+        request->enableRevocationCheck();
+        return request->getSync(server.url(), response) && server.requests() == 1;
+    };
+    std::string response;
+    {
+        // Nothing published yet: the status stays unknown.
+        LogCapture log;
+        EXPECT_FALSE(fetch(storeAt("unpublished.sqlite"), good, response));
+        EXPECT_TRUE(log.contains("Unable to fetch CRL from " + crlServer.url("/inter.crl")));
+        EXPECT_TRUE(log.contains("RequestCallback(): Certificate revocation check failed"));
+    }
+    {
+        std::lock_guard lock(publishedMutex);
+        published = {{"/root.crl", root.crlPem()}, {"/inter.crl", inter.crlPem()}};
+    }
+    const int before = crlServer.requests();
+    const auto store = storeAt("machine.sqlite");
+    LogCapture log;
+    EXPECT_TRUE(fetch(store, good, response));
+    EXPECT_EQ(response, "ok");
+    EXPECT_TRUE(log.contains("Fetched CRL from " + crlServer.url("/inter.crl")));
+    EXPECT_TRUE(log.contains("Fetched CRL from " + crlServer.url("/root.crl")));
+    EXPECT_EQ(crlServer.requests(), before + 2);
+    // Kept: the revoked certificate is judged without fetching again.
+    EXPECT_FALSE(fetch(store, revoked, response));
+    EXPECT_TRUE(log.contains("RequestCallback(): Certificate has been revoked"));
+    EXPECT_EQ(crlServer.requests(), before + 2);
 }
 
 // --- Answers and failures ---
