@@ -96,11 +96,32 @@ HttpRequestFactory curlHttpRequestFactory() {
     return [] { return std::make_shared<CurlHttpRequest>(); };
 }
 
+namespace {
+
+// The cancel token of the request whose server checks run on this thread:
+// a CRL fetch the store makes for them ends when the request is cancelled.
+thread_local CancelToken* t_checkingCancel = nullptr;
+
+class CheckingRequest {
+public:
+    explicit CheckingRequest(CancelToken* cancel) : previous_(t_checkingCancel) {
+        t_checkingCancel = cancel;
+    }
+    ~CheckingRequest() { t_checkingCancel = previous_; }
+    CheckingRequest(const CheckingRequest&) = delete;
+    CheckingRequest& operator=(const CheckingRequest&) = delete;
+
+private:
+    CancelToken* previous_;
+};
+
+}  // namespace
+
 certs::OpenSslCertStore::CrlFetcher crlFetcher() {
     return [](const std::string& url, std::string& crl, std::string& error) {
         constexpr auto kTimeout = std::chrono::seconds(15);
         constexpr std::size_t kMaxBytes = 16u << 20;
-        return fetchText(url, kTimeout, kMaxBytes, nullptr, crl, error);
+        return fetchText(url, kTimeout, kMaxBytes, t_checkingCancel, crl, error);
     };
 }
 
@@ -775,6 +796,7 @@ int CurlHttpRequest::verifyCallback(X509_STORE_CTX* ctx, void* arg) {
 }
 
 bool CurlHttpRequest::verifyServer(Transfer& t, X509_STORE_CTX* ctx) {
+    const CheckingRequest checking(t.cancel.get());
     X509* leaf = X509_STORE_CTX_get0_cert(ctx);
     // The server certificate as a platform TLS stack hands it over: with the
     // certificates the server sent in an in-memory store of its own, where

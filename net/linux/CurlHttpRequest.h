@@ -203,7 +203,9 @@ private:
 HttpRequestFactory curlHttpRequestFactory(std::shared_ptr<certs::CertUtilityInterface> store);
 
 // Fetches CRLs from their distribution points for the certificate store's
-// revocation checks: http, directly (no proxy), within 15 s and 16 MiB.
+// revocation checks: http, directly (no proxy), within 15 s and 16 MiB. A
+// fetch made for a request's server checks ends when that request is
+// cancelled.
 certs::OpenSslCertStore::CrlFetcher crlFetcher();
 
 }  // namespace ndpx::net

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <map>
 #include <mutex>
 
@@ -176,7 +177,11 @@ TEST(HttpsRequestTrust, RefusedServersHearNothingAndRelaxedChecksLetRequestsThro
 TEST(HttpsRequestTrust, MissingCrlsAreFetchedFromDistributionPointsAndKept) {
     std::map<std::string, std::string> published;  // path -> CRL, filled below
     std::mutex publishedMutex;
+    std::atomic<bool> hold{false};
     TestServer crlServer([&](const httplib::Request& req, httplib::Response& res) {
+        if (hold) {
+            crlServer.holdUntilReleased();
+        }
         std::lock_guard lock(publishedMutex);
         const auto found = published.find(req.path);
         res.status = found != published.end() ? 200 : 404;
@@ -229,6 +234,21 @@ TEST(HttpsRequestTrust, MissingCrlsAreFetchedFromDistributionPointsAndKept) {
     EXPECT_FALSE(fetch(store, revoked, response));
     EXPECT_TRUE(log.contains("RequestCallback(): Certificate has been revoked"));
     EXPECT_EQ(crlServer.requests(), before + 2);
+
+    // A fetch made for a request's checks ends when the request is cancelled.
+    hold = true;
+    TestServer server(good.certPem + inter.certPem(), good.keyPem, test::answer(200, "ok"));
+    auto request = makeRequest(storeAt("cancelled.sqlite"));
+    request->enableRevocationCheck();
+    std::atomic<int> calls{0};
+    ASSERT_TRUE(request->getAsync(server.url(), [&](HttpRequest*, std::string) { ++calls; }));
+    ASSERT_TRUE(crlServer.waitForRequests(before + 3));
+    request->cancelRequest();
+    EXPECT_FALSE(log.contains("cancelRequest(): Failed to wait for cancel event"))
+        << "the CRL fetch outlived the cancel";
+    crlServer.release();
+    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(server.requests(), 0);
 }
 
 // --- Answers and failures ---
