@@ -1000,14 +1000,8 @@ std::size_t CurlHttpRequest::readCallback(char* buffer, std::size_t size, std::s
     if (t.bytesSent >= t.totalLength || room == 0) {
         return 0;
     }
-    if (!t.file.is_open()) {
-        const std::size_t n =
-            static_cast<std::size_t>(std::min<std::uint64_t>(room, t.totalLength - t.bytesSent));
-        std::memcpy(buffer, t.memoryBody.data() + t.bytesSent, n);
-        t.bytesSent += n;
-        return n;
-    }
-    if (t.chunkPos >= t.chunk.size()) {
+    const bool fromFile = t.file.is_open();
+    if (fromFile && t.chunkPos >= t.chunk.size()) {
         // The next chunk of the file.
         const auto want = std::min<std::uint64_t>(t.chunkSize, t.totalLength - t.bytesSent);
         t.chunk.resize(static_cast<std::size_t>(want));
@@ -1022,9 +1016,15 @@ std::size_t CurlHttpRequest::readCallback(char* buffer, std::size_t size, std::s
         t.chunkPos = 0;
         ++t.owner->uploadChunks_;
     }
-    const std::size_t n = std::min(room, t.chunk.size() - t.chunkPos);
-    std::memcpy(buffer, t.chunk.data() + t.chunkPos, n);
-    t.chunkPos += n;
+    // An in-memory body is one chunk that is always at hand.
+    const char* source = fromFile ? t.chunk.data() + t.chunkPos : t.memoryBody.data() + t.bytesSent;
+    const std::size_t available = fromFile ? t.chunk.size() - t.chunkPos
+                                           : static_cast<std::size_t>(t.totalLength - t.bytesSent);
+    const std::size_t n = std::min(room, available);
+    std::memcpy(buffer, source, n);
+    if (fromFile) {
+        t.chunkPos += n;
+    }
     t.bytesSent += n;
     return n;
 }
