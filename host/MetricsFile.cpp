@@ -1,4 +1,4 @@
-#include "host/MetricsFile.h"
+#include "MetricsFile.h"
 
 #include <json/reader.h>
 #include <json/writer.h>

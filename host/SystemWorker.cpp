@@ -1,4 +1,4 @@
-#include "host/SystemWorker.h"
+#include "SystemWorker.h"
 
 #include <mfw/corestring.h>
 #include <mfw/log.h>

@@ -1,9 +1,9 @@
 // The connection: client creation, connect, disconnect, tear-down, and the
 // client library's connection callbacks.
 
+#include "TlsRefusalProbe.h"
 #include "config/MqttManagerUtil.h"
 #include "mqtt/MqttManager.h"
-#include "mqtt/TlsRefusalProbe.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/corestring.h>

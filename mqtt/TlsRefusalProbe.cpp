@@ -1,4 +1,4 @@
-#include "mqtt/TlsRefusalProbe.h"
+#include "TlsRefusalProbe.h"
 
 #include <netdb.h>
 #include <poll.h>

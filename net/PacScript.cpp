@@ -1,4 +1,4 @@
-#include "net/PacScript.h"
+#include "PacScript.h"
 
 #include "net/Handles.h"
 

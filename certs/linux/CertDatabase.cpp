@@ -1,4 +1,4 @@
-#include "certs/linux/CertDatabase.h"
+#include "CertDatabase.h"
 
 #include <openssl/evp.h>
 #include <sqlite3.h>

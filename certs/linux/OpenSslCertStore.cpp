@@ -1,6 +1,6 @@
 #include "certs/linux/OpenSslCertStore.h"
 
-#include "certs/linux/StoreInternals.h"
+#include "StoreInternals.h"
 
 #include <mfw/moduleLog.h>
 #include <platform/Paths.h>

@@ -1,8 +1,8 @@
 // Chains, the machine's trusted roots and the SSL and revocation checks of
 // OpenSslCertStore.
 
+#include "StoreInternals.h"
 #include "certs/linux/OpenSslCertStore.h"
-#include "certs/linux/StoreInternals.h"
 
 #include <mfw/moduleLog.h>
 

@@ -2,8 +2,8 @@
 // Parts of OpenSslCertStore shared by its source files: the two kinds of
 // store handle, the system roots cache and the helpers every operation uses.
 
+#include "CertDatabase.h"
 #include "certs/OpenSslUtil.h"
-#include "certs/linux/CertDatabase.h"
 #include "certs/linux/OpenSslCertStore.h"
 
 #include <sys/types.h>

@@ -5,9 +5,9 @@
 // the pipe back to its parent; the clock and this machine's addresses are
 // read before the fork.
 
+#include "../PacScript.h"
 #include "net/CurlUtil.h"
 #include "net/Handles.h"
-#include "net/PacScript.h"
 #include "net/ProxyConfig.h"
 
 #include <mfw/moduleLog.h>

@@ -1,4 +1,4 @@
-#include "devcloud/BrokerEndpoint.h"
+#include "BrokerEndpoint.h"
 
 #include "devca/DevCa.h"
 

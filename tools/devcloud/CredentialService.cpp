@@ -1,7 +1,7 @@
-#include "devcloud/CredentialService.h"
+#include "CredentialService.h"
 
 #include <mfw/corestring.h>
-#include "devcloud/OtpStore.h"
+#include "OtpStore.h"
 
 #include <httplib.h>
 #include <json/json.h>

@@ -7,7 +7,7 @@
 // The service's own TLS certificate is kept in the folder (credsvc/), so its
 // thumbprint, which agents pin, survives restarts.
 
-#include "devcloud/BrokerEndpoint.h"
+#include "BrokerEndpoint.h"
 #include "devcloud/Home.h"
 
 #include <chrono>

@@ -1,4 +1,4 @@
-#include "devcloud/OtpStore.h"
+#include "OtpStore.h"
 
 #include "devca/DevCa.h"
 #include "devcloud/UniqueFd.h"

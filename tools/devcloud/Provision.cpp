@@ -1,7 +1,7 @@
-#include "devcloud/Provision.h"
+#include "Provision.h"
 
+#include "OtpStore.h"
 #include "devca/DevCa.h"
-#include "devcloud/OtpStore.h"
 
 #include <json/json.h>
 #include <sys/stat.h>

@@ -3,15 +3,15 @@
 // certificate only, provisions desktops and pairs them over HTTPS, and talks
 // to desktop agents as the control plane does.
 
+#include "BrokerEndpoint.h"
+#include "CredentialService.h"
+#include "Provision.h"
 #include "devca/DevCa.h"
 #include "devcloud/BrokerConfig.h"
-#include "devcloud/BrokerEndpoint.h"
 #include "devcloud/BrokerProcess.h"
-#include "devcloud/CredentialService.h"
 #include "devcloud/EchoResponder.h"
 #include "devcloud/Home.h"
 #include "devcloud/MqttClient.h"
-#include "devcloud/Provision.h"
 #include "devcloud/Topics.h"
 #include "devcloud/UniqueFd.h"
 
