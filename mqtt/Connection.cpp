@@ -3,6 +3,7 @@
 
 #include "TlsRefusalProbe.h"
 #include "config/MqttManagerUtil.h"
+#include "mqtt/EndpointUrl.h"
 #include "mqtt/MqttManager.h"
 
 #include <mfw/MessageFrameWork.h>
@@ -17,27 +18,6 @@ namespace ndpx {
 namespace {
 
 constexpr const char* kNullGuidText = "00000000-0000-0000-0000-000000000000";
-
-// "ssl://host:port" or "wss://host:port/mqtt" -> host, port.
-bool splitEndpoint(const std::string& url, std::string& host, int& port) {
-    auto rest = url;
-    if (const auto scheme = rest.find("://"); scheme != std::string::npos) {
-        rest = rest.substr(scheme + 3);
-    }
-    if (const auto slash = rest.find('/'); slash != std::string::npos) {
-        rest = rest.substr(0, slash);
-    }
-    const auto colon = rest.rfind(':');
-    if (colon == std::string::npos) {
-        return false;
-    }
-    host = rest.substr(0, colon);
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
-        host = host.substr(1, host.size() - 2);
-    }
-    port = std::atoi(rest.c_str() + colon + 1);
-    return !host.empty() && port > 0;
-}
 
 bool containsNoCase(const std::string& text, const std::string& word) {
     return CORE::toLowerAscii(text).find(CORE::toLowerAscii(word)) != std::string::npos;
@@ -167,10 +147,9 @@ int MqttManager::Connect() {
         connectionGuid_ = guid;
         currentEndpoint_ = material->endpointUrl;
         lastAttemptEndpoint_ = material->endpointUrl;
-        if (!splitEndpoint(material->endpointUrl, brokerHost_, brokerPort_)) {
-            brokerHost_.clear();
-            brokerPort_ = 0;
-        }
+        const auto endpoint = parseEndpointUrl(material->endpointUrl);
+        brokerHost_ = endpoint ? endpoint->host : std::string();
+        brokerPort_ = endpoint ? endpoint->port : 0;
     }
     MFW_LOG(CORE::kLogDebug, "MqttManager::Connect(): Endpoint URL: %s",
             material->endpointUrl.c_str());

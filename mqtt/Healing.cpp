@@ -1,5 +1,6 @@
 // Healing, tear-down and endpoint change. See docs/healing.md for the design.
 
+#include "mqtt/EndpointUrl.h"
 #include "mqtt/MqttManager.h"
 
 #include <mfw/MessageFrameWork.h>
@@ -14,21 +15,6 @@ namespace {
 // connection is torn down and rebuilt from the stored material.
 constexpr int kTlsFailuresBeforeHealing = 3;
 constexpr int kErrorInvalidParameter = 87;
-
-bool looksLikeEndpoint(const std::string& url) {
-    const auto scheme = url.find("://");
-    if (scheme == std::string::npos) {
-        return false;
-    }
-    const std::string s = CORE::toLowerAscii(url.substr(0, scheme));
-    if (s != "ssl" && s != "wss" && s != "mqtts" && s != "tcp" && s != "ws") {
-        return false;
-    }
-    std::string rest = url.substr(scheme + 3);
-    rest = rest.substr(0, rest.find('/'));
-    const auto colon = rest.rfind(':');
-    return colon != std::string::npos && colon > 0 && std::atoi(rest.c_str() + colon + 1) > 0;
-}
 
 }  // namespace
 
@@ -168,7 +154,8 @@ bool MqttManager::HandleUpdateEndpointRetries(bool tlsFailure) {
 
 bool MqttManager::UpdateEndpointURL(CORE::PropertyBag& request, CORE::PropertyBag& response) {
     const std::string endpoint = CORE::toUtf8(request.get(L"ENDPOINT", L""));
-    if (!looksLikeEndpoint(endpoint)) {
+    const auto parsed = parseEndpointUrl(endpoint);
+    if (!parsed) {
         MFW_LOG(CORE::kLogError, "MqttManager::UpdateEndpointURL(): Invalid endpoint '%s'",
                 endpoint.c_str());
         CORE::serviceOperation::setReplyError(response, kErrorInvalidParameter,
