@@ -1,6 +1,7 @@
 #include "certs/pairingConfig.h"
 
 #include "certs/CertificateUtil.h"
+#include "config/EndpointUrl.h"
 #include "config/JsonUtil.h"
 #include "config/MqttManagerUtil.h"
 #include "config/mqttConfig.h"
@@ -9,8 +10,6 @@
 #include <mfw/moduleLog.h>
 
 #include <openssl/crypto.h>
-
-#include <cctype>
 
 namespace ndpx {
 namespace {
@@ -34,19 +33,6 @@ bool decodePem(const std::string& base64, std::string& pem) {
     return true;
 }
 
-bool isPort(const std::string& text) {
-    if (text.empty() || text.size() > 5) {
-        return false;
-    }
-    for (const char c : text) {
-        if (std::isdigit(static_cast<unsigned char>(c)) == 0) {
-            return false;
-        }
-    }
-    const long value = std::stol(text);
-    return value >= 1 && value <= 65535;
-}
-
 }  // namespace
 
 pairingConfig::pairingConfig(mqttConfig& config) : config_(config) {}
@@ -54,42 +40,6 @@ pairingConfig::pairingConfig(mqttConfig& config) : config_(config) {}
 std::string pairingConfig::makeEndpointUrl(const std::string& host, const std::string& port,
                                            bool webSocket) {
     return webSocket ? "wss://" + host + ":" + port + "/mqtt" : "ssl://" + host + ":" + port;
-}
-
-bool pairingConfig::parseEndpointUrl(const std::string& url, EndpointParts& out) {
-    out = {};
-    const auto schemeEnd = url.find("://");
-    if (schemeEnd == std::string::npos || schemeEnd == 0) {
-        return false;
-    }
-    const std::string authority =
-        url.substr(schemeEnd + 3, url.find('/', schemeEnd + 3) - (schemeEnd + 3));
-    std::string host;
-    std::string port;
-    if (!authority.empty() && authority.front() == '[') {
-        const auto close = authority.find(']');
-        if (close == std::string::npos || close + 1 >= authority.size() ||
-            authority[close + 1] != ':') {
-            return false;
-        }
-        host = authority.substr(1, close - 1);
-        port = authority.substr(close + 2);
-    } else {
-        const auto colon = authority.find(':');
-        // A second colon would be an IPv6 address without brackets.
-        if (colon == std::string::npos || authority.find(':', colon + 1) != std::string::npos) {
-            return false;
-        }
-        host = authority.substr(0, colon);
-        port = authority.substr(colon + 1);
-    }
-    if (host.empty() || !isPort(port)) {
-        return false;
-    }
-    out.scheme = url.substr(0, schemeEnd);
-    out.host = std::move(host);
-    out.port = std::move(port);
-    return true;
 }
 
 CredentialsStatus pairingConfig::InitCredentialsFromJSON(const std::string& response) {
@@ -280,15 +230,15 @@ bool pairingConfig::populateEndpointDetails(Json::Value& out) {
                 "endpoint.");
         return false;
     }
-    EndpointParts parts;
-    if (!parseEndpointUrl(endpoint, parts)) {
+    const auto parts = parseEndpointUrl(endpoint);
+    if (!parts) {
         MFW_LOG(CORE::kLogError,
                 "pairingConfig::populateEndpointDetails(): Unable to parse endpoint URL.");
         return false;
     }
-    out["hostname"] = parts.host;
-    out["wsEnabled"] = !CORE::iequals(parts.scheme.substr(0, 3), "ssl");
-    out["port"] = parts.port;
+    out["hostname"] = parts->host;
+    out["wsEnabled"] = !CORE::iequals(parts->scheme.substr(0, 3), "ssl");
+    out["port"] = std::to_string(parts->port);
     out["agentIdentity"] = config_.getAgentIdentity();
     return true;
 }

@@ -3,7 +3,7 @@
 
 #include "TlsRefusalProbe.h"
 #include "config/MqttManagerUtil.h"
-#include "mqtt/EndpointUrl.h"
+#include "config/EndpointUrl.h"
 #include "mqtt/MqttManager.h"
 
 #include <mfw/MessageFrameWork.h>

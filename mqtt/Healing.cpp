@@ -1,6 +1,6 @@
 // Healing, tear-down and endpoint change. See docs/healing.md for the design.
 
-#include "mqtt/EndpointUrl.h"
+#include "config/EndpointUrl.h"
 #include "mqtt/MqttManager.h"
 
 #include <mfw/MessageFrameWork.h>

@@ -1,5 +1,6 @@
 #include "services/DuplicateMessageHandler.h"
 
+#include <mfw/corethread.h>
 #include <mfw/moduleLog.h>
 
 namespace ndpx {
@@ -10,7 +11,10 @@ constexpr std::int64_t kTicksPerSecond = 10'000'000;
 DuplicateMessageHandler::DuplicateMessageHandler(std::int64_t retentionSeconds,
                                                  std::uint32_t timerPeriodMs,
                                                  ndpx::platform::TimeSource& time)
-    : CORE::coretimer(time), retention_(retentionSeconds), time_(time) {
+    // The timer's thread is one of the module's: PluginExit waits for it.
+    : CORE::coretimer(time, CORE::corethread::factory()),
+      retention_(retentionSeconds),
+      time_(time) {
     if (retention_ == 0) {
         enabled_ = false;
         return;

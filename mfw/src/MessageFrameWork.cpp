@@ -6,6 +6,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 namespace CORE {
@@ -17,6 +18,7 @@ struct SyncState {
     std::mutex mutex;
     std::condition_variable cv;
     bool done = false;
+    bool aborted = false;
     int result = kErrorSuccess;
     PropertyBag response;
 };
@@ -251,14 +253,28 @@ bool MessageFrameWork::RemoveWorker(const std::wstring& name, std::uint32_t /*fl
     return true;
 }
 
-bool MessageFrameWork::IsWorkerInstalled(const std::wstring& name, std::uint32_t timeoutMs) {
+bool MessageFrameWork::IsWorkerInstalled(const std::wstring& name, std::uint32_t timeoutMs,
+                                         coreevent* abort) {
+    bool aborted = false;
+    std::optional<coreevent::Waker> waker;
+    if (abort != nullptr) {
+        waker.emplace(*abort, [&] {
+            {
+                std::lock_guard lock(impl_->mutex);
+                aborted = true;
+            }
+            impl_->workersChanged.notify_all();
+        });
+    }
     std::unique_lock lock(impl_->mutex);
     auto present = [&] { return impl_->workers.count(keyOf(name)) != 0; };
+    auto over = [&] { return present() || impl_->shuttingDown || aborted; };
     if (timeoutMs == kInfinite) {
-        impl_->workersChanged.wait(lock, [&] { return present() || impl_->shuttingDown; });
-        return present();
+        impl_->workersChanged.wait(lock, over);
+    } else {
+        impl_->workersChanged.wait_for(lock, std::chrono::milliseconds(timeoutMs), over);
     }
-    return impl_->workersChanged.wait_for(lock, std::chrono::milliseconds(timeoutMs), present);
+    return present();
 }
 
 std::vector<std::wstring> MessageFrameWork::workerNames() const {
@@ -272,7 +288,7 @@ std::vector<std::wstring> MessageFrameWork::workerNames() const {
 
 int MessageFrameWork::SendMsg(const std::wstring& queue, const std::wstring& operation,
                               const PropertyBag& request, PropertyBag& response,
-                              std::uint32_t timeoutMs) {
+                              std::uint32_t timeoutMs, coreevent* abort) {
     auto state = std::make_shared<SyncState>();
     Request r;
     r.operation = operation;
@@ -281,12 +297,25 @@ int MessageFrameWork::SendMsg(const std::wstring& queue, const std::wstring& ope
     if (!impl_->enqueue(queue, std::move(r))) {
         return kErrorNotFound;
     }
+    std::optional<coreevent::Waker> waker;
+    if (abort != nullptr) {
+        waker.emplace(*abort, [state] {
+            {
+                std::lock_guard lock(state->mutex);
+                state->aborted = true;
+            }
+            state->cv.notify_all();
+        });
+    }
     std::unique_lock lock(state->mutex);
+    auto over = [&] { return state->done || state->aborted; };
     if (timeoutMs == kInfinite) {
-        state->cv.wait(lock, [&] { return state->done; });
-    } else if (!state->cv.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                   [&] { return state->done; })) {
+        state->cv.wait(lock, over);
+    } else if (!state->cv.wait_for(lock, std::chrono::milliseconds(timeoutMs), over)) {
         return kErrorTimeout;
+    }
+    if (!state->done) {
+        return kErrorShutdown;
     }
     response = std::move(state->response);
     return state->result;
@@ -340,6 +369,13 @@ int MessageHandler::SendMsg(const std::wstring& queue, const std::wstring& opera
                             const PropertyBag& request, PropertyBag& response,
                             std::uint32_t timeoutMs) {
     return MessageFrameWork::System().SendMsg(queue, operation, request, response, timeoutMs);
+}
+
+int MessageHandler::SendMsg(const std::wstring& queue, const std::wstring& operation,
+                            const PropertyBag& request, PropertyBag& response,
+                            std::uint32_t timeoutMs, coreevent& abort) {
+    return MessageFrameWork::System().SendMsg(queue, operation, request, response, timeoutMs,
+                                              &abort);
 }
 
 bool MessageHandler::PostMsg(const std::wstring& queue, const std::wstring& operation,

@@ -15,6 +15,10 @@ void coreevent::set() {
     } else {
         cv_.notify_one();
     }
+    std::lock_guard lock(wakersMutex_);
+    for (auto& wake : wakers_) {
+        wake();
+    }
 }
 
 void coreevent::reset() {
@@ -39,6 +43,19 @@ bool coreevent::wait(std::chrono::milliseconds timeout) {
 bool coreevent::waitMs(std::uint32_t timeoutMs) {
     return wait(timeoutMs == kInfinite ? std::chrono::milliseconds::max()
                                        : std::chrono::milliseconds(timeoutMs));
+}
+
+coreevent::Waker::Waker(coreevent& event, std::function<void()> wake) : event_(event) {
+    std::lock_guard lock(event_.wakersMutex_);
+    it_ = event_.wakers_.insert(event_.wakers_.end(), std::move(wake));
+    if (event_.isSet()) {
+        (*it_)();
+    }
+}
+
+coreevent::Waker::~Waker() {
+    std::lock_guard lock(event_.wakersMutex_);
+    event_.wakers_.erase(it_);
 }
 
 }  // namespace CORE

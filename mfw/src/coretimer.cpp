@@ -1,28 +1,62 @@
 #include <mfw/coretimer.h>
 
-namespace CORE {
+#include <thread>
 
-coretimer::coretimer(ndpx::platform::TimeSource& time)
-    : stopEvent_(coreevent::Reset::Manual, false, time) {}
+namespace CORE {
+namespace {
+
+class PlainThread : public ownedthread {
+public:
+    ~PlainThread() override { join(); }
+    bool start(const std::string&, std::function<void()> body) override {
+        if (thread_.joinable()) {
+            return false;
+        }
+        try {
+            thread_ = std::thread(std::move(body));
+        } catch (const std::system_error&) {
+            return false;
+        }
+        return true;
+    }
+    void join() override {
+        if (thread_.joinable() && !isCurrentThread()) {
+            thread_.join();
+        }
+    }
+    bool joinable() const override { return thread_.joinable(); }
+    bool isCurrentThread() const override { return thread_.get_id() == std::this_thread::get_id(); }
+
+private:
+    std::thread thread_;
+};
+
+}  // namespace
+
+std::unique_ptr<ownedthread> makePlainThread() {
+    return std::make_unique<PlainThread>();
+}
+
+coretimer::coretimer(ndpx::platform::TimeSource& time, ownedthreadFactory threads)
+    : stopEvent_(coreevent::Reset::Manual, false, time),
+      thread_(threads ? threads() : makePlainThread()) {}
 
 coretimer::~coretimer() {
     stop();
 }
 
 bool coretimer::start(std::uint32_t periodMs) {
-    if (thread_.joinable()) {
+    if (thread_->joinable()) {
         return false;
     }
     stopEvent_.reset();
-    thread_ = std::thread([this, periodMs] { run(std::chrono::milliseconds(periodMs)); });
-    return true;
+    return thread_->start("coretimer",
+                          [this, periodMs] { run(std::chrono::milliseconds(periodMs)); });
 }
 
 void coretimer::stop() {
     stopEvent_.set();
-    if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) {
-        thread_.join();
-    }
+    thread_->join();
 }
 
 void coretimer::run(std::chrono::milliseconds period) {

@@ -33,14 +33,6 @@ enum class CredentialsStatus {
     BadCertificate,   // "caCrt" or "clientCrt" is not base64
 };
 
-// The parts of an endpoint URL "scheme://host:port[/path]". An IPv6 host is
-// written in brackets in the URL and returned without them.
-struct EndpointParts {
-    std::string scheme;
-    std::string host;
-    std::string port;
-};
-
 class pairingConfig {
 public:
     // `config` gives the settings store and the agent identity; it must
@@ -77,7 +69,6 @@ public:
     // "ssl://host:port", or "wss://host:port/mqtt" over WebSocket.
     static std::string makeEndpointUrl(const std::string& host, const std::string& port,
                                        bool webSocket);
-    static bool parseEndpointUrl(const std::string& url, EndpointParts& out);
 
 private:
     mqttConfig& config_;

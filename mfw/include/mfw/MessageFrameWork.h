@@ -45,6 +45,11 @@ public:
     static int SendMsg(const std::wstring& queue, const std::wstring& operation,
                        const PropertyBag& request, PropertyBag& response,
                        std::uint32_t timeoutMs = kInfinite);
+    // As above, but the wait also ends, with kErrorShutdown, when `abort` is
+    // set (a stopping sender does not sit out the worker's time-out).
+    static int SendMsg(const std::wstring& queue, const std::wstring& operation,
+                       const PropertyBag& request, PropertyBag& response, std::uint32_t timeoutMs,
+                       coreevent& abort);
     // Fire and forget. False when the worker does not exist.
     static bool PostMsg(const std::wstring& queue, const std::wstring& operation,
                         const PropertyBag& request);
@@ -86,13 +91,15 @@ public:
     // for running ones. False when no such worker exists. Must not be called
     // from one of that worker's own threads.
     bool RemoveWorker(const std::wstring& name, std::uint32_t flags);
-    // Waits up to `timeoutMs` for a worker of that name to be registered.
-    bool IsWorkerInstalled(const std::wstring& name, std::uint32_t timeoutMs);
+    // Waits up to `timeoutMs` for a worker of that name to be registered;
+    // the wait ends early, with false, when `abort` is set.
+    bool IsWorkerInstalled(const std::wstring& name, std::uint32_t timeoutMs,
+                           coreevent* abort = nullptr);
     std::vector<std::wstring> workerNames() const;
 
     int SendMsg(const std::wstring& queue, const std::wstring& operation,
                 const PropertyBag& request, PropertyBag& response,
-                std::uint32_t timeoutMs = kInfinite);
+                std::uint32_t timeoutMs = kInfinite, coreevent* abort = nullptr);
     bool PostMsg(const std::wstring& queue, const std::wstring& operation,
                  const PropertyBag& request);
     bool SendAsyncMsg(const std::wstring& queue, const std::wstring& operation,

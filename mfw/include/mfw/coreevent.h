@@ -7,6 +7,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
+#include <list>
 #include <mutex>
 
 namespace CORE {
@@ -34,12 +36,31 @@ public:
 
     ndpx::platform::TimeSource& timeSource() const { return time_; }
 
+    // Runs `wake` when the event is set (at once if it is set already), for
+    // as long as the Waker lives: a wait on something else (a host message,
+    // a network request) can end when this event is set. Wakers run on the
+    // setting thread under the event's waker lock, so none runs once its
+    // Waker is gone; they must be short and must not touch this event.
+    class Waker {
+    public:
+        Waker(coreevent& event, std::function<void()> wake);
+        ~Waker();
+        Waker(const Waker&) = delete;
+        Waker& operator=(const Waker&) = delete;
+
+    private:
+        coreevent& event_;
+        std::list<std::function<void()>>::iterator it_;
+    };
+
 private:
     const Reset reset_;
     ndpx::platform::TimeSource& time_;
     mutable std::mutex mutex_;
     std::condition_variable cv_;
     bool signalled_;
+    std::mutex wakersMutex_;
+    std::list<std::function<void()>> wakers_;
 };
 
 }  // namespace CORE

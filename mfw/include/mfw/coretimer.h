@@ -5,23 +5,28 @@
 
 #include <mfw/coreevent.h>
 #include <mfw/coreref.h>
+#include <mfw/ownedthread.h>
 
 #include <chrono>
 #include <cstdint>
-#include <thread>
+#include <memory>
 
 namespace CORE {
 
 class coretimer : public coreref {
 public:
-    explicit coretimer(ndpx::platform::TimeSource& time = ndpx::platform::TimeSource::real());
+    // `threads` makes the timer's thread; by default a plain one. Code in a
+    // module passes corethread::factory() so that the thread is one of the
+    // module's.
+    explicit coretimer(ndpx::platform::TimeSource& time = ndpx::platform::TimeSource::real(),
+                       ownedthreadFactory threads = {});
     ~coretimer() override;
 
     // Starts calling TimerCallback every `periodMs`. False if already running.
     bool start(std::uint32_t periodMs);
     // Stops and joins; idempotent. Never call from TimerCallback.
     void stop();
-    bool running() const { return thread_.joinable(); }
+    bool running() const { return thread_->joinable(); }
 
 protected:
     // Return false to end the timer.
@@ -31,7 +36,7 @@ private:
     void run(std::chrono::milliseconds period);
 
     coreevent stopEvent_;
-    std::thread thread_;
+    std::unique_ptr<ownedthread> thread_;
 };
 
 }  // namespace CORE

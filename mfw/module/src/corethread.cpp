@@ -170,6 +170,10 @@ bool corethread::start(const std::string& name, std::function<void()> body) {
     return true;
 }
 
+ownedthreadFactory corethread::factory() {
+    return [] { return std::make_unique<corethread>(); };
+}
+
 void corethread::join() {
     if (thread_.joinable() && !isCurrentThread()) {
         thread_.join();

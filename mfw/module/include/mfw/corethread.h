@@ -4,7 +4,9 @@
 // A corethread object owns its thread and joins it; start-and-forget threads
 // are owned (and joined) by the group.
 
+#include <mfw/ownedthread.h>
 #include <chrono>
+
 #include <condition_variable>
 #include <functional>
 #include <list>
@@ -37,19 +39,23 @@ private:
     std::list<std::shared_ptr<Member>> members_;
 };
 
-class corethread {
+class corethread : public ownedthread {
 public:
     corethread() = default;
-    ~corethread();  // joins
+    ~corethread() override;  // joins
     corethread(const corethread&) = delete;
     corethread& operator=(const corethread&) = delete;
 
     // Starts `body` on a new named thread. False if one is already running
     // here or the thread cannot be created. Exceptions from `body` are logged.
-    bool start(const std::string& name, std::function<void()> body);
-    void join();
-    bool joinable() const { return thread_.joinable(); }
-    bool isCurrentThread() const { return thread_.get_id() == std::this_thread::get_id(); }
+    bool start(const std::string& name, std::function<void()> body) override;
+    void join() override;
+    bool joinable() const override { return thread_.joinable(); }
+    bool isCurrentThread() const override { return thread_.get_id() == std::this_thread::get_id(); }
+
+    // Makes threads of this module's group, for host framework objects that
+    // run a thread of their own (coretimer).
+    static ownedthreadFactory factory();
 
     // A thread that nobody joins but the group.
     static bool startDetached(const std::string& name, std::function<void()> body);

@@ -1,4 +1,4 @@
-#include "mqtt/EndpointUrl.h"
+#include "config/EndpointUrl.h"
 
 #include <mfw/corestring.h>
 
