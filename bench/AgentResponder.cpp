@@ -5,6 +5,7 @@
 #include "AgentResponder.h"
 
 #include "mqtt/MqttManager.h"
+#include "support/MqttManagerPeer.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/log.h>
@@ -64,13 +65,13 @@ public:
 
     void start(test::MosquittoBroker& broker, bool noDelay) override {
         const test::ClientPem client = broker.issueClient(kIdentity);
-        ConnectionMaterial material{"ssl://127.0.0.1:" + std::to_string(broker.port()),
-                                    kIdentity,
-                                    "desktop/bootstrap/" + kIdentity,
-                                    broker.caPem(),
-                                    client.certPem,
-                                    client.keyPem,
-                                    ""};
+        ConnectionMaterial material{
+            .endpointUrl = "ssl://127.0.0.1:" + std::to_string(broker.port()),
+            .clientId = kIdentity,
+            .bootstrapTopic = "desktop/bootstrap/" + kIdentity,
+            .caCertPem = broker.caPem(),
+            .clientCertPem = client.certPem,
+            .privateKeyPem = client.keyPem};
         MqttManagerDependencies deps;
         deps.runRegistrationThread = false;
         deps.setNoDelay = noDelay;
@@ -78,14 +79,13 @@ public:
         deps.connectionMaterial = [material] { return std::optional(material); };
         manager_ = std::make_unique<MqttManager>(deps);
         manager_->Start();
-        manager_->setPairedStateKnown(true);
-        manager_->setPaired(true);
+        MqttManagerTestPeer(*manager_).markPaired();
         manager_->ConfigureTopicNames();
         if (manager_->Connect() != 1) {
             throw std::runtime_error("agent responder: connect failed");
         }
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (manager_->subscribedMask() != kAllSubscribed) {
+        while (MqttManagerTestPeer(*manager_).subscribedMask() != kAllSubscribed) {
             if (std::chrono::steady_clock::now() > deadline) {
                 throw std::runtime_error("agent responder: not subscribed");
             }

@@ -1,9 +1,9 @@
-// The connection: client creation, connect, disconnect, tear-down, and the
-// client library's connection callbacks.
+// The manager's side of the connection: Connect with its options, the
+// tear-down, and the library's connection callbacks, which arrive here on
+// the executor.
 
 #include "TlsRefusalProbe.h"
 #include "config/MqttManagerUtil.h"
-#include "config/EndpointUrl.h"
 #include "mqtt/MqttManager.h"
 
 #include <mfw/MessageFrameWork.h>
@@ -11,8 +11,6 @@
 #include <mfw/moduleLog.h>
 #include <platform/Paths.h>
 #include <platform/SocketTuning.h>
-
-#include <MQTTAsync.h>
 
 namespace ndpx {
 namespace {
@@ -23,32 +21,51 @@ bool containsNoCase(const std::string& text, const std::string& word) {
     return CORE::toLowerAscii(text).find(CORE::toLowerAscii(word)) != std::string::npos;
 }
 
+// The base64 body of a PEM text (the DER it armours).
+std::string pemBody(const std::string& pem) {
+    std::string body;
+    std::size_t pos = 0;
+    while (pos < pem.size()) {
+        auto end = pem.find('\n', pos);
+        if (end == std::string::npos) {
+            end = pem.size();
+        }
+        std::string line = pem.substr(pos, end - pos);
+        if (!line.empty() && line.back() == '\r') {
+            line.pop_back();
+        }
+        if (line.rfind("-----", 0) != 0) {
+            body += line;
+        }
+        pos = end + 1;
+    }
+    return body;
+}
+
 }  // namespace
 
-std::string MqttManager::connectionGuid() const {
-    std::lock_guard lock(connectionLock_);
-    return connectionGuid_;
-}
-
-std::string MqttManager::currentEndpoint() const {
-    std::lock_guard lock(connectionLock_);
-    return currentEndpoint_;
-}
-
-int MqttManager::lastEndpointResult(const std::string& endpoint) const {
-    std::lock_guard lock(connectionLock_);
-    auto it = endpointStatus_.find(endpoint);
-    return it == endpointStatus_.end() ? -1 : it->second;
-}
-
-void MqttManager::recordEndpointResult(int result) {
-    std::lock_guard lock(connectionLock_);
-    endpointStatus_[currentEndpoint_] = result;
-}
-
 bool MqttManager::IsConnected() {
-    std::shared_lock lock(clientLock_);
-    return client_ && client_->isConnected();
+    return connection_.isConnected();
+}
+
+std::uint32_t MqttManager::disconnectTimeoutMs() const {
+    return static_cast<std::uint32_t>(config()->getDisconnectTimeout()) * 1000u;
+}
+
+std::string MqttManager::persistenceFolder() {
+    {
+        CORE::MutexLock lock(materialLock_);
+        if (!persistenceFolder_.empty()) {
+            return persistenceFolder_;
+        }
+    }
+    std::string folder;
+    if (RetrieveRootFolderPath(folder) != 1) {
+        return {};
+    }
+    CORE::MutexLock lock(materialLock_);
+    persistenceFolder_ = folder;
+    return folder;
 }
 
 bool MqttManager::writeTlsMaterial(const ConnectionMaterial& material,
@@ -56,16 +73,16 @@ bool MqttManager::writeTlsMaterial(const ConnectionMaterial& material,
     // The library reads these files on every reconnect: they stay in place,
     // private, for as long as the client exists.
     std::string trust = material.caCertPem;
-    if (material.rootCaPem.empty()) {
+    if (material.systemRootsPem.empty()) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::Connect(): Unable to append system CA to trust store");
     } else {
         if (!trust.empty() && trust.back() != '\n') {
             trust += '\n';
         }
-        trust += material.rootCaPem;
+        trust += material.systemRootsPem;
     }
-    const std::filesystem::path dir = persistenceFolder_;
+    const std::filesystem::path dir = persistenceFolder();
     options.trustStoreFile = (dir / "mqtt-trust.pem").string();
     options.keyStoreFile = (dir / "mqtt-client.pem").string();
     options.privateKeyFile = (dir / "mqtt-client.key").string();
@@ -83,26 +100,19 @@ bool MqttManager::writeTlsMaterial(const ConnectionMaterial& material,
 }
 
 int MqttManager::Connect() {
-    if (endpointOnly_.exchange(false)) {
-        if (IsConnected()) {
-            MFW_LOG(CORE::kLogDebug,
-                    "MqttManager::Connect(): Endpoint and CAcert are the same; Opting to not tear "
-                    "down existing MQTT Connection.");
-            return 1;
-        }
+    if (endpointOnly_.exchange(false) && IsConnected()) {
+        MFW_LOG(CORE::kLogDebug,
+                "MqttManager::Connect(): Endpoint and CAcert are the same; Opting to not tear "
+                "down existing MQTT Connection.");
+        return 1;
     }
 
-    bool hadClient = false;
-    {
-        std::shared_lock lock(clientLock_);
-        hadClient = static_cast<bool>(client_);
-    }
-    if (hadClient) {
+    if (connection_.hasClient()) {
         // Retire the previous session: its topics, then the client.
         SubscribeTopics pending;
         SubscribeTopics current;
         {
-            std::lock_guard lock(topicsLock_);
+            CORE::MutexLock lock(topicsLock_);
             pending = pendingTopics_;
             current = subscribeTopics_;
         }
@@ -117,13 +127,12 @@ int MqttManager::Connect() {
                     UnsubscribeToTopic(*t);
                 }
             }
-            std::lock_guard lock(topicsLock_);
+            CORE::MutexLock lock(topicsLock_);
             pendingTopics_ = {};
         }
         TearDownConnection();
     }
 
-    std::unique_lock lock(clientLock_);
     MFW_LOG(CORE::kLogDebug, "MqttManager::Connect(): Connecting MQTT.");
     SetState(MQTT_STATE_CONNECTING);
 
@@ -142,56 +151,28 @@ int MqttManager::Connect() {
         MFW_LOG(CORE::kLogError, "MqttManager::Connect(): No pairing data to connect with");
         return 0;
     }
+    info_.beginAttempt(guid, material->endpointUrl);
     {
-        std::lock_guard cl(connectionLock_);
-        connectionGuid_ = guid;
-        currentEndpoint_ = material->endpointUrl;
-        lastAttemptEndpoint_ = material->endpointUrl;
-        const auto endpoint = parseEndpointUrl(material->endpointUrl);
-        brokerHost_ = endpoint ? endpoint->host : std::string();
-        brokerPort_ = endpoint ? endpoint->port : 0;
+        CORE::MutexLock lock(materialLock_);
+        publicKey_ = pemBody(material->publicKeyPem);
+        chainRootPem_ = material->chainRootPem;
     }
     MFW_LOG(CORE::kLogDebug, "MqttManager::Connect(): Endpoint URL: %s",
             material->endpointUrl.c_str());
 
-    if (persistenceFolder_.empty() && RetrieveRootFolderPath(persistenceFolder_) != 1) {
+    const std::string folder = persistenceFolder();
+    if (folder.empty()) {
         return 0;
     }
     auto cfg = config();
     MqttCreateOptions create;
     create.serverUri = material->endpointUrl;
     create.clientId = material->clientId;
-    create.persistenceDir = persistenceFolder_;
+    create.persistenceDir = folder;
     create.sendWhileDisconnected = cfg->getSendWhileDisconnected();
     create.maxBufferedMessages = cfg->getMaxBufferedMessages();
     create.allowDisconnectedSendAtAnyTime = cfg->getAllowDisconnectedSendAtAnyTime();
     create.deleteOldestMessages = cfg->getDeleteOldestMessages();
-    int rc = 0;
-    client_ = deps_.clientFactory(create, *this, rc);
-    if (!client_) {
-        MFW_LOG(CORE::kLogError,
-                "MqttManager::Connect(): Failed to create client object, return code %d", rc);
-        return 0;
-    }
-    MFW_LOG(CORE::kLogInfo, "MqttManager::Connect(): MQTT handle: %p",
-            static_cast<void*>(client_.get()));
-    int step = 0;
-    rc = client_->attachCallbacks(step);
-    if (rc != 0) {
-        if (step == 1) {
-            MFW_LOG(CORE::kLogError,
-                    "MqttManager::Connect(): Failed to set callbacks, return code %d", rc);
-        } else if (step == 2) {
-            MFW_LOG(CORE::kLogError,
-                    "MqttManager::Connect(): Failed to set reconnected callback, return code %d",
-                    rc);
-        } else {
-            MFW_LOG(CORE::kLogError,
-                    "MqttManager::Connect(): Failed to set disconnected callback, return code %d",
-                    rc);
-        }
-        return 0;
-    }
 
     MqttConnectOptions options;
     options.keepAliveSeconds = cfg->getKeepAliveInterval();
@@ -213,64 +194,37 @@ int MqttManager::Connect() {
         return 0;
     }
 
-    rc = client_->connect(options);
-    if (rc != 0) {
-        MFW_LOG(CORE::kLogError,
-                "MqttManager::Connect(): Failed to connect to MQTT broker, return code %d", rc);
-        metrics_.ReportError("Unable to connect to MQTT broker");
-        return 0;
+    switch (connection_.open(create, options, disconnectTimeoutMs())) {
+        case MqttConnection::Opened::Started:
+            return 1;
+        case MqttConnection::Opened::ConnectRefused:
+            metrics_.ReportError("Unable to connect to MQTT broker");
+            return 0;
+        case MqttConnection::Opened::NotCreated:
+        case MqttConnection::Opened::CallbacksRefused:
+            return 0;
     }
-    return 1;
+    return 0;
 }
 
 bool MqttManager::Disconnect(std::uint32_t timeoutMs) {
-    // Called with clientLock held as writer.
-    if (!client_ || !client_->isConnected()) {
-        MFW_LOG(CORE::kLogDebug, "MqttManager::Disconnect(): Not connected, unable to disconnect");
-        return true;
-    }
-    MFW_LOG(CORE::kLogDebug, "MqttManager::Disconnect(): Disconnecting from MQTT Server.");
-    disconnectEvent_.reset();
-    const int rc = client_->disconnect(static_cast<int>(timeoutMs));
-    if (rc == MQTTASYNC_DISCONNECTED) {
-        MFW_LOG(CORE::kLogDebug, "MqttManager::Disconnect(): Client was already disconnected.");
-        return true;
-    }
-    if (rc != 0) {
-        MFW_LOG(CORE::kLogError, "MqttManager::Disconnect(): Disconnect failed, return code %d",
-                rc);
-        return false;
-    }
-    return disconnectEvent_.waitMs(timeoutMs);
+    return connection_.disconnect(timeoutMs);
 }
 
 void MqttManager::TearDownConnection() {
-    const auto timeoutMs = static_cast<std::uint32_t>(config()->getDisconnectTimeout()) * 1000u;
-    std::unique_lock lock(clientLock_);
-    if (!Disconnect(timeoutMs)) {
-        MFW_LOG(CORE::kLogError,
-                "MqttManager::TearDownConnection(): Failed to disconnect from the MQTT Server.");
-    }
-    client_.reset();
+    connection_.tearDown(disconnectTimeoutMs());
 }
 
 void MqttManager::applyNoDelay() {
-    std::string host;
-    int port = 0;
-    {
-        std::lock_guard lock(connectionLock_);
-        host = brokerHost_;
-        port = brokerPort_;
-    }
-    if (!host.empty()) {
-        const int n = platform::setNoDelayForPeer(host, port);
+    const auto broker = info_.broker();
+    if (!broker.host.empty()) {
+        const int n = platform::setNoDelayForPeer(broker.host, broker.port);
         MFW_LOG(CORE::kLogVerbose, "MqttManager::OnReconnected(): TCP_NODELAY set on %d socket(s)",
                 n);
     }
 }
 
-// Library callbacks. They run on the library's threads: anything that takes
-// clientLock or waits goes to the dispatch thread.
+// The library's callbacks, handed over by the connection: on the executor.
 
 void MqttManager::onConnected(const std::string&) {
     OnReconnected();
@@ -283,9 +237,6 @@ void MqttManager::onConnectFailure(const MqttFailure& f) {
 }
 void MqttManager::onConnectionLost(const std::string& cause) {
     OnConnectionLost(cause);
-}
-void MqttManager::onDisconnectSuccess() {
-    OnDisconnectSuccess();
 }
 void MqttManager::onDisconnectFailure(const MqttFailure& f) {
     OnDisconnectFailure(f);
@@ -313,34 +264,26 @@ void MqttManager::OnReconnected() {
 void MqttManager::OnConnectionSuccess(bool withResponseData) {
     SetState(MQTT_STATE_CONNECTED);
     duplicates_->SetConnected(true);
-    consecutiveTlsFailures_ = 0;
     if (withResponseData) {
         MFW_LOG(CORE::kLogInfo,
                 "MqttManager::OnConnectionSuccess(): Successfully connected to MQTT Server.");
         return;
     }
-    executor_.post([this] { postConnectWork(); });
+    postConnectWork();
 }
 
 void MqttManager::postConnectWork() {
-    recordEndpointResult(kEndpointConnected);
-    {
-        std::lock_guard lock(endpointChangeLock_);
-        previousEndpoint_.clear();
-        endpointAttemptsLeft_ = 0;
-    }
+    info_.recordResult(kEndpointConnected);
+    healing_.connected();
     SubscribeToTopics();
 
     CORE::PropertyBag request;
-    request.set(
-        L"ROOTCACERT",
-        CORE::toWide(deps_.connectionMaterial
-                         ? deps_.connectionMaterial().value_or(ConnectionMaterial{}).caCertPem
-                         : std::string()));
+    {
+        CORE::MutexLock lock(materialLock_);
+        request.set(L"ROOTCACERT", CORE::toWide(chainRootPem_));
+    }
     request.set(L"CERTSTORE", L"My");
-    CORE::PropertyBag response;
-    if (CORE::MessageHandler::SendMsg(L"DesktopManager", L"SetSSOv2Settings", request, response,
-                                      60000) != 0) {
+    if (sendToDesktopManager(L"SetSSOv2Settings", request) != 0) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::OnConnectionSuccess(): SSO Settings not set correctly.");
     }
@@ -353,32 +296,28 @@ void MqttManager::OnConnectionFailure(const MqttFailure& f) {
             f.code, f.reasonCode, f.message.empty() ? "null" : f.message.c_str(), f.token);
     metrics_.ReportError("Connection failed");
     if (containsNoCase(f.message, "TLS") || containsNoCase(f.message, "SSL")) {
-        recordEndpointResult(kEndpointTlsFailed);
+        info_.recordResult(kEndpointTlsFailed);
         HandleUpdateEndpointRetries(true);
         return;
     }
+    classifyConnectFailure();
+}
+
+void MqttManager::classifyConnectFailure() {
     // The library words a refused handshake like any other failure: repeat
-    // the handshake ourselves, off the library's thread, to tell them apart.
-    executor_.post([this] {
-        std::string host;
-        int port = 0;
-        {
-            std::lock_guard lock(connectionLock_);
-            host = brokerHost_;
-            port = brokerPort_;
-        }
-        const std::filesystem::path dir = persistenceFolder_;
-        const bool tls = !host.empty() &&
-                         probeTls(host, port, (dir / "mqtt-trust.pem").string(),
-                                  (dir / "mqtt-client.pem").string(),
-                                  (dir / "mqtt-client.key").string()) == TlsProbeResult::Refused;
-        if (tls) {
-            MFW_LOG(CORE::kLogWarning,
-                    "MqttManager::OnConnectionFailure(): The broker refused the TLS handshake");
-        }
-        recordEndpointResult(tls ? kEndpointTlsFailed : kEndpointFailed);
-        HandleUpdateEndpointRetries(tls);
-    });
+    // the handshake ourselves (bounded, and a stopping manager skips it).
+    const auto broker = info_.broker();
+    const std::filesystem::path dir = persistenceFolder();
+    const bool tls = !broker.host.empty() && !isStopping() &&
+                     probeTls(broker.host, broker.port, (dir / "mqtt-trust.pem").string(),
+                              (dir / "mqtt-client.pem").string(),
+                              (dir / "mqtt-client.key").string()) == TlsProbeResult::Refused;
+    if (tls) {
+        MFW_LOG(CORE::kLogWarning,
+                "MqttManager::OnConnectionFailure(): The broker refused the TLS handshake");
+    }
+    info_.recordResult(tls ? kEndpointTlsFailed : kEndpointFailed);
+    HandleUpdateEndpointRetries(tls);
 }
 
 void MqttManager::OnConnectionLost(const std::string& cause) {
@@ -387,11 +326,6 @@ void MqttManager::OnConnectionLost(const std::string& cause) {
     metrics_.ReportError("Connection lost");
     subscribedMask_ = 0;
     MFW_LOG(CORE::kLogInfo, "MqttManager::OnConnectionLost(): Connection lost: %s", cause.c_str());
-}
-
-void MqttManager::OnDisconnectSuccess() {
-    MFW_LOG(CORE::kLogDebug, "MqttManager::OnDisconnectSuccess(): Disconnect succeeded");
-    disconnectEvent_.set();
 }
 
 void MqttManager::OnDisconnectFailure(const MqttFailure& f) {
@@ -409,7 +343,7 @@ void MqttManager::OnDisconnectReceived(int reasonCode) {
 
 int MqttManager::OnSslError(const std::string& text) {
     MFW_LOG(CORE::kLogWarning, "MqttManager::OnSslError(): MQTT SSL error: %s", text.c_str());
-    recordEndpointResult(kEndpointTlsFailed);
+    info_.recordResult(kEndpointTlsFailed);
     if (!HandleUpdateEndpointRetries(true) &&
         text.find("certificate expired") != std::string::npos) {
         if (!StartHealingThread("client certificate expired")) {

@@ -1,11 +1,13 @@
 // The manager's production wiring: pairing data from the settings and
-// certificate stores, and the client certificate checks.
+// certificate stores, the client certificate checks, and the credential
+// service over the HTTPS client.
 
 #include "certs/CertificateUtil.h"
 #include "certs/pairingConfig.h"
-#include "mqtt/MqttManager.h"
+#include "mqtt/ManagerDependencies.h"
 #include "net/HttpRequest.h"
 
+#include <mfw/corelock.h>
 #include <mfw/moduleLog.h>
 
 #include <openssl/pem.h>
@@ -50,8 +52,7 @@ bool certificateValid(const char* which, const std::string& pem, const std::stri
 
 // The current client certificate, or else the pending one, is usable for
 // the active identity.
-bool checkCertificateValidity(const std::string& identity) {
-    certs::CertificateUtil certificates;
+bool checkCertificateValidity(certs::CertificateUtil& certificates, const std::string& identity) {
     certs::ClientCredentials current;
     if (certificates.RetrieveCertificates(false, identity, current) &&
         certificateValid("Current", current.clientCertPem, identity)) {
@@ -70,13 +71,13 @@ bool checkCertificateValidity(const std::string& identity) {
     return certificateValid("Pending", pending.clientCertPem, identity);
 }
 
-std::optional<ConnectionMaterial> storedMaterial(const std::shared_ptr<mqttConfig>& cfg) {
+std::optional<ConnectionMaterial> storedMaterial(certs::CertificateUtil& certificates,
+                                                 const std::shared_ptr<mqttConfig>& cfg) {
     const std::string identity = cfg->getAgentIdentity();
     if (identity.empty()) {
         return std::nullopt;
     }
     pairingConfig pairing(*cfg);
-    certs::CertificateUtil certificates;
     if (!pairing.RetrievePairingData(certificates, identity)) {
         return std::nullopt;
     }
@@ -91,24 +92,25 @@ std::optional<ConnectionMaterial> storedMaterial(const std::shared_ptr<mqttConfi
     material.caCertPem = pairing.caCert();
     material.clientCertPem = credentials.clientCertPem;
     material.privateKeyPem = credentials.privateKeyPem;
-    certificates.RetrieveSystemCACertificates(material.rootCaPem);
+    material.publicKeyPem = credentials.publicKeyPem;
+    material.chainRootPem = credentials.rootCaPem;
+    certificates.RetrieveSystemCACertificates(material.systemRootsPem);
     return material;
 }
 
-}  // namespace
-
-MqttManagerDependencies defaultDependencies() {
-    MqttManagerDependencies deps;
-    deps.connectionMaterial = [] {
-        auto cfg = mqttConfig::current();
-        return cfg ? storedMaterial(cfg) : std::nullopt;
-    };
-    deps.clientCertificateUsable = [] {
-        auto cfg = mqttConfig::current();
-        return cfg && checkCertificateValidity(cfg->getAgentIdentity());
-    };
-    deps.otpRequester = [](const OtpRequest& r, std::string& response) {
+// The credential service over a fresh HTTPS request per exchange; cancel()
+// ends the one in flight.
+class HttpsCredentialRequester : public CredentialRequester {
+public:
+    bool request(const OtpRequest& r, std::string& response) override {
         const net::HttpRequestPtr request = net::curlHttpRequestFactory()();
+        {
+            CORE::MutexLock lock(mutex_);
+            if (std::exchange(cancelled_, false)) {
+                return false;  // cancelled before it began
+            }
+            active_ = request;
+        }
         request->setTimeout(r.timeoutSeconds);
         if (!r.thumbprint.empty()) {
             request->setPinnedThumbprint(r.thumbprint);
@@ -125,8 +127,45 @@ MqttManagerDependencies defaultDependencies() {
         if (!r.proxyAutoConfigUrl.empty()) {
             request->setPacUrl(r.proxyAutoConfigUrl);
         }
-        return request->postSync(net::ContentType::Json, r.url, r.body, response);
+        const bool ok = request->postSync(net::ContentType::Json, r.url, r.body, response);
+        CORE::MutexLock lock(mutex_);
+        active_.reset();
+        return ok && !std::exchange(cancelled_, false);
+    }
+
+    void cancel() override {
+        net::HttpRequestPtr active;
+        {
+            CORE::MutexLock lock(mutex_);
+            cancelled_ = true;
+            active = active_;
+        }
+        if (active) {
+            active->cancelRequest();
+        }
+    }
+
+private:
+    CORE::Mutex mutex_;
+    net::HttpRequestPtr active_ MFW_GUARDED_BY(mutex_);
+    bool cancelled_ MFW_GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace
+
+MqttManagerDependencies defaultDependencies() {
+    MqttManagerDependencies deps;
+    auto certificates = std::make_shared<certs::CertificateUtil>();
+    deps.certificates = certificates;
+    deps.connectionMaterial = [certificates] {
+        auto cfg = mqttConfig::current();
+        return cfg ? storedMaterial(*certificates, cfg) : std::nullopt;
     };
+    deps.clientCertificateUsable = [certificates] {
+        auto cfg = mqttConfig::current();
+        return cfg && checkCertificateValidity(*certificates, cfg->getAgentIdentity());
+    };
+    deps.credentials = std::make_shared<HttpsCredentialRequester>();
     return deps;
 }
 

@@ -1,12 +1,10 @@
-// Healing, tear-down and endpoint change. See docs/healing.md for the design.
+// Healing and tear-down tasks. See docs/healing.md for the design.
 
-#include "config/EndpointUrl.h"
+#include "mqtt/Healing.h"
+
 #include "mqtt/MqttManager.h"
 
-#include <mfw/MessageFrameWork.h>
-#include <mfw/corestring.h>
 #include <mfw/moduleLog.h>
-#include <mfw/registry.h>
 
 namespace ndpx {
 namespace {
@@ -14,127 +12,109 @@ namespace {
 // Consecutive TLS failures (with no endpoint change under way) before the
 // connection is torn down and rebuilt from the stored material.
 constexpr int kTlsFailuresBeforeHealing = 3;
-constexpr int kErrorInvalidParameter = 87;
 
 }  // namespace
 
-bool MqttManager::waitBeforeReconnect() {
-    const int seconds = config()->getReconnectIntervalMin();
-    return !shutdownEvent_.wait(std::chrono::seconds(seconds));
+void Healing::reopen() {
+    healing_.reopen();
+    tearDown_.reopen();
 }
 
-bool MqttManager::PerformReconnect() {
+bool Healing::waitBeforeReconnect() {
+    const int seconds = manager_.config()->getReconnectIntervalMin();
+    return !manager_.shutdownEvent().wait(std::chrono::seconds(seconds));
+}
+
+bool Healing::PerformReconnect() {
     MFW_LOG(CORE::kLogInfo, "MqttManager::PerformReconnect(): Reconnecting to %s",
-            currentEndpoint().c_str());
-    TearDownConnection();
-    if (isStopping()) {
+            manager_.currentEndpoint().c_str());
+    manager_.TearDownConnection();
+    if (manager_.isStopping()) {
         return false;
     }
-    return Connect() == 1;
+    return manager_.Connect() == 1;
 }
 
-void MqttManager::StartTearDownThread(bool reconnect) {
-    std::lock_guard lock(tearDownLock_);
-    if (!tearDownDone_) {
-        return;  // one tear-down at a time; the running one reconnects too
-    }
-    tearDownThread_.join();
-    tearDownDone_ = false;
-    const bool started = tearDownThread_.start("MqttTearDown", [this, reconnect] {
-        if (reconnect) {
-            if (waitBeforeReconnect()) {
-                PerformReconnect();
-            }
-        } else {
-            TearDownConnection();
+void Healing::StartTearDownThread(bool reconnect) {
+    // One tear-down at a time: a running one reconnects with the newest
+    // stored material anyway.
+    tearDown_.start([this, reconnect] {
+        if (!reconnect) {
+            manager_.TearDownConnection();
+        } else if (waitBeforeReconnect()) {
+            PerformReconnect();
         }
-        tearDownDone_ = true;
     });
-    if (!started) {
-        tearDownDone_ = true;
-    }
 }
 
-void MqttManager::StopTearDownThread() {
+void Healing::StopTearDownThread() {
     MFW_LOG(CORE::kLogDebug, "MqttManager::StopTearDownThread(): Stopping the tear down thread.");
-    std::lock_guard lock(tearDownLock_);
-    tearDownThread_.join();
+    tearDown_.close();
 }
 
-bool MqttManager::StartHealingThread(const std::string& reason) {
-    std::lock_guard lock(healingLock_);
-    if (!healingDone_) {
-        return true;  // already healing
+bool Healing::StartHealingThread(const std::string& reason) {
+    switch (healing_.start([this, reason] { HealConnection(reason); })) {
+        case TaskThread::Started::Yes:
+        case TaskThread::Started::Busy:  // already healing
+            return true;
+        case TaskThread::Started::Closed:
+        case TaskThread::Started::Failed:
+            break;
     }
-    healingThread_.join();
-    healingDone_ = false;
-    const bool started = healingThread_.start("MqttHealing", [this, reason] {
-        HealConnection(reason);
-        healingDone_ = true;
-    });
-    if (!started) {
-        healingDone_ = true;
-    }
-    return started;
+    return false;
 }
 
-void MqttManager::StopHealingThread() {
+void Healing::StopHealingThread() {
     MFW_LOG(CORE::kLogDebug, "MqttManager::StopHealingThread(): Stopping the healing thread.");
-    std::lock_guard lock(healingLock_);
-    if (healingThread_.joinable()) {
-        healingThread_.join();
+    if (healing_.close()) {
         MFW_LOG(CORE::kLogDebug,
                 "MqttManager::StopHealingThread(): Finished waiting for the healing thread.");
     }
 }
 
-void MqttManager::HealConnection(const std::string& reason) {
+void Healing::HealConnection(const std::string& reason) {
     MFW_LOG(CORE::kLogInfo, "MqttManager::HealConnection(): Healing the connection: %s",
             reason.c_str());
-    PublishDesktopStatus("UNAVAILABLE", 0, 1, reason);
-    metrics_.ReportError("Healing connection: " + reason);
-    TearDownConnection();
+    manager_.PublishDesktopStatus("UNAVAILABLE", 0, 1, reason);
+    manager_.metrics_.ReportError("Healing connection: " + reason);
+    manager_.TearDownConnection();
     if (!waitBeforeReconnect()) {
         return;
     }
-    if (deps_.clientCertificateUsable && !deps_.clientCertificateUsable()) {
+    const auto& usable = manager_.deps_.clientCertificateUsable;
+    if (usable && !usable()) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::HealConnection(): The client certificate cannot be used or renewed; "
                 "a new pairing is required.");
-        failureReason_ = "Client certificate unusable. Bootstrap needed";
-        RevertToRequireBootstrap(false);
+        manager_.registration_.revertToRequireBootstrap(
+            false, "Client certificate unusable. Bootstrap needed");
         return;
     }
-    if (Connect() != 1) {
+    if (manager_.Connect() != 1) {
         MFW_LOG(CORE::kLogWarning, "MqttManager::HealConnection(): Reconnect failed to start");
     }
 }
 
-bool MqttManager::HandleUpdateEndpointRetries(bool tlsFailure) {
+bool Healing::HandleUpdateEndpointRetries(bool tlsFailure) {
     std::string revertTo;
-    bool changeUnderWay = false;
     {
-        std::lock_guard lock(endpointChangeLock_);
-        changeUnderWay = !previousEndpoint_.empty();
-    }
-    if (!changeUnderWay) {
-        if (tlsFailure && ++consecutiveTlsFailures_ >= kTlsFailuresBeforeHealing) {
-            consecutiveTlsFailures_ = 0;
-            StartHealingThread("repeated TLS failures");
+        CORE::MutexLock lock(changeLock_);
+        if (previousEndpoint_.empty()) {
+            lock.unlock();
+            if (tlsFailure && ++consecutiveTlsFailures_ >= kTlsFailuresBeforeHealing) {
+                consecutiveTlsFailures_ = 0;
+                StartHealingThread("repeated TLS failures");
+            }
+            return false;
         }
-        return false;
-    }
-    {
-        std::lock_guard lock(endpointChangeLock_);
-        if (--endpointAttemptsLeft_ > 0) {
+        if (--attemptsLeft_ > 0) {
             MFW_LOG(CORE::kLogWarning,
                     "MqttManager::HandleUpdateEndpointRetries(): Connection to new endpoint %s "
                     "failed, %d attempt(s) left",
-                    currentEndpoint().c_str(), endpointAttemptsLeft_);
+                    manager_.currentEndpoint().c_str(), attemptsLeft_);
         } else {
-            revertTo = previousEndpoint_;
-            previousEndpoint_.clear();
-            endpointAttemptsLeft_ = 0;
+            revertTo = std::exchange(previousEndpoint_, {});
+            attemptsLeft_ = 0;
         }
     }
     if (!revertTo.empty()) {
@@ -142,9 +122,9 @@ bool MqttManager::HandleUpdateEndpointRetries(bool tlsFailure) {
             CORE::kLogWarning,
             "MqttManager::HandleUpdateEndpointRetries(): New endpoint %s unreachable, reverting "
             "to %s",
-            currentEndpoint().c_str(), revertTo.c_str());
-        config()->store().set(kNodeManagerKey, "mqtt_EndpointUrl",
-                              platform::SettingValue::ofString(revertTo));
+            manager_.currentEndpoint().c_str(), revertTo.c_str());
+        manager_.config()->store().set(kNodeManagerKey, "mqtt_EndpointUrl",
+                                       platform::SettingValue::ofString(revertTo));
     }
     // The library does not retry a first connection itself: the tear-down
     // task does, after the minimum reconnect interval.
@@ -152,72 +132,11 @@ bool MqttManager::HandleUpdateEndpointRetries(bool tlsFailure) {
     return true;
 }
 
-bool MqttManager::UpdateEndpointURL(CORE::PropertyBag& request, CORE::PropertyBag& response) {
-    const std::string endpoint = CORE::toUtf8(request.get(L"ENDPOINT", L""));
-    const auto parsed = parseEndpointUrl(endpoint);
-    if (!parsed) {
-        MFW_LOG(CORE::kLogError, "MqttManager::UpdateEndpointURL(): Invalid endpoint '%s'",
-                endpoint.c_str());
-        CORE::serviceOperation::setReplyError(response, kErrorInvalidParameter,
-                                              L"ENDPOINT must be scheme://host:port");
-        return false;
-    }
-    const std::string current = currentEndpoint();
-    if (endpoint == current) {
-        endpointOnly_ = true;
-        response.set(L"RESULT", L"UNCHANGED");
-        return true;
-    }
-    const int attempts = config()->getEndpointChangeAttempts();
-    {
-        std::lock_guard lock(endpointChangeLock_);
-        previousEndpoint_ = current;
-        endpointAttemptsLeft_ = attempts;
-    }
-    MFW_LOG(CORE::kLogInfo,
-            "MqttManager::UpdateEndpointURL(): Changing endpoint from %s to %s (%d attempts)",
-            current.c_str(), endpoint.c_str(), attempts);
-    config()->store().set(kNodeManagerKey, "mqtt_EndpointUrl",
-                          platform::SettingValue::ofString(endpoint));
-    std::string hostPort = endpoint.substr(endpoint.find("://") + 3);
-    config()->setMonitoringEndpoint(hostPort.substr(0, hostPort.find('/')));
-    StartTearDownThread(true);
-    response.set(L"RESULT", L"PENDING");
-    return true;
-}
-
-bool MqttManager::GetEndpointProperties(CORE::PropertyBag&, CORE::PropertyBag& response) {
-    CORE::PropertyBag global;
-    std::string current;
-    std::string lastAttempt;
-    int lastResult = -1;
-    {
-        std::lock_guard lock(connectionLock_);
-        current = currentEndpoint_;
-        lastAttempt = lastAttemptEndpoint_;
-        auto it = endpointStatus_.find(lastAttempt);
-        lastResult = it == endpointStatus_.end() ? -1 : it->second;
-    }
-    global.set(L"currentEndpoint", CORE::toWide(current));
-    global.set(L"lastAttemptEndpoint", CORE::toWide(lastAttempt));
-    global.setInt(L"lastAttemptEndpointError", lastResult);
-    CORE::PropertyBag edge;
-    edge.set(L"endpoint", CORE::toWide(config()->getMonitoringEndpoint()));
-    CORE::PropertyBag mqtt;
-    mqtt.setBag(L"global", global);
-    mqtt.setBag(L"edge", edge);
-    response.setBag(L"mqtt", mqtt);
-    return true;
-}
-
-bool MqttManager::MigrateToCorvid(CORE::PropertyBag& request, CORE::PropertyBag& response) {
-    if (deps_.migrationHandler) {
-        return deps_.migrationHandler(request, response);
-    }
-    MFW_LOG(CORE::kLogWarning, "MqttManager::MigrateToCorvid(): No migration manager available");
-    CORE::serviceOperation::setReplyError(response, CORE::kErrorNotImplemented,
-                                          L"migration is not available");
-    return false;
+void Healing::connected() {
+    consecutiveTlsFailures_ = 0;
+    CORE::MutexLock lock(changeLock_);
+    previousEndpoint_.clear();
+    attemptsLeft_ = 0;
 }
 
 }  // namespace ndpx

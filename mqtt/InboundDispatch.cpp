@@ -13,15 +13,7 @@
 namespace ndpx {
 
 void MqttManager::onMessageArrived(std::string topic, std::string payload) {
-    // The library acknowledges once this returns: queue and return.
-    executor_.post([this, topic = std::move(topic), payload = std::move(payload)] {
-        OnMessage(topic, payload);
-    });
-}
-
-std::size_t MqttManager::pendingCommandCount() const {
-    std::lock_guard lock(pendingLock_);
-    return pendingCommands_.size();
+    OnMessage(topic, payload);
 }
 
 void MqttManager::OnMessage(const std::string& topic, const std::string& payload) {
@@ -93,10 +85,43 @@ void MqttManager::ProcessSessionReportConfigMessage(const Json::Value& config) {
     }
 }
 
+namespace {
+
+// The command's "ID" as text: a number or a boolean as the text it is
+// written as, absent or null as empty. Nothing when it is an object or an
+// array, or not valid UTF-8: answering under an altered ID would answer a
+// command nobody sent.
+std::optional<std::string> commandId(const Json::Value& root) {
+    const Json::Value& id = root.isObject() ? root["ID"] : Json::Value::nullSingleton();
+    std::string text;
+    if (id.isString()) {
+        text = id.asString();
+    } else if (id.isIntegral() || id.isDouble() || id.isBool()) {
+        text = MqttManagerUtil::writeCompact(id);
+    } else if (!id.isNull()) {
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::ProcessCommandMessage(): Command ID is neither text nor a number, "
+                "dropping the message");
+        return std::nullopt;
+    }
+    if (!CORE::isValidUtf8(text)) {
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::ProcessCommandMessage(): Command ID is not valid UTF-8, dropping "
+                "the message");
+        return std::nullopt;
+    }
+    return text;
+}
+
+}  // namespace
+
 void MqttManager::ProcessCommandMessage(Json::Value root) {
     MFW_LOG(CORE::kLogDebug, "MqttManager::ProcessCommandMessage(): Processing command message");
-    const std::wstring id =
-        CORE::toWide(root.isObject() && root["ID"].isString() ? root["ID"].asString() : "");
+    const std::optional<std::string> idText = commandId(root);
+    if (!idText) {
+        return;
+    }
+    const std::wstring id = CORE::toWide(*idText);
     if (duplicates_->IsEnabled() && duplicates_->IsDuplicate(id)) {
         MFW_LOG(CORE::kLogDebug,
                 "MqttManager::ProcessCommandMessage(): Found duplicate message for ID: %s, "
@@ -125,7 +150,7 @@ void MqttManager::ProcessCommandMessage(Json::Value root) {
     }
     const std::wstring name = CORE::toWide(command.asString());
     {
-        std::lock_guard lock(pendingLock_);
+        CORE::MutexLock lock(pendingLock_);
         pendingCommands_[id] = PendingCommand{name, metadata};
     }
     duplicates_->Record(id);
@@ -151,7 +176,7 @@ void MqttManager::onAsyncMsgComplete(void* context, const std::wstring& id, int 
     std::wstring command;
     Json::Value metadata;
     {
-        std::lock_guard lock(self->pendingLock_);
+        CORE::MutexLock lock(self->pendingLock_);
         auto it = self->pendingCommands_.find(id);
         if (it != self->pendingCommands_.end()) {
             command = it->second.command;

@@ -2,32 +2,50 @@
 
 #include "mqtt/MqttManager.h"
 
-#include "certs/pairingConfig.h"
+#include "certs/CertificateUtil.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/moduleLog.h>
 #include <platform/Paths.h>
 
-#include <MQTTAsync.h>
-
 namespace ndpx {
 namespace {
-std::once_flag g_mqttLibraryInit;
-}
+
+// The process's manager: made on first use, destroyed by ReleaseInstance.
+CORE::Mutex g_instanceLock;
+std::unique_ptr<MqttManager> g_instance MFW_GUARDED_BY(g_instanceLock);
+
+}  // namespace
 
 MqttManager& MqttManager::GetInstance() {
-    static MqttManager instance(defaultDependencies());
-    return instance;
+    CORE::MutexLock lock(g_instanceLock);
+    if (!g_instance) {
+        g_instance = std::make_unique<MqttManager>(defaultDependencies());
+    }
+    return *g_instance;
+}
+
+void MqttManager::ReleaseInstance() {
+    std::unique_ptr<MqttManager> released;
+    {
+        CORE::MutexLock lock(g_instanceLock);
+        released = std::move(g_instance);
+    }
+    // Destroyed outside the lock: its destructor joins threads.
 }
 
 MqttManager::MqttManager(MqttManagerDependencies deps)
     : deps_(std::move(deps)),
       shutdownEvent_(CORE::coreevent::Reset::Manual, false, *deps_.time),
       metrics_([this] { return GetStateName(); }),
-      disconnectEvent_(CORE::coreevent::Reset::Manual, false, *deps_.time) {
-    if (!deps_.clientFactory) {
-        deps_.clientFactory = pahoClientFactory();
-    }
+      connection_(
+          deps_.clientFactory ? deps_.clientFactory : pahoClientFactory(), *this,
+          [this](std::function<void()> work) { return executor_.post(std::move(work)); },
+          *deps_.time),
+      registration_(
+          *this,
+          deps_.certificates ? deps_.certificates : std::make_shared<certs::CertificateUtil>(),
+          deps_.credentials) {
     // The filter's settings are read once, when the manager is built.
     auto cfg = config();
     duplicates_ = std::make_unique<DuplicateMessageHandler>(
@@ -39,12 +57,17 @@ MqttManager::MqttManager(MqttManagerDependencies deps)
 MqttManager::~MqttManager() {
     // Threads must not outlive the object; Stop is normally called before.
     shutdownEvent_.set();
-    registrationThread_.join();
-    healingThread_.join();
-    tearDownThread_.join();
+    registration_.interrupt();
+    std::unique_ptr<CORE::corethread> registration;
+    {
+        CORE::MutexLock lock(registrationThreadLock_);
+        registration = std::move(registrationThread_);
+    }
+    registration.reset();
+    healing_.StopHealingThread();
+    healing_.StopTearDownThread();
+    connection_.tearDown(0);
     executor_.stop();
-    std::unique_lock lock(clientLock_);
-    client_.reset();
 }
 
 std::shared_ptr<mqttConfig> MqttManager::config() const {
@@ -60,7 +83,7 @@ std::shared_ptr<mqttConfig> MqttManager::config() const {
 void MqttManager::SetState(std::int32_t state) {
     bool changed = false;
     {
-        std::lock_guard lock(stateLock_);
+        CORE::MutexLock lock(stateLock_);
         if (state_ != state) {
             state_ = state;
             changed = true;
@@ -72,7 +95,7 @@ void MqttManager::SetState(std::int32_t state) {
 }
 
 std::int32_t MqttManager::GetState() const {
-    std::lock_guard lock(stateLock_);
+    CORE::MutexLock lock(stateLock_);
     return state_;
 }
 
@@ -86,16 +109,17 @@ void MqttManager::ResetRunData() {
     pairedStateKnown_ = false;
     subscribedMask_ = 0;
     {
-        std::lock_guard lock(topicsLock_);
+        CORE::MutexLock lock(topicsLock_);
         subscribeTopics_ = {};
         pendingTopics_ = {};
         publishTopics_ = {};
     }
     {
-        std::lock_guard lock(pendingLock_);
+        CORE::MutexLock lock(pendingLock_);
         pendingCommands_.clear();
     }
-    std::lock_guard lock(stateLock_);
+    registration_.resetRunData();
+    CORE::MutexLock lock(stateLock_);
     // Deliberately silent: the state reads UNKNOWN right after INITIALIZING.
     state_ = MQTT_STATE_UNKNOWN;
 }
@@ -107,19 +131,10 @@ bool MqttManager::Start() {
     }
     SetState(MQTT_STATE_INITIALIZING);
     ResetRunData();
-
-    std::call_once(g_mqttLibraryInit, [] {
-        MQTTAsync_init_options init = MQTTAsync_init_options_initializer;
-        init.do_openssl_init = 0;  // the module sets up the TLS library itself
-        MQTTAsync_global_init(&init);
-    });
+    initMqttClientLibrary();
 
     shutdownEvent_.reset();
-    fileWaiter_.reset();
-    registrationCompleted_ = false;
-    transportRegistered_ = false;
-    activeRetries_ = 0;
-    pendingRetries_ = 0;
+    healing_.reopen();
     metrics_.load();
     executor_.start();
     if (deps_.runRegistrationThread) {
@@ -132,17 +147,19 @@ bool MqttManager::Start() {
 }
 
 void MqttManager::StartAgentRegistrationThread() {
-    std::lock_guard lock(registrationStartLock_);
-    if (registrationThread_.joinable()) {
+    CORE::MutexLock lock(registrationThreadLock_);
+    if (registrationThread_ && registrationThread_->joinable()) {
         MFW_LOG(CORE::kLogInfo,
                 "MqttManager::StartAgentRegistrationThread(): Registration thread has already "
                 "started.");
         return;
     }
-    if (!registrationThread_.start("MqttRegistration", [this] { RegistrationThreadProc(); })) {
+    auto thread = std::make_unique<CORE::corethread>();
+    if (!thread->start("MqttRegistration", [this] { registration_.RegistrationThreadProc(); })) {
         throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again),
                                 "registration thread");
     }
+    registrationThread_ = std::move(thread);
     MFW_LOG(CORE::kLogDebug,
             "MqttManager::StartAgentRegistrationThread(): Asked to start the Registration "
             "thread.");
@@ -152,26 +169,29 @@ bool MqttManager::Stop() {
     SetState(MQTT_STATE_STOPPING);
 
     PublishDesktopStatus("UNAVAILABLE", 0);
+    // Ends every wait of the registration thread, the executor's host
+    // messages and a credential request in flight.
     shutdownEvent_.set();
-    fileWaiter_.interrupt();
+    registration_.interrupt();
 
+    std::unique_ptr<CORE::corethread> registration;
     {
-        std::lock_guard lock(registrationStartLock_);
-        if (registrationThread_.joinable()) {
-            if (registrationThread_.isCurrentThread()) {
-                throw std::system_error(
-                    std::make_error_code(std::errc::resource_deadlock_would_occur),
-                    "Stop on the registration thread");
-            }
-            registrationThread_.join();
+        CORE::MutexLock lock(registrationThreadLock_);
+        registration = std::move(registrationThread_);
+    }
+    if (registration) {
+        if (registration->isCurrentThread()) {
+            throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur),
+                                    "Stop on the registration thread");
         }
+        registration->join();
     }
 
-    StopHealingThread();
+    healing_.StopHealingThread();
     duplicates_->Clear();
-    StopTearDownThread();
+    healing_.StopTearDownThread();
     TearDownConnection();
-    // The client is gone: no callback can post more work. Finish what is queued.
+    // The client is gone: no callback can queue more work. Finish what is queued.
     executor_.stop();
     // No completion of a command may run once the module is told to go.
     CORE::MessageFrameWork::System().CancelAsyncCompletions(this);
@@ -202,6 +222,29 @@ int MqttManager::RetrieveRootFolderPath(std::string& path) {
     MFW_LOG(CORE::kLogDebug, "MqttManager::RetrieveRootFolderPath(): Root folder is %s",
             path.c_str());
     return 1;
+}
+
+int MqttManager::sendToDesktopManager(const wchar_t* operation, const CORE::PropertyBag& request) {
+    CORE::PropertyBag response;
+    // A stopping manager does not sit out the worker's time-out.
+    return CORE::MessageHandler::SendMsg(L"DesktopManager", operation, request, response, 60000,
+                                         shutdownEvent_);
+}
+
+bool MqttManager::RegisterMessageTransport() {
+    return registration_.RegisterMessageTransport();
+}
+
+void MqttManager::RevertToRequireBootstrap(bool forgetPairingData) {
+    registration_.revertToRequireBootstrap(forgetPairingData, {});
+}
+
+void MqttManager::UpdateIDs() {
+    registration_.UpdateIDs();
+}
+
+bool MqttManager::StartIPCServer() {
+    return true;
 }
 
 }  // namespace ndpx

@@ -7,8 +7,6 @@
 #include <mfw/corestring.h>
 #include <mfw/moduleLog.h>
 
-#include <MQTTAsync.h>
-
 #include <climits>
 
 namespace ndpx {
@@ -56,16 +54,15 @@ bool MqttManager::DoPublishMessage(const std::string& topic, const std::string& 
                 topic.c_str());
         return false;
     }
-    std::shared_lock lock(clientLock_);
-    if (!client_) {
+    const int rc = connection_.publish(topic, payload, qos, retained, token, std::move(onSuccess),
+                                       [this](const MqttFailure& f) { OnPublishFailure(f); });
+    if (rc == MqttConnection::kNoClient) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::DoPublishMessage(): Unable to send message. MQTT client doesn't "
                 "exist");
         return false;
     }
-    const int rc = client_->publish(topic, payload, qos, retained, token, std::move(onSuccess),
-                                    [this](const MqttFailure& f) { OnPublishFailure(f); });
-    if (rc != 0) {
+    if (rc != kMqttSuccess) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::DoPublishMessage(): Failed to send message on topic %s. Error: %d",
                 topic.c_str(), rc);
@@ -100,7 +97,10 @@ void MqttManager::BuildStatusMessage(Json::Value& out, const std::string& status
         out["errMsg"] = detail;
     }
     if (status == "AVAILABLE") {
-        out["publicKey"] = publicKey_;
+        {
+            CORE::MutexLock lock(materialLock_);
+            out["publicKey"] = publicKey_;
+        }
         out["agentVersions"] =
             MqttManagerUtil::BagToJSON(readKeyAsBag(config()->store(), kAgentVersionsKey));
         if (detailKind == 2 && !detail.empty()) {
@@ -163,9 +163,10 @@ bool MqttManager::PublishEvent(const CORE::PropertyBag& bag) {
     return PublishMessage(publishTopics().eventLogger, MqttManagerUtil::BagToJSON(bag), true);
 }
 
-bool MqttManager::PublishIPCMessage(const std::string& topic, const std::string& payload) {
+bool MqttManager::PublishIPCMessage(const std::string& topic, const std::string& payload, int qos,
+                                    bool retained) {
     int token = 0;
-    if (!DoPublishMessage(topic, payload, token, 1, false)) {
+    if (!DoPublishMessage(topic, payload, token, qos, retained)) {
         return false;
     }
     MFW_LOG(CORE::kLogInfo,
@@ -180,7 +181,7 @@ void MqttManager::OnPublishFailure(const MqttFailure& f) {
             "Reason Code: %d. Error message: %s. Token: %d",
             f.code, f.reasonCode, f.message.empty() ? "null" : f.message.c_str(), f.token);
     const auto failed = failedPublications_.fetch_add(1) + 1;
-    if (f.code == MQTTASYNC_OPERATION_INCOMPLETE) {
+    if (f.code == kMqttSessionLost) {
         // The broker kept no session for us: this publication is lost.
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::OnPublishFailure(): publication %d lost with the broker session "

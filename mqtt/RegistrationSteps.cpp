@@ -1,4 +1,4 @@
-// The ten steps of the registration chain and the helpers they share.
+// The steps of the registration chain and the helpers they share.
 
 #include "certs/CertificateUtil.h"
 #include "certs/pairingConfig.h"
@@ -13,22 +13,21 @@
 namespace ndpx {
 namespace {
 
-int notifyQueue(const wchar_t* message, const wchar_t* queue) {
+CORE::PropertyBag queueRequest(const wchar_t* queue) {
     CORE::PropertyBag request;
     request.set(L"QUEUE", queue);
-    CORE::PropertyBag response;
-    return CORE::MessageHandler::SendMsg(L"DesktopManager", message, request, response, 60000);
+    return request;
 }
 
 }  // namespace
 
-bool MqttManager::ParseLCMSpec() {
+bool Registration::ParseLCMSpec() {
     if (!parseLcmSpec_) {
         MFW_LOG(CORE::kLogDebug, "MqttManager::ParseLCMSpec(): Skipping parsing LCM Spec file.");
         return true;
     }
     parseLcmSpec_ = false;
-    auto cfg = config();
+    auto cfg = manager_.config();
     if (!cfg->ReadLCMSpecFromFile()) {
         MFW_LOG(CORE::kLogError,
                 "MqttManager::ParseLCMSpec(): Unable to read LCM spec despite it existing!");
@@ -44,8 +43,8 @@ bool MqttManager::ParseLCMSpec() {
     return true;
 }
 
-bool MqttManager::RegisterMessageTransport() {
-    auto cfg = config();
+bool Registration::RegisterMessageTransport() {
+    auto cfg = manager_.config();
     const std::wstring transport = cfg->getMsTransport();
     if (transportRegistered_ && CORE::iequals(transport, L"MQTT")) {
         MFW_LOG(CORE::kLogDebug,
@@ -67,16 +66,18 @@ bool MqttManager::RegisterMessageTransport() {
     }
     MFW_LOG(CORE::kLogDebug,
             "MqttManager::RegisterMessageTransport(): Adding MQTT to notify queue");
-    bool ok = notifyQueue(L"NotifyQueueAdd", L"MQTT") == 0;
+    bool ok = manager_.sendToDesktopManager(L"NotifyQueueAdd", queueRequest(L"MQTT")) == 0;
     if (!migrating) {
         MFW_LOG(CORE::kLogDebug,
                 "MqttManager::RegisterMessageTransport(): Registering MQTT as message transport");
-        ok = notifyQueue(L"NotifyQueueRegisterMessageTransport", L"MQTT") == 0 && ok;
+        ok = manager_.sendToDesktopManager(L"NotifyQueueRegisterMessageTransport",
+                                           queueRequest(L"MQTT")) == 0 &&
+             ok;
     }
     if (replaceJms) {
         MFW_LOG(CORE::kLogDebug,
                 "MqttManager::RegisterMessageTransport(): Removing JMS from notify queue");
-        notifyQueue(L"NotifyQueueRemove", L"JMSBridge");
+        manager_.sendToDesktopManager(L"NotifyQueueRemove", queueRequest(L"JMSBridge"));
     }
     if (ok && !migrating) {
         cfg->store().set(kNodeManagerKey, "MS Transport", platform::SettingValue::ofString("MQTT"));
@@ -87,7 +88,7 @@ bool MqttManager::RegisterMessageTransport() {
     return ok;
 }
 
-bool MqttManager::ReadAndValidatePairingData() {
+bool Registration::ReadAndValidatePairingData() {
     if (needBootstrap_) {
         MFW_LOG(CORE::kLogDebug,
                 "MqttManager::ReadAndValidatePairingData(): Need to bootstrap so don't need to "
@@ -96,11 +97,9 @@ bool MqttManager::ReadAndValidatePairingData() {
     }
     MFW_LOG(CORE::kLogDebug,
             "MqttManager::ReadAndValidatePairingData(): Reading pairing data from store.");
-    auto cfg = config();
-    const std::string identity = cfg->getAgentIdentity();
+    auto cfg = manager_.config();
     pairingConfig pairing(*cfg);
-    certs::CertificateUtil certificates;
-    if (!pairing.RetrievePairingData(certificates, identity)) {
+    if (!pairing.RetrievePairingData(*certificates_, cfg->getAgentIdentity())) {
         if (HandleActiveRetries()) {
             MFW_LOG(
                 CORE::kLogDebug,
@@ -111,8 +110,9 @@ bool MqttManager::ReadAndValidatePairingData() {
     }
     MFW_LOG(CORE::kLogDebug,
             "MqttManager::ReadAndValidatePairingData(): Checking certificate validity.");
-    if (deps_.clientCertificateUsable && deps_.clientCertificateUsable()) {
-        pairedFlag_ = true;
+    const auto& usable = manager_.deps_.clientCertificateUsable;
+    if (usable && usable()) {
+        manager_.pairedFlag_ = true;
         return true;
     }
     if (HandleActiveRetries()) {
@@ -123,7 +123,7 @@ bool MqttManager::ReadAndValidatePairingData() {
     return false;
 }
 
-bool MqttManager::HandleActiveRetries() {
+bool Registration::HandleActiveRetries() {
     if (++activeRetries_ <= maxCachedRetries_) {
         return true;
     }
@@ -131,12 +131,12 @@ bool MqttManager::HandleActiveRetries() {
             "MqttManager::HandleActiveRetries(): Failed to retrieve and validate cached pairing "
             "data after %d retries, will bootstrap.",
             static_cast<int>(maxCachedRetries_));
-    failureReason_ = "Cached pairing data not found or invalid. Bootstrap needed";
+    failed("Cached pairing data not found or invalid. Bootstrap needed");
     RevertToRequireBootstrap(true);
     return false;
 }
 
-bool MqttManager::HandlePendingRetries() {
+bool Registration::HandlePendingRetries() {
     if (++pendingRetries_ <= maxCachedRetries_) {
         MFW_LOG(
             CORE::kLogDebug,
@@ -148,7 +148,7 @@ bool MqttManager::HandlePendingRetries() {
             "MqttManager::HandlePendingRetries(): Failed to activate pending LCM spec after %d "
             "retries will clear config.",
             static_cast<int>(maxCachedRetries_));
-    auto cfg = config();
+    auto cfg = manager_.config();
     cfg->setVmIdPend("");
     cfg->setShortTemplateIdPend("");
     cfg->setEdgeIdPend("");
@@ -157,22 +157,21 @@ bool MqttManager::HandlePendingRetries() {
     return false;
 }
 
-bool MqttManager::CreateAgentKeyPair() {
+bool Registration::CreateAgentKeyPair() {
     if (!needBootstrap_) {
         MFW_LOG(CORE::kLogDebug, "MqttManager::CreateAgentKeyPair(): Skip creating agent key pair");
         return true;
     }
     MFW_LOG(CORE::kLogDebug, "MqttManager::CreateAgentKeyPair(): Creating agent key pair.");
-    SetState(MQTT_STATE_PAIRING);
-    auto cfg = config();
+    manager_.SetState(MQTT_STATE_PAIRING);
+    auto cfg = manager_.config();
     const auto guid = CORE::makeGuid();
     keyContainer_ = guid ? *guid : std::string(CORE::kNullGuid);
     keyBlob_.clear();
     std::string privateKeyPem;
     std::string csrPem;
-    certs::CertificateUtil certificates;
-    if (!certificates.GenerateKeyAndCSR(cfg->getAgentIdentityPend(), keyContainer_, keyBlob_,
-                                        privateKeyPem, csrPem)) {
+    if (!certificates_->GenerateKeyAndCSR(cfg->getAgentIdentityPend(), keyContainer_, keyBlob_,
+                                          privateKeyPem, csrPem)) {
         MFW_LOG(CORE::kLogError,
                 "MqttManager::CreateAgentKeyPair(): Failed to generate the key and CSR.");
         HandlePendingRetries();
@@ -187,9 +186,9 @@ bool MqttManager::CreateAgentKeyPair() {
     return true;
 }
 
-bool MqttManager::MakeOTPRequest(const std::string& vmId, const std::string& csrBase64,
-                                 std::string& response) {
-    auto cfg = config();
+bool Registration::MakeOTPRequest(const std::string& vmId, const std::string& csrBase64,
+                                  std::string& response) {
+    auto cfg = manager_.config();
     OtpRequest request;
     request.url = cfg->getOtpUrl();
     request.thumbprint = cfg->getSslCertThumbprint();
@@ -211,16 +210,22 @@ bool MqttManager::MakeOTPRequest(const std::string& vmId, const std::string& csr
             "%s. PACURL: %s.",
             net::redactUrl(request.proxyServer).c_str(), request.proxyBypass.c_str(),
             net::redactUrl(request.proxyAutoConfigUrl).c_str());
-    return deps_.otpRequester && deps_.otpRequester(request, response);
+    if (!credentials_) {
+        return false;
+    }
+    // Stopping cancels the request: the service may hold it for minutes.
+    CORE::coreevent::Waker cancelOnStop(manager_.shutdownEvent(),
+                                        [this] { credentials_->cancel(); });
+    return credentials_->request(request, response);
 }
 
-bool MqttManager::RequestCredentials() {
+bool Registration::RequestCredentials() {
     if (!needBootstrap_) {
         MFW_LOG(CORE::kLogDebug, "MqttManager::RequestCredentials(): Skipping credentials request");
         return true;
     }
     MFW_LOG(CORE::kLogDebug, "MqttManager::RequestCredentials(): Requesting credentials from hub.");
-    auto cfg = config();
+    auto cfg = manager_.config();
     std::string response;
     if (!MakeOTPRequest(cfg->getVmIdPend(), cfg->pairingSecrets().csr, response)) {
         MFW_LOG(CORE::kLogError,
@@ -245,47 +250,55 @@ bool MqttManager::RequestCredentials() {
         MFW_LOG(CORE::kLogError,
                 "MqttManager::RequestCredentials(): Credentials response parse failed.");
     }
-    failureReason_ = "Failed to request credentials. Bootstrap needed";
+    failed("Failed to request credentials. Bootstrap needed");
     return false;
 }
 
-bool MqttManager::StorePairingData() {
+bool Registration::StorePairingData() {
     if (!needBootstrap_) {
         MFW_LOG(CORE::kLogDebug, "MqttManager::StorePairingData(): Skip storing pairing data");
         return true;
     }
     MFW_LOG(CORE::kLogDebug, "MqttManager::StorePairingData(): Storing pairing data.");
-    auto cfg = config();
+    auto cfg = manager_.config();
     std::unique_ptr<pairingConfig> pairing = std::move(pendingPairing_);
     pairingConfigOwner_.reset();
-    certs::CertificateUtil certificates;
-    if (!pairing || !pairing->StorePairingData(certificates, false, keyContainer_, keyBlob_)) {
+    if (!pairing || !pairing->StorePairingData(*certificates_, false, keyContainer_, keyBlob_)) {
         MFW_LOG(CORE::kLogError, "MqttManager::StorePairingData(): Unable to store pairing data.");
-        failureReason_ = "Failed to store certficates. Bootstrap needed";
+        failed("Failed to store certficates. Bootstrap needed");
+        if (registrationCompleted_) {
+            // The running session keeps the pairing it has.
+            pairingConfig previous(*cfg);
+            const bool kept = previous.RetrievePairingData(*certificates_, cfg->getAgentIdentity());
+            MFW_LOG(kept ? CORE::kLogDebug : CORE::kLogWarning,
+                    "MqttManager::StorePairingData(): Previous pairing data %s",
+                    kept ? "read back" : "could not be read back");
+            manager_.pairedFlag_ = kept;
+        }
         return false;
     }
-    if (!pairing->RetrievePairingData(certificates, cfg->getAgentIdentityPend())) {
+    if (!pairing->RetrievePairingData(*certificates_, cfg->getAgentIdentityPend())) {
         MFW_LOG(CORE::kLogError,
                 "MqttManager::StorePairingData(): Have paired but pairing data not complete");
-        failureReason_ = "Pairing data incomplete. Bootstrap needed";
+        failed("Pairing data incomplete. Bootstrap needed");
         return false;
     }
     cfg->CleanAgentBootstrapConfiguration();
     return true;
 }
 
-bool MqttManager::MarkPairedState() {
-    pairedStateKnown_ = true;
+bool Registration::MarkPairedState() {
+    manager_.pairedStateKnown_ = true;
     if (needBootstrap_) {
-        config()->setPaired(true);
+        manager_.config()->setPaired(true);
         UpdateIDs();
     }
-    pairedFlag_ = true;
+    manager_.pairedFlag_ = true;
     return true;
 }
 
-void MqttManager::UpdateIDs() {
-    auto cfg = config();
+void Registration::UpdateIDs() {
+    auto cfg = manager_.config();
     cfg->setVmId(cfg->getVmIdPend());
     cfg->setShortTemplateId(cfg->getShortTemplateIdPend());
     cfg->setEdgeId(cfg->getEdgeIdPend());
@@ -294,29 +307,33 @@ void MqttManager::UpdateIDs() {
             cfg->getAgentIdentity().c_str());
 }
 
-bool MqttManager::StartIPCServer() {
-    return true;
+void Registration::revertToRequireBootstrap(bool forgetPairingData, const std::string& reason) {
+    CORE::MutexLock lock(mutex_);
+    if (!reason.empty()) {
+        failureReason_ = reason;
+    }
+    RevertToRequireBootstrap(forgetPairingData);
 }
 
-void MqttManager::RevertToRequireBootstrap(bool forgetPairingData) {
+void Registration::RevertToRequireBootstrap(bool forgetPairingData) {
     MFW_LOG(CORE::kLogWarning,
             "MqttManager::RevertToRequireBootstrap(): A new LCM spec is required: %s",
             failureReason_.c_str());
-    notifyQueue(L"NotifyQueueRemove", L"MQTT");
+    manager_.sendToDesktopManager(L"NotifyQueueRemove", queueRequest(L"MQTT"));
     transportRegistered_ = false;
-    auto cfg = config();
+    auto cfg = manager_.config();
     // Without an active identity only a new spec (or pending values) can
     // start the chain again.
     cfg->setVmId("");
     cfg->setAgentIdentity("");
     cfg->setPaired(false);
-    pairedFlag_ = false;
+    manager_.pairedFlag_ = false;
     registrationCompleted_ = false;
     activeRetries_ = 0;
     if (forgetPairingData) {
         cfg->store().remove(kNodeManagerKey, kEndpointUrlValue);
         cfg->store().remove(kNodeManagerKey, kBootstrapTopicValue);
-        certs::CertificateUtil().RemoveClientCertificate(false);
+        certificates_->RemoveClientCertificate(false);
     }
 }
 

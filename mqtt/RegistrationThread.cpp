@@ -1,6 +1,8 @@
 // The registration thread: brings the machine from provisioned or paired to
 // connected, and runs the step chain again after a back-off when it fails.
 
+#include "certs/CertificateUtil.h"
+#include "certs/pairingConfig.h"
 #include "mqtt/Backoff.h"
 #include "mqtt/MqttManager.h"
 
@@ -26,10 +28,47 @@ std::chrono::milliseconds secondsToWait(std::int32_t seconds) {
 
 }  // namespace
 
-void MqttManager::RegistrationThreadProc() {
+Registration::Registration(MqttManager& manager,
+                           std::shared_ptr<certs::CertificateUtil> certificates,
+                           std::shared_ptr<CredentialRequester> credentials)
+    : manager_(manager),
+      certificates_(std::move(certificates)),
+      credentials_(std::move(credentials)) {}
+
+Registration::~Registration() = default;
+
+void Registration::resetRunData() {
+    fileWaiter_.reset();
+    registrationCompleted_ = false;
+    rebootRequested_ = false;
+    transportRegistered_ = false;
+    CORE::MutexLock lock(mutex_);
+    needBootstrap_ = false;
+    parseLcmSpec_ = false;
+    sameIdentity_ = false;
+    activeRetries_ = 0;
+    pendingRetries_ = 0;
+    maxCachedRetries_ = 3;
+    keyContainer_.clear();
+    keyBlob_.clear();
+    failureReason_.clear();
+    pendingPairing_.reset();
+    pairingConfigOwner_.reset();
+}
+
+void Registration::interrupt() {
+    fileWaiter_.interrupt();
+}
+
+std::string Registration::lastFailureReason() {
+    CORE::MutexLock lock(mutex_);
+    return failureReason_;
+}
+
+void Registration::RegistrationThreadProc() {
     MFW_LOG(CORE::kLogVerbose,
             "MqttManager::RegistrationThreadProc(): Inside registration thread.");
-    auto cfg = config();
+    auto cfg = manager_.config();
     const std::int32_t minWait = cfg->getStartupMinWaitInterval();
     const std::int32_t maxWait = cfg->getStartupMaxWaitInterval();
     const std::int32_t minJitter = cfg->getStartupMinJitter();
@@ -40,38 +79,30 @@ void MqttManager::RegistrationThreadProc() {
             minWait, maxWait, minJitter, maxJitter);
     std::random_device seed;
     std::mt19937 generator(seed());
-    maxCachedRetries_ = static_cast<unsigned>(cfg->getStartupMaxCachedRetries());
+    const auto maxCached = static_cast<unsigned>(cfg->getStartupMaxCachedRetries());
+    {
+        CORE::MutexLock lock(mutex_);
+        maxCachedRetries_ = maxCached;
+    }
     MFW_LOG(CORE::kLogDebug,
             "MqttManager::RegistrationThreadProc(): Maximum number of retries using cached "
             "data=%d",
-            static_cast<int>(maxCachedRetries_));
+            static_cast<int>(maxCached));
 
     std::string root;
-    RetrieveRootFolderPath(root);
+    manager_.RetrieveRootFolderPath(root);
 
     auto registrationFailed = [&](std::int32_t& interval) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::RegistrationThreadProc::<lambda_1>::operator ()(): Registration "
                 "failed, will restart.");
-        if (config()->isMigrationActive()) {
-            config()->setMigrationStatus(static_cast<int>(MigrationStatus::BootstrapFailed));
+        auto c = manager_.config();
+        if (c->isMigrationActive()) {
+            c->setMigrationStatus(static_cast<int>(MigrationStatus::BootstrapFailed));
         }
         interval =
             nextRegistrationInterval(interval, minWait, maxWait, minJitter, maxJitter, generator);
     };
-
-    using Step = bool (MqttManager::*)();
-    // RegisterMessageTransport is virtual: a derived manager may replace it.
-    const Step steps[] = {&MqttManager::ParseLCMSpec,
-                          &MqttManager::RegisterMessageTransport,
-                          &MqttManager::ReadAndValidatePairingData,
-                          &MqttManager::CreateAgentKeyPair,
-                          &MqttManager::RequestCredentials,
-                          &MqttManager::StorePairingData,
-                          &MqttManager::MarkPairedState,
-                          &MqttManager::ConfigureTopicNames,
-                          &MqttManager::StartIPCServer,
-                          nullptr};  // Connect returns an int
 
     if (WaitForFFCustomization()) {
         std::int32_t interval = kIntervalUnset;
@@ -79,34 +110,21 @@ void MqttManager::RegistrationThreadProc() {
             if (!WaitForLCMGeneratedSpec()) {
                 registrationFailed(interval);
             } else {
-                std::unique_lock chain(registrationMutex_);
-                bool failed = false;
-                for (const Step step : steps) {
-                    if (shutdownEvent_.isSet()) {
-                        MFW_LOG(CORE::kLogDebug, "%s", kStopping);
-                        return;
-                    }
-                    if (rebootRequested_) {
-                        MFW_LOG(CORE::kLogDebug, "%s", kRebooting);
-                        return;
-                    }
-                    const bool ok = step != nullptr ? (this->*step)() : Connect() == 1;
-                    if (!ok) {
-                        registrationFailed(interval);
-                        MFW_LOG(CORE::kLogDebug,
-                                "MqttManager::RegistrationThreadProc::<lambda_1>::operator ()(): "
-                                "Wait interval set to %d secs",
-                                interval);
-                        failed = true;
-                        break;
-                    }
+                const ChainResult result = runChain();
+                if (result == ChainResult::Ended) {
+                    return;  // the chain said why
                 }
-                chain.unlock();
-                if (!failed) {
+                if (result == ChainResult::Failed) {
+                    registrationFailed(interval);
+                    MFW_LOG(CORE::kLogDebug,
+                            "MqttManager::RegistrationThreadProc::<lambda_1>::operator ()(): "
+                            "Wait interval set to %d secs",
+                            interval);
+                } else {
                     MFW_LOG(CORE::kLogDebug,
                             "MqttManager::RegistrationThreadProc(): Registration completed.");
                     registrationCompleted_ = true;
-                    if (!config()->getContinuousPairEnabled()) {
+                    if (!manager_.config()->getContinuousPairEnabled()) {
                         MFW_LOG(CORE::kLogInfo,
                                 "MqttManager::RegistrationThreadProc(): Continuous pairing NOT "
                                 "enabled!");
@@ -115,7 +133,7 @@ void MqttManager::RegistrationThreadProc() {
                     interval = minWait;
                 }
             }
-            if (shutdownEvent_.wait(secondsToWait(interval))) {
+            if (manager_.shutdownEvent().wait(secondsToWait(interval))) {
                 MFW_LOG(CORE::kLogDebug, "%s", kStopping);
                 break;
             }
@@ -129,8 +147,32 @@ void MqttManager::RegistrationThreadProc() {
             "MqttManager::RegistrationThreadProc(): Registration thread is now exiting.");
 }
 
-bool MqttManager::WaitForFFCustomization() {
-    auto cfg = config();
+Registration::ChainResult Registration::runChain() {
+    bool ended = false;
+    // Before each step: stopping or a requested reboot ends the thread.
+    const auto next = [&] {
+        if (manager_.isStopping()) {
+            MFW_LOG(CORE::kLogDebug, "%s", kStopping);
+            ended = true;
+        } else if (rebootRequested_) {
+            MFW_LOG(CORE::kLogDebug, "%s", kRebooting);
+            ended = true;
+        }
+        return !ended;
+    };
+    CORE::MutexLock chain(mutex_);
+    // Step 2 goes through the manager, whose version a derived manager may replace.
+    const bool completed =
+        next() && ParseLCMSpec() && next() && manager_.RegisterMessageTransport() && next() &&
+        ReadAndValidatePairingData() && next() && CreateAgentKeyPair() && next() &&
+        RequestCredentials() && next() && StorePairingData() && next() && MarkPairedState() &&
+        next() && manager_.ConfigureTopicNames() && next() && manager_.StartIPCServer() && next() &&
+        manager_.Connect() == 1;
+    return completed ? ChainResult::Completed : ended ? ChainResult::Ended : ChainResult::Failed;
+}
+
+bool Registration::WaitForFFCustomization() {
+    auto cfg = manager_.config();
     if (!cfg->composerAgentDetected()) {
         MFW_LOG(CORE::kLogDebug,
                 "MqttManager::WaitForFFCustomization(): Flashfork agent not detected");
@@ -146,7 +188,7 @@ bool MqttManager::WaitForFFCustomization() {
         }
         MFW_LOG(CORE::kLogDebug,
                 "MqttManager::WaitForFFCustomization(): Flashfork customization not yet complete.");
-        if (shutdownEvent_.wait(secondsToWait(wait))) {
+        if (manager_.shutdownEvent().wait(secondsToWait(wait))) {
             MFW_LOG(CORE::kLogInfo,
                     "MqttManager::WaitForFFCustomization(): Registration thread is shutting down.");
             return false;
@@ -154,14 +196,23 @@ bool MqttManager::WaitForFFCustomization() {
     }
 }
 
-bool MqttManager::WaitForLCMGeneratedSpec() {
+bool Registration::WaitForLCMGeneratedSpec() {
     MFW_LOG(CORE::kLogDebug, "MqttManager::WaitForLCMGeneratedSpec(): Waiting for LCM spec.");
-    needBootstrap_ = false;
-    auto cfg = config();
+    const auto bootstrapFrom = [this](bool parseSpec) {
+        CORE::MutexLock lock(mutex_);
+        needBootstrap_ = true;
+        parseLcmSpec_ = parseSpec;
+        return true;
+    };
+    {
+        CORE::MutexLock lock(mutex_);
+        needBootstrap_ = false;
+    }
+    auto cfg = manager_.config();
     while (cfg->isOtherTransportActive()) {
         MFW_LOG(CORE::kLogDebug, "MqttManager::WaitForLCMGeneratedSpec(): Quiesced");
-        SetState(MQTT_STATE_QUIESCED);
-        if (shutdownEvent_.wait(secondsToWait(cfg->getStartupLCMSpecWaitInterval()))) {
+        manager_.SetState(MQTT_STATE_QUIESCED);
+        if (manager_.shutdownEvent().wait(secondsToWait(cfg->getStartupLCMSpecWaitInterval()))) {
             MFW_LOG(CORE::kLogInfo,
                     "MqttManager::WaitForLCMGeneratedSpec(): Registration thread is shutting "
                     "down.");
@@ -170,36 +221,34 @@ bool MqttManager::WaitForLCMGeneratedSpec() {
     }
     std::error_code ec;
     if (!registrationCompleted_ && std::filesystem::exists(cfg->lcmSpecPath(), ec)) {
-        needBootstrap_ = true;
-        parseLcmSpec_ = true;
-        return true;
+        return bootstrapFrom(true);
     }
     if (cfg->ReadLCMSpecFromRegistry()) {
         return true;
     }
-    if (!shutdownEvent_.isSet()) {
-        SetState(MQTT_STATE_WAITING_CONFIG);
+    if (!manager_.isStopping()) {
+        manager_.SetState(MQTT_STATE_WAITING_CONFIG);
     }
     if (cfg->isPendingLCMSpecComplete()) {
         MFW_LOG(CORE::kLogDebug,
                 "MqttManager::WaitForLCMGeneratedSpec(): Found pending LCM spec data in the "
                 "registry.");
-        needBootstrap_ = true;
-        return true;
+        return bootstrapFrom(false);
     }
-    pendingRetries_ = 0;
+    {
+        CORE::MutexLock lock(mutex_);
+        pendingRetries_ = 0;
+    }
     if (!WaitForLCMFileCreation()) {
         MFW_LOG(CORE::kLogError,
                 "MqttManager::WaitForLCMGeneratedSpec(): Failed to wait for customData creation.");
         return false;
     }
-    needBootstrap_ = true;
-    parseLcmSpec_ = true;
-    return true;
+    return bootstrapFrom(true);
 }
 
-bool MqttManager::WaitForLCMFileCreation() {
-    auto cfg = config();
+bool Registration::WaitForLCMFileCreation() {
+    auto cfg = manager_.config();
     const auto path = cfg->lcmSpecPath();
     std::error_code ec;
     if (std::filesystem::exists(path, ec)) {

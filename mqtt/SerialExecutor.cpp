@@ -6,7 +6,7 @@ namespace ndpx {
 
 void SerialExecutor::start() {
     {
-        std::lock_guard lock(mutex_);
+        CORE::MutexLock lock(mutex_);
         if (!stopping_) {
             return;
         }
@@ -17,7 +17,7 @@ void SerialExecutor::start() {
 
 bool SerialExecutor::post(std::function<void()> task) {
     {
-        std::lock_guard lock(mutex_);
+        CORE::MutexLock lock(mutex_);
         if (stopping_) {
             return false;
         }
@@ -29,7 +29,7 @@ bool SerialExecutor::post(std::function<void()> task) {
 
 void SerialExecutor::stop() {
     {
-        std::lock_guard lock(mutex_);
+        CORE::MutexLock lock(mutex_);
         stopping_ = true;
     }
     cv_.notify_all();
@@ -40,8 +40,11 @@ void SerialExecutor::run() {
     for (;;) {
         std::function<void()> task;
         {
-            std::unique_lock lock(mutex_);
-            cv_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });
+            CORE::MutexLock lock(mutex_);
+            lock.wait(cv_, [this] {
+                mutex_.assertHeld();
+                return stopping_ || !tasks_.empty();
+            });
             if (tasks_.empty()) {
                 return;
             }

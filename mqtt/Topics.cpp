@@ -18,12 +18,12 @@ std::string formatTopic(const char* templ, const std::string& id) {
 }
 
 SubscribeTopics MqttManager::subscribeTopics() const {
-    std::lock_guard lock(topicsLock_);
+    CORE::MutexLock lock(topicsLock_);
     return subscribeTopics_;
 }
 
 PublishTopics MqttManager::publishTopics() const {
-    std::lock_guard lock(topicsLock_);
+    CORE::MutexLock lock(topicsLock_);
     return publishTopics_;
 }
 
@@ -65,7 +65,7 @@ bool MqttManager::ConfigureTopicNames() {
     pub.notification = formatTopic("desktop/%s/agent/notification", desktopId);
     pub.eventLogger = formatTopic("desktop/%s/agent/eventlogger", desktopId);
     {
-        std::lock_guard lock(topicsLock_);
+        CORE::MutexLock lock(topicsLock_);
         if (!subscribeTopics_.empty()) {
             pendingTopics_ = subscribeTopics_;
         }
@@ -96,94 +96,92 @@ bool MqttManager::ConfigureTopicNames() {
     return true;
 }
 
+namespace {
+
+// The subscriptions in the order they are requested, with the names their
+// log lines give them.
+struct Subscription {
+    int index;
+    const std::string SubscribeTopics::*topic;
+    const char* subscribing;
+    const char* failed;
+};
+constexpr Subscription kSubscriptions[] = {
+    {kSubBootstrap, &SubscribeTopics::bootstrap, "bootstrap", "bootstrap"},
+    {kSubCommands, &SubscribeTopics::commands, "command", "commands"},
+    {kSubDTemplate, &SubscribeTopics::dtemplate, "DTemplate", "dtemplate"},
+    {kSubConfiguration, &SubscribeTopics::configuration, "configuration", "config"},
+    {kSubOtpToken, &SubscribeTopics::otpToken, "OTP", "OTP"},
+};
+
+// Log names of the subscription indexes, for the failure callback. The
+// token topic is reported as unknown, as it always was.
+const char* subscriptionName(int index) {
+    switch (index) {
+        case kSubBootstrap:
+            return "bootstrap topic";
+        case kSubCommands:
+            return "command topic";
+        case kSubConfiguration:
+            return "config topic";
+        case kSubDTemplate:
+            return "template topic";
+        default:
+            return "unknown topic";
+    }
+}
+
+const std::string* topicOf(const SubscribeTopics& topics, int index) {
+    for (const auto& s : kSubscriptions) {
+        if (s.index == index) {
+            return &(topics.*s.topic);
+        }
+    }
+    return nullptr;
+}
+
+std::string failureText(const MqttFailure& f) {
+    return f.message.empty() ? "null" : f.message;
+}
+
+}  // namespace
+
 void MqttManager::SubscribeToTopics() {
-    const SubscribeTopics topics = subscribeTopics();
-    std::shared_lock lock(clientLock_);
-    if (!client_) {
+    if (!connection_.hasClient()) {
         MFW_LOG(CORE::kLogDebug,
                 "MqttManager::SubscribeToTopics(): Unable to subscribe to topics, MQTT client "
                 "doesn't exist.");
         return;
     }
-    auto subscribe = [this](int index, const std::string& topic) {
-        return client_->subscribe(
+    const SubscribeTopics topics = subscribeTopics();
+    // A failed request does not stop the ones after it.
+    for (const auto& s : kSubscriptions) {
+        const std::string& topic = topics.*s.topic;
+        MFW_LOG(CORE::kLogDebug, "MqttManager::SubscribeToTopics(): Subscribing to %s topic: %s",
+                s.subscribing, topic.c_str());
+        const int index = s.index;
+        const int rc = connection_.subscribe(
             topic, 1, [this, index](int) { OnSubscribeSuccess(index); },
             [this, index](const MqttFailure& f) { OnSubscribeFailure(index, f); });
-    };
-    // A failed request does not stop the ones after it.
-    MFW_LOG(CORE::kLogDebug, "MqttManager::SubscribeToTopics(): Subscribing to bootstrap topic: %s",
-            topics.bootstrap.c_str());
-    if (const int rc = subscribe(kSubBootstrap, topics.bootstrap); rc != 0) {
-        MFW_LOG(CORE::kLogError,
-                "MqttManager::SubscribeToTopics(): Failed to subscribe to bootstrap topic, return "
-                "code %d",
-                rc);
-    }
-    MFW_LOG(CORE::kLogDebug, "MqttManager::SubscribeToTopics(): Subscribing to command topic: %s",
-            topics.commands.c_str());
-    if (const int rc = subscribe(kSubCommands, topics.commands); rc != 0) {
-        MFW_LOG(CORE::kLogError,
-                "MqttManager::SubscribeToTopics(): Failed to subscribe to commands topic, return "
-                "code %d",
-                rc);
-    }
-    MFW_LOG(CORE::kLogDebug, "MqttManager::SubscribeToTopics(): Subscribing to DTemplate topic: %s",
-            topics.dtemplate.c_str());
-    if (const int rc = subscribe(kSubDTemplate, topics.dtemplate); rc != 0) {
-        MFW_LOG(CORE::kLogError,
-                "MqttManager::SubscribeToTopics(): Failed to subscribe to dtemplate topic, return "
-                "code %d",
-                rc);
-    }
-    MFW_LOG(CORE::kLogDebug,
-            "MqttManager::SubscribeToTopics(): Subscribing to configuration topic: %s",
-            topics.configuration.c_str());
-    if (const int rc = subscribe(kSubConfiguration, topics.configuration); rc != 0) {
-        MFW_LOG(
-            CORE::kLogError,
-            "MqttManager::SubscribeToTopics(): Failed to subscribe to config topic, return code "
-            "%d",
-            rc);
-    }
-    MFW_LOG(CORE::kLogDebug, "MqttManager::SubscribeToTopics(): Subscribing to OTP topic: %s",
-            topics.otpToken.c_str());
-    if (const int rc = subscribe(kSubOtpToken, topics.otpToken); rc != 0) {
-        MFW_LOG(
-            CORE::kLogError,
-            "MqttManager::SubscribeToTopics(): Failed to subscribe to OTP topic, return code %d",
-            rc);
+        if (rc != kMqttSuccess) {
+            MFW_LOG(CORE::kLogError,
+                    "MqttManager::SubscribeToTopics(): Failed to subscribe to %s topic, return "
+                    "code %d",
+                    s.failed, rc);
+        }
     }
 }
 
 void MqttManager::OnSubscribeSuccess(int index) {
     subscribedMask_.fetch_or(1u << index);
     const SubscribeTopics topics = subscribeTopics();
-    const std::string* topic = nullptr;
-    switch (index) {
-        case kSubBootstrap:
-            topic = &topics.bootstrap;
-            break;
-        case kSubCommands:
-            topic = &topics.commands;
-            break;
-        case kSubConfiguration:
-            topic = &topics.configuration;
-            break;
-        case kSubDTemplate:
-            topic = &topics.dtemplate;
-            break;
-        case kSubOtpToken:
-            topic = &topics.otpToken;
-            break;
-        default:
-            MFW_LOG(CORE::kLogWarning,
-                    "MqttManager::OnSubscribeSuccess(): Subscribed to unknown topic");
-            break;
-    }
-    if (topic != nullptr) {
+    if (const std::string* topic = topicOf(topics, index)) {
         MFW_LOG(CORE::kLogDebug,
                 "MqttManager::OnSubscribeSuccess(): Successfully subscribed to topic: %s",
                 topic->c_str());
+    } else {
+        MFW_LOG(CORE::kLogWarning,
+                "MqttManager::OnSubscribeSuccess(): Subscribed to unknown topic");
     }
     if (index == kSubDTemplate && needIdFlag_) {
         Json::Value status;
@@ -201,28 +199,10 @@ void MqttManager::OnSubscribeSuccess(int index) {
 }
 
 void MqttManager::OnSubscribeFailure(int index, const MqttFailure& f) {
-    const char* what = "unknown topic";
-    switch (index) {
-        case kSubBootstrap:
-            what = "bootstrap topic";
-            break;
-        case kSubCommands:
-            what = "command topic";
-            break;
-        case kSubConfiguration:
-            what = "config topic";
-            break;
-        case kSubDTemplate:
-            what = "template topic";
-            break;
-        default:
-            // The token topic is reported as unknown, as it always was.
-            break;
-    }
     MFW_LOG(CORE::kLogError,
             "MqttManager::OnSubscribeFailure(): Failed to subscribe to %s Error code: %d. MQTT "
             "Reason Code: %d. Error message: %s. Token: %d",
-            what, f.code, f.reasonCode, f.message.empty() ? "null" : f.message.c_str(), f.token);
+            subscriptionName(index), f.code, f.reasonCode, failureText(f).c_str(), f.token);
 }
 
 void MqttManager::UnsubscribeToTopic(const std::string& topic) {
@@ -231,15 +211,7 @@ void MqttManager::UnsubscribeToTopic(const std::string& topic) {
     }
     MFW_LOG(CORE::kLogDebug, "MqttManager::UnsubscribeToTopic(): Unsubscribing from topic: %s",
             topic.c_str());
-    std::shared_lock lock(clientLock_);
-    if (!client_) {
-        MFW_LOG(CORE::kLogError,
-                "MqttManager::UnsubscribeToTopic(): Failed to unsubscribe to topic %s. No MQTT "
-                "client",
-                topic.c_str());
-        return;
-    }
-    const int rc = client_->unsubscribe(
+    const int rc = connection_.unsubscribe(
         topic,
         [topic](int) {
             MFW_LOG(CORE::kLogDebug,
@@ -253,9 +225,14 @@ void MqttManager::UnsubscribeToTopic(const std::string& topic) {
             MFW_LOG(CORE::kLogError,
                     "MqttManager::unsub_failure(): Response:  Error code: %d. MQTT Reason Code: "
                     "%d. Error message: %s. Token: %d",
-                    f.code, f.reasonCode, f.message.empty() ? "null" : f.message.c_str(), f.token);
+                    f.code, f.reasonCode, failureText(f).c_str(), f.token);
         });
-    if (rc != 0) {
+    if (rc == MqttConnection::kNoClient) {
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::UnsubscribeToTopic(): Failed to unsubscribe to topic %s. No MQTT "
+                "client",
+                topic.c_str());
+    } else if (rc != kMqttSuccess) {
         MFW_LOG(CORE::kLogError,
                 "MqttManager::UnsubscribeToTopic(): Failed to unsubscribe to topic %s, return code "
                 "%d\n",
@@ -266,15 +243,7 @@ void MqttManager::UnsubscribeToTopic(const std::string& topic) {
 void MqttManager::SubscribeToIPCTopic(const std::string& topic) {
     MFW_LOG(CORE::kLogDebug, "MqttManager::SubscribeToIPCTopic(): Subscribing to IPC topic: %s",
             topic.c_str());
-    std::shared_lock lock(clientLock_);
-    if (!client_) {
-        MFW_LOG(CORE::kLogError,
-                "MqttManager::SubscribeToIPCTopic(): Failed to subscribe to IPC topic %s. No MQTT "
-                "client",
-                topic.c_str());
-        return;
-    }
-    const int rc = client_->subscribe(
+    const int rc = connection_.subscribe(
         topic, 1,
         [topic](int) {
             MFW_LOG(CORE::kLogDebug,
@@ -288,9 +257,14 @@ void MqttManager::SubscribeToIPCTopic(const std::string& topic) {
             MFW_LOG(CORE::kLogError,
                     "MqttManager::sub_ipc_failure(): Response:  Error code: %d. MQTT Reason Code: "
                     "%d. Error message: %s. Token: %d",
-                    f.code, f.reasonCode, f.message.empty() ? "null" : f.message.c_str(), f.token);
+                    f.code, f.reasonCode, failureText(f).c_str(), f.token);
         });
-    if (rc != 0) {
+    if (rc == MqttConnection::kNoClient) {
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::SubscribeToIPCTopic(): Failed to subscribe to IPC topic %s. No MQTT "
+                "client",
+                topic.c_str());
+    } else if (rc != kMqttSuccess) {
         MFW_LOG(CORE::kLogError,
                 "MqttManager::SubscribeToIPCTopic(): Failed to subscribe to IPC topic %s, return "
                 "code %d",

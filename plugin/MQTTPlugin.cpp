@@ -82,6 +82,10 @@ void MQTTPlugin::stopSequence() {
     platform::tls::cleanup();
     mqttConfig::release();
     MqttManager::GetInstance().metricsConsumer().unload();
+    // The manager goes with the module: its last threads (the duplicate
+    // filter's timer) end here, before PluginExit waits for the module's
+    // threads, not when the library is unloaded.
+    MqttManager::ReleaseInstance();
 }
 
 }  // namespace ndpx

@@ -99,6 +99,12 @@ bool randomBytes(unsigned char* buffer, std::size_t size) {
 // Ill-formed input is replaced the way the Unicode standard recommends: each
 // maximal subpart of a broken sequence becomes one U+FFFD. Overlong forms,
 // encoded surrogates and values above U+10FFFF are ill-formed.
+bool isValidUtf8(std::string_view text) {
+    // Ill-formed sequences come back as U+FFFD, so only well-formed text
+    // survives the round trip unchanged.
+    return toUtf8(toWide(text)) == text;
+}
+
 std::wstring toWide(std::string_view utf8) {
     // No input byte yields more than one code unit (a 4-byte sequence gives at
     // most two), so the output fits in utf8.size() units: write in place.

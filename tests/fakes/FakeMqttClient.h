@@ -1,12 +1,16 @@
 #pragma once
 // An in-memory MQTT client for unit tests of the session logic: records what
 // the manager asks of the library and lets a test play the library's
-// callbacks.
+// callbacks. Like the real library it holds its own lock while it calls
+// back, and calls nothing of a client once that client is destroyed, so a
+// test that fires callbacks from its own threads sees the same lock order
+// as production.
 
 #include "mqtt/MqttClient.h"
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -20,7 +24,7 @@ struct FakeMqttState {
         int qos;
         bool retained;
     };
-    std::mutex mutex;
+    std::mutex mutex;  // the library's own lock
     std::condition_variable changed;
     std::vector<Published> published;
     std::vector<std::string> subscribed;
@@ -28,7 +32,7 @@ struct FakeMqttState {
     std::vector<MqttClient::SuccessFn> subscribeSuccess;
     MqttCreateOptions created;
     MqttConnectOptions connected;
-    MqttClientListener* listener = nullptr;
+    MqttClientListener* listener = nullptr;  // of the live client, if any
     bool isConnected = false;
     int createRc = 0;
     int attachRc = 0;
@@ -38,6 +42,40 @@ struct FakeMqttState {
     int publishRc = 0;
     int nextToken = 1;
     int clients = 0;
+
+    // Plays a callback of the live client, with the library's lock held;
+    // false when no client is alive.
+    bool fire(const std::function<void(MqttClientListener&)>& callback) {
+        std::lock_guard lock(mutex);
+        if (listener == nullptr) {
+            return false;
+        }
+        callback(*listener);
+        return true;
+    }
+    // The connection succeeds: the connect call's callback, then the
+    // connected callback, as the library calls them.
+    bool connectionUp() {
+        {
+            std::lock_guard lock(mutex);
+            isConnected = true;
+        }
+        return fire([](MqttClientListener& l) {
+            l.onConnectSuccess();
+            l.onConnected("connect");
+        });
+    }
+    bool connectionDown(const std::string& cause) {
+        {
+            std::lock_guard lock(mutex);
+            isConnected = false;
+        }
+        return fire([&](MqttClientListener& l) { l.onConnectionLost(cause); });
+    }
+    void set(int FakeMqttState::*field, int value) {
+        std::lock_guard lock(mutex);
+        this->*field = value;
+    }
 
     // Waits (bounded) until `count` messages were published on `topic`.
     bool waitPublished(const std::string& topic, std::size_t count,
@@ -67,12 +105,26 @@ struct FakeMqttState {
         }
         return out;
     }
+    std::vector<MqttClient::SuccessFn> subscribeCallbacks() {
+        std::lock_guard lock(mutex);
+        return subscribeSuccess;
+    }
 };
 
 class FakeMqttClient : public MqttClient {
 public:
-    explicit FakeMqttClient(FakeMqttState& s) : s_(s) {}
+    FakeMqttClient(FakeMqttState& s, MqttClientListener& listener) : s_(s) {
+        std::lock_guard lock(s_.mutex);
+        s_.listener = &listener;
+        ++s_.clients;
+    }
+    ~FakeMqttClient() override {
+        std::lock_guard lock(s_.mutex);
+        s_.listener = nullptr;
+        s_.isConnected = false;
+    }
     int attachCallbacks(int& failedStep) override {
+        std::lock_guard lock(s_.mutex);
         failedStep = s_.attachStep;
         return s_.attachRc;
     }
@@ -82,13 +134,17 @@ public:
         return s_.connectRc;
     }
     int disconnect(int) override {
+        std::lock_guard lock(s_.mutex);
         if (s_.disconnectRc == 0 && s_.listener != nullptr) {
             s_.isConnected = false;
             s_.listener->onDisconnectSuccess();
         }
         return s_.disconnectRc;
     }
-    bool isConnected() override { return s_.isConnected; }
+    bool isConnected() override {
+        std::lock_guard lock(s_.mutex);
+        return s_.isConnected;
+    }
     int publish(const std::string& topic, const std::string& payload, int qos, bool retained,
                 int& token, SuccessFn, FailureFn) override {
         std::lock_guard lock(s_.mutex);
@@ -120,14 +176,15 @@ private:
 inline MqttClientFactory fakeClientFactory(FakeMqttState& s) {
     return [&s](const MqttCreateOptions& o, MqttClientListener& l,
                 int& rc) -> std::unique_ptr<MqttClient> {
-        s.created = o;
-        s.listener = &l;
-        rc = s.createRc;
+        {
+            std::lock_guard lock(s.mutex);
+            s.created = o;
+            rc = s.createRc;
+        }
         if (rc != 0) {
             return nullptr;
         }
-        ++s.clients;
-        return std::make_unique<FakeMqttClient>(s);
+        return std::make_unique<FakeMqttClient>(s, l);
     };
 }
 

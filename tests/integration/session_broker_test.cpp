@@ -5,6 +5,7 @@
 #include "config/MqttManagerUtil.h"
 #include "mqtt/MqttManager.h"
 #include "support/MosquittoBroker.h"
+#include "support/MqttManagerPeer.h"
 #include "support/MqttTestClient.h"
 #include "support/TestRegistry.h"
 #include "support/WaitUntil.h"
@@ -63,13 +64,12 @@ protected:
     }
 
     ConnectionMaterial material(const test::ClientPem& client) {
-        return {"ssl://127.0.0.1:" + std::to_string(broker_.port()),
-                kIdentity,
-                "desktop/bootstrap/" + kIdentity,
-                broker_.caPem(),
-                client.certPem,
-                client.keyPem,
-                ""};
+        return {.endpointUrl = "ssl://127.0.0.1:" + std::to_string(broker_.port()),
+                .clientId = kIdentity,
+                .bootstrapTopic = "desktop/bootstrap/" + kIdentity,
+                .caCertPem = broker_.caPem(),
+                .clientCertPem = client.certPem,
+                .privateKeyPem = client.keyPem};
     }
 
     void startAgent(ConnectionMaterial m) {
@@ -80,8 +80,7 @@ protected:
         d.connectionMaterial = [this] { return std::optional(material_); };
         manager_ = std::make_unique<MqttManager>(d);
         ASSERT_TRUE(manager_->Start());
-        manager_->setPairedStateKnown(true);
-        manager_->setPaired(true);
+        MqttManagerTestPeer(*manager_).markPaired();
         ASSERT_TRUE(manager_->ConfigureTopicNames());
         ASSERT_EQ(manager_->Connect(), 1);
     }
@@ -129,7 +128,7 @@ TEST_F(SessionBrokerTest, PairedAgentAnswersEachCommandOnceAndSurvivesABrokerRes
     reg_.setString(kNodeManagerKey, "mqtt_MaxBufferedMessages", "3");
     startAgent(material(broker_.issueClient(kIdentity)));
     ASSERT_TRUE(subscribedAll());
-    EXPECT_EQ(manager_->subscribedMask(), kAllSubscribed);
+    EXPECT_EQ(MqttManagerTestPeer(*manager_).subscribedMask(), kAllSubscribed);
     EXPECT_EQ(manager_->GetState(), MQTT_STATE_CONNECTED);
     const auto needId = controlPlane_.waitForPayload(kDesktop + "status");
     ASSERT_TRUE(needId);

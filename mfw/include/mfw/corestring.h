@@ -15,6 +15,9 @@ std::wstring toWide(std::string_view utf8);
 // Unpaired surrogates and values beyond U+10FFFF become U+FFFD; never throws.
 std::string toUtf8(std::wstring_view wide);
 
+// True when `text` is well-formed UTF-8 (so it converts without loss).
+bool isValidUtf8(std::string_view text);
+
 bool iequals(std::string_view a, std::string_view b);    // ASCII case-blind
 bool iequals(std::wstring_view a, std::wstring_view b);  // ASCII case-blind
 std::string toLowerAscii(std::string_view s);

@@ -1,107 +1,47 @@
 #pragma once
-// The one object that owns the MQTT session and everything around it: the
-// connection state, start and stop, topics, the connection and its
-// callbacks, publishing, inbound dispatch, the registration thread, healing
-// and the duplicate command filter. Its operations are implemented in one
-// file per concern (see the .cpp files of this folder).
+// The one object that owns the MQTT session and everything around it. It
+// keeps the connection state, starts and stops, names the topics, publishes,
+// dispatches inbound messages on its executor, and owns the duplicate
+// command filter. Three collaborators do the rest: the connection (the
+// client's lifetime and its lock), registration (the pairing chain), and
+// healing with the endpoint change. The operations other parts of the agent
+// call stay here, by their names, as thin entry points.
+//
+// Threads and locks: docs/architecture.md, "Threading contract".
 
-#include "config/mqttConfig.h"
-#include "mqtt/MqttClient.h"
+#include "mqtt/ConnectionInfo.h"
+#include "mqtt/Healing.h"
+#include "mqtt/ManagerDependencies.h"
+#include "mqtt/MqttConnection.h"
 #include "mqtt/MqttLmMonConsumer.h"
 #include "mqtt/MqttState.h"
+#include "mqtt/Registration.h"
 #include "mqtt/SerialExecutor.h"
 #include "mqtt/Topics.h"
 #include "services/DuplicateMessageHandler.h"
 
 #include <mfw/PropertyBag.h>
 #include <mfw/coreevent.h>
+#include <mfw/corelock.h>
 #include <mfw/corethread.h>
-#include <platform/FileCreationWaiter.h>
 
 #include <json/value.h>
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <optional>
-#include <shared_mutex>
 #include <string>
-#include <vector>
 
 namespace ndpx {
-
-class pairingConfig;
-
-// What a connection needs from pairing.
-struct ConnectionMaterial {
-    std::string endpointUrl;
-    std::string clientId;
-    std::string bootstrapTopic;
-    std::string caCertPem;
-    std::string clientCertPem;
-    std::string privateKeyPem;
-    std::string rootCaPem;  // the machine's trusted roots, appended to the trust store
-};
-
-// The one-time-password exchange at the credential service.
-struct OtpRequest {
-    std::string url;
-    std::string body;  // {"vmId", "otp", "clientCsr"}: holds a secret, never logged
-    std::string thumbprint;
-    bool checkRevocation = true;
-    std::string proxyServer;
-    std::string proxyBypass;
-    std::string proxyAutoConfigUrl;
-    std::uint32_t timeoutSeconds = 150;
-};
-
-// Result codes of the last connection attempt per endpoint.
-enum EndpointResult : int { kEndpointConnected = 0, kEndpointFailed = 1, kEndpointTlsFailed = 3 };
-
-// What the manager needs from outside; tests pass their own.
-struct MqttManagerDependencies {
-    platform::TimeSource* time = &platform::TimeSource::real();
-    // Start runs the registration thread (tests of the session logic drive
-    // the steps themselves).
-    bool runRegistrationThread = true;
-    // TCP_NODELAY on the broker socket after every connection (off only to
-    // measure what it is worth).
-    bool setNoDelay = true;
-    // The configuration in force; by default the process's loaded one.
-    std::function<std::shared_ptr<mqttConfig>()> config;
-    // The MQTT client library; by default the real one.
-    MqttClientFactory clientFactory;
-    // Connection material from the pairing data; nullopt when there is none.
-    std::function<std::optional<ConnectionMaterial>()> connectionMaterial;
-    // Handlers of the template and credentials-token topics (set by the
-    // services that own them).
-    std::function<void(const Json::Value&)> templateHandler;
-    std::function<void(const Json::Value&)> otpTokenHandler;
-    // "MigrateToCorvid": the migration manager's answer.
-    std::function<bool(CORE::PropertyBag&, CORE::PropertyBag&)> migrationHandler;
-    // Enrichment of a session report before it is published, and of the
-    // answer to a successful "StartSession".
-    std::function<void(CORE::PropertyBag&)> sessionReportTransform;
-    std::function<void(CORE::PropertyBag&)> startSessionEnricher;
-    // Is the current (or else the pending) client certificate present, valid
-    // and issued to the agent identity? Healing goes back to requiring a new
-    // pairing when it is not.
-    std::function<bool()> clientCertificateUsable;
-    // Sends the one-time-password request; true and the answer body when the
-    // exchange itself worked.
-    std::function<bool(const OtpRequest&, std::string& response)> otpRequester;
-};
-
-// The production wiring: pairing data and certificates from the machine's
-// stores, the HTTPS client, the certificate checks.
-MqttManagerDependencies defaultDependencies();
 
 class MqttManager : private MqttClientListener {
 public:
     static MqttManager& GetInstance();
+    // Destroys the process's manager, whose threads (the duplicate filter's
+    // timer among them) then end: called at PluginExit, after Stop, so that
+    // none outlives the module.
+    static void ReleaseInstance();
 
     explicit MqttManager(MqttManagerDependencies deps = {});
     ~MqttManager() override;
@@ -122,7 +62,6 @@ public:
     void SubscribeToTopics();
     virtual void UnsubscribeToTopic(const std::string& topic);
     void SubscribeToIPCTopic(const std::string& topic);
-    unsigned subscribedMask() const { return subscribedMask_.load(); }
     SubscribeTopics subscribeTopics() const;
     PublishTopics publishTopics() const;
 
@@ -146,7 +85,8 @@ public:
     bool SendSessionReport(const CORE::PropertyBag& bag);
     bool PublishSessionMessage(const CORE::PropertyBag& bag);
     virtual bool PublishEvent(const CORE::PropertyBag& bag);
-    bool PublishIPCMessage(const std::string& topic, const std::string& payload);
+    bool PublishIPCMessage(const std::string& topic, const std::string& payload, int qos,
+                           bool retained);
 
     // Inbound dispatch.
     void OnMessage(const std::string& topic, const std::string& payload);
@@ -155,7 +95,6 @@ public:
     void ProcessCommandMessage(Json::Value root);
     static void onAsyncMsgComplete(void* context, const std::wstring& id, int responseType,
                                    CORE::PropertyBag& response);
-    std::size_t pendingCommandCount() const;
 
     // Service operations that answer through a bag.
     bool GetEndpointProperties(CORE::PropertyBag& request, CORE::PropertyBag& response);
@@ -168,30 +107,15 @@ public:
     void StartTearDownThread(bool reconnect);
     bool PerformReconnect();
 
-    // Registration (RegistrationThread.cpp, RegistrationSteps.cpp).
-    bool WaitForFFCustomization();
-    bool WaitForLCMGeneratedSpec();
-    bool WaitForLCMFileCreation();
-    bool ParseLCMSpec();
+    // Registration. RegisterMessageTransport is the chain's step 2, virtual
+    // so that a derived manager may replace it; it runs under the
+    // registration mutex.
     virtual bool RegisterMessageTransport();
-    bool ReadAndValidatePairingData();
-    bool CreateAgentKeyPair();
-    bool RequestCredentials();
-    bool MakeOTPRequest(const std::string& vmId, const std::string& csrBase64,
-                        std::string& response);
-    bool StorePairingData();
-    bool MarkPairedState();
-    bool StartIPCServer();
-    bool HandleActiveRetries();
-    bool HandlePendingRetries();
     void RevertToRequireBootstrap(bool forgetPairingData);
     void UpdateIDs();
-    void requestReboot() { rebootRequested_ = true; }
-    bool registrationCompleted() const { return registrationCompleted_.load(); }
-    const std::string& lastFailureReason() const { return failureReason_; }
-    void setPairedStateKnown(bool known) { pairedStateKnown_ = known; }
-    void setPaired(bool paired) { pairedFlag_ = paired; }
-    void setNeedId(bool needId) { needIdFlag_ = needId; }
+    bool StartIPCServer();
+    void requestReboot() { registration_.requestReboot(); }
+    bool registrationCompleted() const { return registration_.registrationCompleted(); }
 
     bool isStarted() const { return started_.load(); }
     bool isStopping() const { return shutdownEvent_.isSet(); }
@@ -199,24 +123,20 @@ public:
     DuplicateMessageHandler& duplicateFilter() { return *duplicates_; }
     MqttLmMonConsumer& metricsConsumer() { return metrics_; }
     std::shared_ptr<mqttConfig> config() const;
-    std::string connectionGuid() const;
-    int lastEndpointResult(const std::string& endpoint) const;
-    std::string currentEndpoint() const;
+    std::string connectionGuid() const { return info_.guid(); }
+    std::string currentEndpoint() const { return info_.currentEndpoint(); }
+    int lastEndpointResult(const std::string& endpoint) const { return info_.lastResult(endpoint); }
     // Publications the library failed after a session was lost (see docs).
     std::uint64_t failedPublications() const { return failedPublications_.load(); }
 
 protected:
-    void StartAgentRegistrationThread();
-    virtual void RegistrationThreadProc();
-    void StopHealingThread();
-    void StopTearDownThread();
+    void StartAgentRegistrationThread() MFW_EXCLUDES(registrationThreadLock_);
 
-    // Connection callbacks (spec names), reached through the listener.
+    // Connection callbacks, on the executor.
     void OnConnectionSuccess(bool withResponseData);
     void OnConnectionFailure(const MqttFailure& failure);
     void OnConnectionLost(const std::string& cause);
     void OnReconnected();
-    void OnDisconnectSuccess();
     void OnDisconnectFailure(const MqttFailure& failure);
     void OnDisconnectReceived(int reasonCode);
     int OnSslError(const std::string& text);
@@ -226,7 +146,12 @@ protected:
     void OnDeliveryComplete(int token);
 
 private:
-    // MqttClientListener: library threads; everything slow is handed off.
+    friend class Registration;
+    friend class Healing;
+    friend class MqttManagerTestPeer;
+
+    // MqttClientListener: reached through the connection's hand-off, so
+    // these run on the executor, never on a library thread.
     void onConnectionLost(const std::string& cause) override;
     void onMessageArrived(std::string topic, std::string payload) override;
     void onDeliveryComplete(int token) override;
@@ -234,99 +159,71 @@ private:
     void onDisconnectReceived(int reasonCode) override;
     void onConnectSuccess() override;
     void onConnectFailure(const MqttFailure& failure) override;
-    void onDisconnectSuccess() override;
+    void onDisconnectSuccess() override {}  // taken by the connection itself
     void onDisconnectFailure(const MqttFailure& failure) override;
     void onSslError(const std::string& text) override;
 
     void ResetRunData();
-    void recordEndpointResult(int result);
     void postConnectWork();
+    void classifyConnectFailure();
+    // The connection material, and what Connect takes from it for later.
+    std::optional<ConnectionMaterial> connectionMaterial();
     // Writes the PEM files the library reads (names from tlsFile()).
     bool writeTlsMaterial(const ConnectionMaterial& material, MqttConnectOptions& options);
+    std::uint32_t disconnectTimeoutMs() const;
     void applyNoDelay();
-    void HealConnection(const std::string& reason);
-    bool waitBeforeReconnect();
+    int sendToDesktopManager(const wchar_t* operation, const CORE::PropertyBag& request);
+    std::string persistenceFolder() MFW_EXCLUDES(materialLock_);
 
     MqttManagerDependencies deps_;
-
-    mutable std::mutex stateLock_;
-    std::int32_t state_ = MQTT_STATE_UNKNOWN;
-    std::atomic<bool> started_{false};
     CORE::coreevent shutdownEvent_;
-    CORE::corethread registrationThread_;
-    std::mutex registrationStartLock_;
+    std::atomic<bool> started_{false};
+
+    mutable CORE::Mutex stateLock_;
+    std::int32_t state_ MFW_GUARDED_BY(stateLock_) = MQTT_STATE_UNKNOWN;
 
     std::unique_ptr<DuplicateMessageHandler> duplicates_;
     MqttLmMonConsumer metrics_;
 
     // Topics (copied out under the lock).
-    mutable std::mutex topicsLock_;
-    SubscribeTopics subscribeTopics_;
-    SubscribeTopics pendingTopics_;
-    PublishTopics publishTopics_;
+    mutable CORE::Mutex topicsLock_;
+    SubscribeTopics subscribeTopics_ MFW_GUARDED_BY(topicsLock_);
+    SubscribeTopics pendingTopics_ MFW_GUARDED_BY(topicsLock_);
+    PublishTopics publishTopics_ MFW_GUARDED_BY(topicsLock_);
     std::atomic<unsigned> subscribedMask_{0};
 
-    // Connection.
-    std::shared_mutex clientLock_;
-    std::unique_ptr<MqttClient> client_;
-    std::string persistenceFolder_;
-    mutable std::mutex connectionLock_;  // guid, endpoints and their results
-    std::string connectionGuid_;
-    std::string currentEndpoint_;
-    std::string lastAttemptEndpoint_;
-    std::map<std::string, int> endpointStatus_;
-    std::string brokerHost_;
-    int brokerPort_ = 0;
-    CORE::coreevent disconnectEvent_;
+    // What Connect took from the pairing data, for the status messages and
+    // the desktop manager's settings.
+    CORE::Mutex materialLock_;
+    std::string persistenceFolder_ MFW_GUARDED_BY(materialLock_);
+    std::string publicKey_ MFW_GUARDED_BY(materialLock_);  // base64 DER, sent with "AVAILABLE"
+    std::string chainRootPem_ MFW_GUARDED_BY(materialLock_);
+
+    ConnectionInfo info_;
     std::atomic<bool> endpointOnly_{false};
-    std::atomic<int> consecutiveTlsFailures_{0};
     std::atomic<std::uint64_t> failedPublications_{0};
 
-    // Endpoint change in progress (docs/healing.md).
-    std::mutex endpointChangeLock_;
-    std::string previousEndpoint_;
-    int endpointAttemptsLeft_ = 0;
-
-    // Inbound work and post-connect work, off the library's threads.
-    SerialExecutor executor_{"MqttDispatch"};
+    // Commands handed to the desktop manager and not yet answered.
     struct PendingCommand {
         std::wstring command;
         Json::Value metadata;
     };
-    mutable std::mutex pendingLock_;
-    std::map<std::wstring, PendingCommand> pendingCommands_;
-
-    // Healing and tear-down tasks.
-    std::mutex healingLock_;
-    CORE::corethread healingThread_;
-    std::atomic<bool> healingDone_{true};
-    std::mutex tearDownLock_;
-    CORE::corethread tearDownThread_;
-    std::atomic<bool> tearDownDone_{true};
-
-    // Registration flow.
-    std::mutex registrationMutex_;
-    platform::FileCreationWaiter fileWaiter_;
-    std::atomic<bool> needBootstrap_{false};
-    std::atomic<bool> parseLcmSpec_{false};
-    std::atomic<bool> sameIdentity_{false};
-    std::atomic<bool> registrationCompleted_{false};
-    std::atomic<bool> rebootRequested_{false};
-    std::atomic<bool> transportRegistered_{false};
-    unsigned activeRetries_ = 0;
-    unsigned pendingRetries_ = 0;
-    unsigned maxCachedRetries_ = 3;
-    std::string keyContainer_;
-    std::vector<std::uint8_t> keyBlob_;
-    std::string failureReason_;
-    // The credentials answer, parsed in step 5 and stored in step 6.
-    std::shared_ptr<mqttConfig> pairingConfigOwner_;
-    std::unique_ptr<pairingConfig> pendingPairing_;
+    mutable CORE::Mutex pendingLock_;
+    std::map<std::wstring, PendingCommand> pendingCommands_ MFW_GUARDED_BY(pendingLock_);
 
     std::atomic<bool> pairedFlag_{false};
     std::atomic<bool> needIdFlag_{false};
     std::atomic<bool> pairedStateKnown_{false};
-    std::string publicKey_;  // base64, published with "AVAILABLE"
+
+    // The collaborators. The executor is declared after the connection, so
+    // it stops (its queue drained) before the connection it serves goes.
+    MqttConnection connection_;
+    SerialExecutor executor_{"MqttDispatch"};
+    Registration registration_;
+    Healing healing_{*this};
+
+    CORE::Mutex registrationThreadLock_;
+    std::unique_ptr<CORE::corethread> registrationThread_ MFW_GUARDED_BY(registrationThreadLock_);
 };
 
 }  // namespace ndpx

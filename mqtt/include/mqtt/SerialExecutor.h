@@ -2,12 +2,12 @@
 // Runs posted tasks one at a time, in order, on a thread it owns. Library
 // callbacks post their work here so they can return at once.
 
+#include <mfw/corelock.h>
 #include <mfw/corethread.h>
 
 #include <condition_variable>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <string>
 
 namespace ndpx {
@@ -19,21 +19,21 @@ public:
     SerialExecutor(const SerialExecutor&) = delete;
     SerialExecutor& operator=(const SerialExecutor&) = delete;
 
-    void start();
+    void start() MFW_EXCLUDES(mutex_);
     // False once stopping: the task is not run.
-    bool post(std::function<void()> task);
+    bool post(std::function<void()> task) MFW_EXCLUDES(mutex_);
     // Runs what is queued, then ends the thread and joins it.
-    void stop();
+    void stop() MFW_EXCLUDES(mutex_);
     bool onExecutorThread() const { return thread_.isCurrentThread(); }
 
 private:
     void run();
 
     const std::string name_;
-    std::mutex mutex_;
+    CORE::Mutex mutex_;
     std::condition_variable cv_;
-    std::deque<std::function<void()>> tasks_;
-    bool stopping_ = true;
+    std::deque<std::function<void()>> tasks_ MFW_GUARDED_BY(mutex_);
+    bool stopping_ MFW_GUARDED_BY(mutex_) = true;
     CORE::corethread thread_;
 };
 

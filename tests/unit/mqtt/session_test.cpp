@@ -4,6 +4,7 @@
 #include "config/MqttManagerUtil.h"
 #include "fakes/FakeMqttClient.h"
 #include "mqtt/MqttManager.h"
+#include "support/MqttManagerPeer.h"
 #include "support/TestRegistry.h"
 #include "support/WaitUntil.h"
 
@@ -51,26 +52,27 @@ protected:
     // Started, paired, topics named and connected through the fake.
     void connect() {
         ASSERT_TRUE(manager_->Start());
-        manager_->setPairedStateKnown(true);
-        manager_->setPaired(true);
+        peer().markPaired();
         ASSERT_TRUE(manager_->ConfigureTopicNames());
         ASSERT_EQ(manager_->Connect(), 1);
-        fake_.isConnected = true;
-        fake_.listener->onConnectSuccess();
-        fake_.listener->onConnected("connect");
+        ASSERT_TRUE(fake_.connectionUp());
         ASSERT_TRUE(fake_.waitSubscribed(5));
     }
-
-    std::vector<MqttClient::SuccessFn> subscribeCallbacks() {
-        std::lock_guard lock(fake_.mutex);
-        return fake_.subscribeSuccess;
-    }
+    MqttManagerTestPeer peer() { return MqttManagerTestPeer(*manager_); }
 
     TestRegistry reg_;
     std::shared_ptr<mqttConfig> cfg_ = std::make_shared<mqttConfig>(reg_.shared());
     FakeMqttState fake_;
     std::optional<ConnectionMaterial> material_ = ConnectionMaterial{
-        kBroker, "e1t3_vm7", "desktop/bootstrap/e1t3_vm7", "CA", "CLIENT", "KEY", "ROOTS"};
+        .endpointUrl = kBroker,
+        .clientId = "e1t3_vm7",
+        .bootstrapTopic = "desktop/bootstrap/e1t3_vm7",
+        .caCertPem = "CA",
+        .clientCertPem = "CLIENT",
+        .privateKeyPem = "KEY",
+        .publicKeyPem = "-----BEGIN PUBLIC KEY-----\nQUJD\nREVG\n-----END PUBLIC KEY-----\n",
+        .chainRootPem = "TOP",
+        .systemRootsPem = "ROOTS"};
     std::unique_ptr<MqttManager> manager_ = std::make_unique<MqttManager>(deps());
 };
 
@@ -114,32 +116,36 @@ TEST_F(SessionTest, ConnectOptionsSubscriptionMaskAndConnectionLoss) {
     EXPECT_EQ(manager_->GetState(), MQTT_STATE_CONNECTED);
     EXPECT_EQ(manager_->lastEndpointResult(kBroker), kEndpointConnected);
 
-    const auto confirm = subscribeCallbacks();
+    const auto confirm = fake_.subscribeCallbacks();
     for (std::size_t i = 0; i + 1 < confirm.size(); ++i) {
         confirm[i](0);
     }
+    ASSERT_TRUE(test::waitUntil([&] { return peer().subscribedMask() == 15u; }));
     EXPECT_EQ(cfg_->getMigrationStatus(), 1);  // four of five: unchanged
     confirm.back()(0);
-    EXPECT_EQ(manager_->subscribedMask(), kAllSubscribed);
-    EXPECT_EQ(cfg_->getMigrationStatus(), 2);
+    ASSERT_TRUE(test::waitUntil([&] { return cfg_->getMigrationStatus() == 2; }));
+    EXPECT_EQ(peer().subscribedMask(), kAllSubscribed);
     // The template subscription asked for an identity.
     const auto status = fake_.publishedOn(kStatus);
     ASSERT_EQ(status.size(), 1u);
     EXPECT_EQ(parse(status[0].payload)["status"].asString(), "NEED_ID");
     EXPECT_EQ(status[0].qos, 2);
 
-    fake_.listener->onConnectionLost("broker went away");
-    EXPECT_EQ(manager_->subscribedMask(), 0u);
-    EXPECT_EQ(manager_->GetState(), MQTT_STATE_NOT_CONNECTED);
+    ASSERT_TRUE(fake_.connectionDown("broker went away"));
+    ASSERT_TRUE(test::waitUntil([&] { return manager_->GetState() == MQTT_STATE_NOT_CONNECTED; }));
+    EXPECT_EQ(peer().subscribedMask(), 0u);
 }
 
 TEST_F(SessionTest, ConnectFailuresAreClassifiedAndRefusedWithoutCallbacksOrMaterial) {
     ASSERT_TRUE(manager_->Start());
     manager_->ConfigureTopicNames();
     ASSERT_EQ(manager_->Connect(), 1);
-    fake_.listener->onConnectFailure({-1, 0, "tls handshake failed", 3});
-    EXPECT_EQ(manager_->lastEndpointResult(kBroker), kEndpointTlsFailed);
-    fake_.listener->onConnectFailure({-1, 0, "connection refused", 4});
+    fake_.fire([](MqttClientListener& l) {
+        l.onConnectFailure({-1, 0, "tls handshake failed", 3});
+    });
+    EXPECT_TRUE(test::waitUntil(
+        [&] { return manager_->lastEndpointResult(kBroker) == kEndpointTlsFailed; }));
+    fake_.fire([](MqttClientListener& l) { l.onConnectFailure({-1, 0, "connection refused", 4}); });
     // Classified off the library's thread (the broker is unreachable here).
     EXPECT_TRUE(
         test::waitUntil([&] { return manager_->lastEndpointResult(kBroker) == kEndpointFailed; }));
@@ -147,10 +153,11 @@ TEST_F(SessionTest, ConnectFailuresAreClassifiedAndRefusedWithoutCallbacksOrMate
         "MqttManager::OnConnectionFailure(): MQTT connection failed. Error code: -1. MQTT Reason "
         "Code: 0. Error message: connection refused. Token: 4"));
 
-    fake_.attachRc = -3;
-    fake_.attachStep = 2;
+    fake_.set(&FakeMqttState::attachRc, -3);
+    fake_.set(&FakeMqttState::attachStep, 2);
     EXPECT_EQ(manager_->Connect(), 0);
-    fake_.attachRc = 0;
+    EXPECT_TRUE(reg_.log().contains("Failed to set reconnected callback, return code -3"));
+    fake_.set(&FakeMqttState::attachRc, 0);
     material_.reset();
     EXPECT_EQ(manager_->Connect(), 0);
 }
@@ -206,7 +213,7 @@ protected:
         CORE::MessageFrameWork::System().RemoveWorker(L"DesktopManager", 0);
     }
     void deliver(const std::string& topic, const std::string& payload) {
-        fake_.listener->onMessageArrived(topic, payload);
+        ASSERT_TRUE(fake_.fire([&](MqttClientListener& l) { l.onMessageArrived(topic, payload); }));
     }
 };
 
@@ -233,7 +240,7 @@ TEST_F(InboundTest, CommandIsAnsweredOnceWithItsIdAndMetadataAndBadOnesAreDroppe
     EXPECT_FALSE(second.isMember("METADATA"));
     EXPECT_TRUE(reg_.log().contains("Found duplicate message for ID: c1, dropping the message"));
     EXPECT_TRUE(reg_.log().contains("COMMAND object is not a string"));
-    EXPECT_EQ(manager_->pendingCommandCount(), 0u);
+    EXPECT_EQ(peer().pendingCommandCount(), 0u);
 }
 
 TEST_F(InboundTest, TemplateParseErrorsAreReportedOnceAndOtherTopicsDiscarded) {

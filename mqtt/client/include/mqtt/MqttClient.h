@@ -1,13 +1,27 @@
 #pragma once
 // The seam between the manager and the MQTT client library. The production
 // implementation (PahoMqttClient) drives the asynchronous C client; unit
-// tests use a fake. Callbacks arrive on the library's threads.
+// tests use a fake. Callbacks arrive on the library's threads, which may
+// hold the library's own lock: a listener copies what it is given and hands
+// off, and never calls back into the client from there.
 
 #include <functional>
 #include <memory>
 #include <string>
 
 namespace ndpx {
+
+// Results of the seam's calls, in the client library's numbering.
+inline constexpr int kMqttSuccess = 0;
+inline constexpr int kMqttAlreadyDisconnected = -3;
+// A request failed because the broker kept no session for the client.
+inline constexpr int kMqttSessionLost = -11;
+
+// Readies the client library for this process, once, before its first
+// client; later calls do nothing. Every user of the library in a process
+// calls it first: setting the library up again while a client exists would
+// reset the locks that client is using.
+void initMqttClientLibrary();
 
 struct MqttFailure {
     int code = 0;

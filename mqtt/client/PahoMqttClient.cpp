@@ -11,6 +11,20 @@
 #include <mutex>
 
 namespace ndpx {
+
+static_assert(kMqttSuccess == MQTTASYNC_SUCCESS);
+static_assert(kMqttAlreadyDisconnected == MQTTASYNC_DISCONNECTED);
+static_assert(kMqttSessionLost == MQTTASYNC_OPERATION_INCOMPLETE);
+
+void initMqttClientLibrary() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        MQTTAsync_init_options init = MQTTAsync_init_options_initializer;
+        init.do_openssl_init = 0;  // the module sets up the TLS library itself
+        MQTTAsync_global_init(&init);
+    });
+}
+
 namespace {
 
 MqttFailure toFailure(const MQTTAsync_failureData5* data) {
@@ -302,6 +316,7 @@ private:
 MqttClientFactory pahoClientFactory() {
     return [](const MqttCreateOptions& o, MqttClientListener& listener,
               int& rc) -> std::unique_ptr<MqttClient> {
+        initMqttClientLibrary();
         MQTTAsync_createOptions create = MQTTAsync_createOptions_initializer5;
         create.sendWhileDisconnected = o.sendWhileDisconnected ? 1 : 0;
         create.maxBufferedMessages = o.maxBufferedMessages;
