@@ -262,6 +262,9 @@ void MqttManager::OnReconnected() {
 }
 
 void MqttManager::OnConnectionSuccess(bool withResponseData) {
+    if (stopRequested_) {
+        return;  // the client is about to go: nothing to set up
+    }
     SetState(MQTT_STATE_CONNECTED);
     duplicates_->SetConnected(true);
     if (withResponseData) {
@@ -321,7 +324,9 @@ void MqttManager::classifyConnectFailure() {
 }
 
 void MqttManager::OnConnectionLost(const std::string& cause) {
-    SetState(MQTT_STATE_NOT_CONNECTED);
+    if (!stopRequested_) {
+        SetState(MQTT_STATE_NOT_CONNECTED);
+    }
     duplicates_->SetConnected(false);
     metrics_.ReportError("Connection lost");
     subscribedMask_ = 0;

@@ -187,9 +187,11 @@ bool MqttConnection::tearDown(std::uint32_t timeoutMs) {
 
 void MqttConnection::destroyLocked() {
     // The library calls nothing of a client after its destruction; its
-    // listener goes after it.
+    // listener goes after it. What the client said before it went, and is
+    // still queued, is stale now.
     client_.reset();
     events_.reset();
+    ++generation_;
 }
 
 int MqttConnection::publish(const std::string& topic, const std::string& payload, int qos,

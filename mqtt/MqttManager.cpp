@@ -130,6 +130,7 @@ bool MqttManager::Start() {
         return true;
     }
     SetState(MQTT_STATE_INITIALIZING);
+    stopRequested_ = false;
     ResetRunData();
     initMqttClientLibrary();
 
@@ -166,6 +167,7 @@ void MqttManager::StartAgentRegistrationThread() {
 }
 
 bool MqttManager::Stop() {
+    stopRequested_ = true;
     SetState(MQTT_STATE_STOPPING);
 
     PublishDesktopStatus("UNAVAILABLE", 0);

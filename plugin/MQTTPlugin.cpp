@@ -33,7 +33,12 @@ void MQTTPlugin::pluginServiceInstall(void*, void*, void*) {
     MFW_LOG(CORE::kLogDebug, "MQTTPlugin::pluginServiceInstall(): Waiting for %s queue",
             "DesktopManager");
     // The answer is not needed: installing goes on after the wait either way.
-    CORE::MessageFrameWork::System().IsWorkerInstalled(L"DesktopManager", 120000);
+    // An exit that comes meanwhile ends the wait.
+    CORE::MessageFrameWork::System().IsWorkerInstalled(L"DesktopManager", 120000, &exitEvent());
+    if (exiting()) {
+        MFW_LOG(CORE::kLogInfo, "MQTTPlugin::pluginServiceInstall(): Exiting, not installing");
+        return;
+    }
 
     auto config = mqttConfig::load();
     const std::wstring transport = config->getMsTransport();

@@ -216,6 +216,23 @@ TEST_F(PairingTest, AFailingCredentialServiceFailsTheStepAndTheChainRetries) {
     }
 }
 
+// A service that holds the credential request does not hold up a stop: the
+// request is cancelled and the host exits at once, not after the request's
+// time-out.
+TEST_F(PairingTest, SigtermWhileTheCredentialServiceHoldsTheRequestExitsPromptly) {
+    Process held({DEVCLOUD_PATH, "credsvc", "--dir", cloud_.path().string(), "--fault", "silent"});
+    ASSERT_TRUE(held.waitForLine("thumbprint ", 30s)) << held.output();
+    regctlSet("mqtt_SslCertThumbprint", held.valueAfter("thumbprint"));
+    auto agent = startAgent();
+    ASSERT_TRUE(agent->waitForLine("MQTT_STATE_WAITING_CONFIG")) << agent->output();
+    provisionInto(root_, held.valueAfter("url"), "vm7");
+    ASSERT_TRUE(held.waitForLine("holding the request unanswered", 60s)) << held.output();
+    agent->signal(SIGTERM);
+    // Generous: this checks for a hang, not a speed.
+    EXPECT_EQ(agent->wait(5s), std::optional<int>(0)) << agent->output();
+    EXPECT_TRUE(agent->waitForLine("MqttManager::Stop(): MQTT Stop successful.", 1s));
+}
+
 // Without a pin the service's chain must lead to a root the machine trusts.
 // Unknown, the request never leaves; once the operator trusts the CA (and
 // adds its CRL: revocation checking is on by default) the next attempt pairs.

@@ -2,6 +2,7 @@
 // Reaches into the manager for tests and benchmarks: marks it paired without
 // running the pairing chain, and reads what only the session itself sees.
 
+#include "certs/pairingConfig.h"
 #include "mqtt/MqttManager.h"
 
 namespace ndpx {
@@ -21,6 +22,19 @@ public:
         return m_.pendingCommands_.size();
     }
     std::string lastFailureReason() { return m_.registration_.lastFailureReason(); }
+    bool paired() const { return m_.pairedFlag_.load(); }
+
+    // The chain's store step on a later pass, after an earlier pass
+    // completed, when the credentials answer did not parse into anything to
+    // store.
+    bool storeWithNothingParsed() {
+        Registration& r = m_.registration_;
+        r.registrationCompleted_ = true;
+        CORE::MutexLock lock(r.mutex_);
+        r.needBootstrap_ = true;
+        r.pendingPairing_.reset();
+        return r.StorePairingData();
+    }
 
 private:
     MqttManager& m_;

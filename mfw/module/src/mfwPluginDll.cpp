@@ -89,6 +89,7 @@ void mfwPluginDll::onPluginExit() {
             std::lock_guard lock(plugin->lock_);
             plugin->exiting_ = true;
         }
+        plugin->exitEvent_.set();
         try {
             plugin->pluginServiceUninstall();
         } catch (const coreException& e) {

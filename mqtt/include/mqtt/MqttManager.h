@@ -178,6 +178,9 @@ private:
     MqttManagerDependencies deps_;
     CORE::coreevent shutdownEvent_;
     std::atomic<bool> started_{false};
+    // From the first step of Stop: connection events no longer move the
+    // state away from STOPPING.
+    std::atomic<bool> stopRequested_{false};
 
     mutable CORE::Mutex stateLock_;
     std::int32_t state_ MFW_GUARDED_BY(stateLock_) = MQTT_STATE_UNKNOWN;

@@ -71,6 +71,8 @@ public:
     CORE::Mutex& mutex() MFW_RETURN_CAPABILITY(mutex_) { return mutex_; }
 
 private:
+    friend class MqttManagerTestPeer;
+
     void failed(const char* reason) MFW_REQUIRES(mutex_) { failureReason_ = reason; }
     enum class ChainResult { Completed, Failed, Ended };
     ChainResult runChain() MFW_EXCLUDES(mutex_);

@@ -83,7 +83,9 @@ TEST_F(MessagingTest, SendMsgCarriesRequestAndAnswerAndReportsErrors) {
     EXPECT_THROW(add(L"ECHO", nullptr), coreException);
 }
 
-TEST_F(MessagingTest, SendMsgTimesOutWhileTheWorkerIsBusy) {
+// A busy worker makes a sync send time out; a sender that is told to stop
+// (its abort event set, before or during the wait) gives up at once.
+TEST_F(MessagingTest, SendMsgTimesOutWhileTheWorkerIsBusyOrEndsWhenAborted) {
     // Shared: the worker may still be leaving the wait when the test ends.
     auto release = std::make_shared<coreevent>();
     add(L"Slow", [release](const std::wstring&, PropertyBag&, PropertyBag&) {
@@ -93,7 +95,20 @@ TEST_F(MessagingTest, SendMsgTimesOutWhileTheWorkerIsBusy) {
     PropertyBag req;
     PropertyBag resp;
     EXPECT_EQ(MessageHandler::SendMsg(L"Slow", L"Op", req, resp, 50), kErrorTimeout);
-    release->set();  // the late answer must not touch the caller's bag
+
+    coreevent stopping;
+    auto sender = std::async(std::launch::async, [&] {
+        PropertyBag answer;
+        return MessageHandler::SendMsg(L"Slow", L"Op", req, answer, kInfinite, stopping);
+    });
+    EXPECT_EQ(sender.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    stopping.set();
+    ASSERT_EQ(sender.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(sender.get(), kErrorShutdown);
+    EXPECT_EQ(MessageHandler::SendMsg(L"Slow", L"Op", req, resp, kInfinite, stopping),
+              kErrorShutdown);
+    EXPECT_FALSE(MessageFrameWork::System().IsWorkerInstalled(L"Never", kInfinite, &stopping));
+    release->set();  // the late answers must not touch the callers' bags
 }
 
 TEST_F(MessagingTest, AsyncCompletionRunsOnAWorkerThreadWithTheRequestId) {

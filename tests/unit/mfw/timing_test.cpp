@@ -4,6 +4,7 @@
 #include "support/ManualTimeSource.h"
 
 #include <mfw/coreevent.h>
+#include <mfw/corethread.h>
 #include <mfw/coretimer.h>
 
 #include <gtest/gtest.h>
@@ -48,7 +49,8 @@ TEST(CoreEvent, TimedWaitEndsWhenVirtualTimePassesItsDeadline) {
 
 class CountingTimer : public coretimer {
 public:
-    explicit CountingTimer(ndpx::platform::TimeSource& t) : coretimer(t) {}
+    explicit CountingTimer(ndpx::platform::TimeSource& t, ownedthreadFactory threads = {})
+        : coretimer(t, std::move(threads)) {}
     ~CountingTimer() override { stop(); }
     std::atomic<int> ticks{0};
 
@@ -76,6 +78,19 @@ TEST(CoreTimer, TicksOncePerPeriodOfVirtualTimeAndStopsPromptly) {
     EXPECT_EQ(timer.ticks.load(), 3);
     timer.stop();
     EXPECT_FALSE(timer.running());
+}
+
+// A module's timer runs on one of the module's threads, so the wait at
+// plug-in exit covers it.
+TEST(CoreTimer, AModuleTimerThreadBelongsToTheModulesThreadGroup) {
+    ManualTimeSource clock;
+    const std::size_t before = corethreadgroup::module().running();
+    CountingTimer timer(clock, corethread::factory());
+    ASSERT_TRUE(timer.start(1000));
+    EXPECT_EQ(corethreadgroup::module().running(), before + 1);
+    timer.stop();
+    corethreadgroup::module().wait();
+    EXPECT_EQ(corethreadgroup::module().running(), 0u);
 }
 
 }  // namespace

@@ -4,12 +4,15 @@
 #include "fakes/FakeMqttClient.h"
 #include "mqtt/MqttManager.h"
 #include "support/ManualTimeSource.h"
+#include "support/MqttManagerPeer.h"
 #include "support/StubWorker.h"
 #include "support/TestRegistry.h"
 
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <fstream>
+#include <future>
 
 namespace ndpx {
 namespace {
@@ -24,11 +27,12 @@ protected:
     }
     ~RegistrationTest() override { manager_->Stop(); }
 
-    void start() {
+    void start(std::shared_ptr<CredentialRequester> credentials = {}) {
         MqttManagerDependencies d;
         d.time = &clock_;
         d.config = [this] { return cfg_; };
         d.clientFactory = test::fakeClientFactory(fake_);
+        d.credentials = std::move(credentials);
         manager_ = std::make_unique<MqttManager>(d);
         ASSERT_TRUE(manager_->Start());
     }
@@ -72,6 +76,81 @@ TEST_F(RegistrationTest, AFailingPassIsRetriedAfterADoublingWaitInVirtualTime) {
     ASSERT_TRUE(waitedFor(40));
     EXPECT_EQ(failures(), 3u);
     EXPECT_EQ(reg_.log().count("Unable to read LCM spec despite it existing!"), 3u);
+}
+
+// Stop then Start in one process runs the chain again from a clean slate: a
+// reboot asked for in the first run does not end the second.
+TEST_F(RegistrationTest, AStopAndStartRunsTheChainAgainWithFreshRunValues) {
+    reg_.setString(kNodeManagerKey, "mqtt_DeleteLCMSpec", "false");
+    std::filesystem::create_directories(mqttConfig::cloudProvisioningFilePath().parent_path());
+    std::ofstream(mqttConfig::cloudProvisioningFilePath()) << "{broken";
+    ::chmod(mqttConfig::cloudProvisioningFilePath().c_str(), 0600);
+    start();
+    ASSERT_TRUE(waitedFor(10));
+    manager_->requestReboot();
+    ASSERT_TRUE(manager_->Stop());
+    ASSERT_TRUE(manager_->Start());
+    ASSERT_TRUE(waitedFor(10, 2));
+    EXPECT_EQ(reg_.log().count("Reboot requested, stopping registration thread."), 0u);
+
+    // A later pass that has nothing to store keeps the pairing it had, as
+    // far as the stores still hold it (here: nothing).
+    MqttManagerTestPeer peer(*manager_);
+    EXPECT_FALSE(peer.storeWithNothingParsed());
+    EXPECT_TRUE(reg_.log().contains(
+        "MqttManager::StorePairingData(): Previous pairing data could not be read back"));
+    EXPECT_FALSE(peer.paired());
+}
+
+// A credential service that holds the request does not hold up a stop: the
+// request is cancelled.
+TEST_F(RegistrationTest, StoppingCancelsACredentialRequestInFlight) {
+    class HeldRequester : public CredentialRequester {
+    public:
+        bool request(const OtpRequest&, std::string&) override {
+            std::unique_lock lock(mutex_);
+            entered_ = true;
+            changed_.notify_all();
+            changed_.wait_for(lock, 30s, [&] { return cancelled_; });
+            return false;
+        }
+        void cancel() override {
+            std::lock_guard lock(mutex_);
+            cancelled_ = true;
+            changed_.notify_all();
+        }
+        bool waitEntered() {
+            std::unique_lock lock(mutex_);
+            return changed_.wait_for(lock, 30s, [&] { return entered_; });
+        }
+        bool cancelled() {
+            std::lock_guard lock(mutex_);
+            return cancelled_;
+        }
+
+    private:
+        std::mutex mutex_;
+        std::condition_variable changed_;
+        bool entered_ = false;
+        bool cancelled_ = false;
+    };
+    // Complete provisioning values: the chain pairs without a spec file.
+    for (const auto& [name, value] : {std::pair{"mqtt_VmId_pend", "vm7"},
+                                      {"mqtt_ShortTemplateId_pend", "t3"},
+                                      {"mqtt_EdgeId_pend", "e1"},
+                                      {"mqtt_AgentIdentity_pend", "e1t3_vm7"},
+                                      {"mqtt_OtpUrl", "https://hub.example/otp"},
+                                      {"mqtt_Otp", "one-time"}}) {
+        reg_.setString(kNodeManagerKey, name, value);
+    }
+    auto requester = std::make_shared<HeldRequester>();
+    start(requester);
+    ASSERT_TRUE(requester->waitEntered());
+    auto stopped = std::async(std::launch::async, [&] { return manager_->Stop(); });
+    ASSERT_EQ(stopped.wait_for(20s), std::future_status::ready) << "Stop waited for the service";
+    EXPECT_TRUE(requester->cancelled());
+    EXPECT_TRUE(reg_.log().contains(
+        "MqttManager::RequestCredentials(): Failed to register with REST API."));
 }
 
 TEST_F(RegistrationTest, BrokenCachedPairingDataLeadsBackToBootstrap) {

@@ -186,17 +186,37 @@ TEST_F(SessionTest, PublishingRefusalsAndRedactedLogging) {
     for (const auto& line : reg_.log().lines()) {
         EXPECT_EQ(line.find("hunter2"), std::string::npos) << line;
     }
+
+    // A local client's message keeps the quality of service and retain flag
+    // it asked for.
+    ASSERT_TRUE(manager_->PublishIPCMessage("desktop/e1/vm7/local", "{}", 2, true));
+    const auto local = fake_.publishedOn("desktop/e1/vm7/local");
+    ASSERT_EQ(local.size(), 1u);
+    EXPECT_EQ(local[0].qos, 2);
+    EXPECT_TRUE(local[0].retained);
+
+    // "AVAILABLE" carries the key of the client certificate in use.
+    Json::Value available;
+    manager_->BuildStatusMessage(available, "AVAILABLE", 0, {});
+    EXPECT_EQ(available["publicKey"].asString(), "QUJDREVG");
 }
 
-// A desktop manager that answers every command with its name and arguments.
+// A desktop manager that answers every command with its name and arguments,
+// and keeps the certificate settings it is given.
 class EchoDesktopManager : public CORE::WorkItem {
 public:
     bool handleMessage(const std::wstring& op, CORE::PropertyBag& req,
                        CORE::PropertyBag& resp) override {
+        if (op == L"SetSSOv2Settings") {
+            std::lock_guard lock(mutex);
+            ssoRootCa = req.get(L"ROOTCACERT", L"");
+        }
         resp = req;
         resp.set(L"HANDLED", op);
         return true;
     }
+    static inline std::mutex mutex;
+    static inline std::wstring ssoRootCa;
 };
 
 class InboundTest : public SessionTest {
@@ -241,6 +261,30 @@ TEST_F(InboundTest, CommandIsAnsweredOnceWithItsIdAndMetadataAndBadOnesAreDroppe
     EXPECT_TRUE(reg_.log().contains("Found duplicate message for ID: c1, dropping the message"));
     EXPECT_TRUE(reg_.log().contains("COMMAND object is not a string"));
     EXPECT_EQ(peer().pendingCommandCount(), 0u);
+}
+
+// An ID is taken as the text it is written as, for the duplicate filter and
+// the answer; one that is not valid UTF-8 is refused, never answered under
+// an altered ID.
+TEST_F(InboundTest, NumericIdsAreTextAndIllFormedIdsAreRefused) {
+    deliver(kCommands, R"({"ID":42,"COMMAND":"First"})");
+    deliver(kCommands, R"({"ID":"42","COMMAND":"Again"})");
+    deliver(kCommands, "{\"ID\":\"bad\xff\",\"COMMAND\":\"Broken\"}");
+    deliver(kCommands, R"({"ID":{"x":1},"COMMAND":"Broken"})");
+    deliver(kCommands, R"({"ID":"last","COMMAND":"Marker"})");
+    ASSERT_TRUE(fake_.waitPublished(kResponse, 2));
+    ASSERT_TRUE(
+        reg_.log().waitFor("Command ID is neither text nor a number", std::chrono::seconds(10)));
+    const auto answers = fake_.publishedOn(kResponse);
+    ASSERT_EQ(answers.size(), 2u);
+    EXPECT_EQ(parse(answers[0].payload)["ID"], Json::Value("42"));
+    EXPECT_EQ(parse(answers[0].payload)["HANDLED"].asString(), "First");
+    EXPECT_EQ(parse(answers[1].payload)["ID"].asString(), "last");
+    EXPECT_TRUE(reg_.log().contains("Found duplicate message for ID: 42, dropping the message"));
+    EXPECT_TRUE(reg_.log().contains("Command ID is not valid UTF-8, dropping the message"));
+    // The desktop manager was given the top of the client certificate's chain.
+    std::lock_guard lock(EchoDesktopManager::mutex);
+    EXPECT_EQ(EchoDesktopManager::ssoRootCa, L"TOP");
 }
 
 TEST_F(InboundTest, TemplateParseErrorsAreReportedOnceAndOtherTopicsDiscarded) {

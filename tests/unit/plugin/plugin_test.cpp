@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
+
 namespace ndpx {
 namespace {
 
@@ -113,6 +115,27 @@ TEST(ServiceOperations, EveryOperationIsReachedThroughAHostMessage) {
     EXPECT_NE(props.getBag(L"mqtt")->getBag(L"global"), nullptr);
     EXPECT_NE(props.getBag(L"mqtt")->getBag(L"edge"), nullptr);
     service->stop();
+}
+
+}  // namespace
+}  // namespace ndpx
+
+namespace ndpx {
+namespace {
+
+// An exit while the install still waits for the desktop manager ends the
+// wait: the host is not held for the install's two minutes, and nothing is
+// started behind its back.
+TEST(PluginLifecycle, ExitDuringTheInstallsWaitForTheDesktopManagerIsPrompt) {
+    TestRegistry reg;
+    MQTTPlugin plugin;
+    ASSERT_EQ(CORE::mfwPluginDll::onPluginInit(nullptr, nullptr, nullptr, nullptr), 1);
+    ASSERT_TRUE(reg.log().waitFor("Waiting for DesktopManager queue", std::chrono::seconds(10)));
+    auto exited = std::async(std::launch::async, [] { CORE::mfwPluginDll::onPluginExit(); });
+    ASSERT_EQ(exited.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_TRUE(reg.log().contains("MQTTPlugin::pluginServiceInstall(): Exiting, not installing"));
+    EXPECT_FALSE(reg.log().contains("MqttManager::Start(): MQTT Start successful."));
+    EXPECT_TRUE(reg.log().contains("mfwPluginDll: all threads gone"));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // reached by the three exported entry points.
 
 #include <mfw/PropertyBag.h>
+#include <mfw/coreevent.h>
 #include <mfw/coreref.h>
 
 #include <mutex>
@@ -34,6 +35,9 @@ public:
 
     PropertyBag params() const;
     bool exiting() const;
+    // Set once PluginExit begins: a wait during install (for another
+    // worker, say) ends on it, so that exiting never waits out an install.
+    coreevent& exitEvent() { return exitEvent_; }
     void* moduleHandle() const { return moduleHandle_; }
 
 private:
@@ -41,6 +45,7 @@ private:
     bool exiting_ = false;
     void* moduleHandle_ = nullptr;
     PropertyBag params_;
+    coreevent exitEvent_;
 };
 
 }  // namespace CORE
