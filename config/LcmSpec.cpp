@@ -9,6 +9,7 @@
 #include <mfw/corestring.h>
 #include <mfw/moduleLog.h>
 #include <platform/Paths.h>
+#include <platform/UniqueFd.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -35,33 +36,12 @@ std::string errorText(int err) {
     return std::error_code(err, std::generic_category()).message();
 }
 
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-    int release() {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-private:
-    int fd_;
-};
-
 // Reads the whole file. On failure returns the errno-style code. `info`
 // describes the file actually read (not whatever the path names later).
 int readWholeFile(const fs::path& path, std::string& content, struct stat& info) {
     content.clear();
     // O_NONBLOCK: a FIFO planted at the path must not hang the reader.
-    Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    const platform::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     if (fd.get() < 0) {
         return errno;
     }
@@ -493,7 +473,8 @@ bool mqttConfig::writeMigrationBootstrap(const std::string& text) {
     // Written beside the target and renamed into place, so that the
     // registration flow never reads (and deletes) a half-written spec.
     std::string temp = path.string() + ".XXXXXX";
-    Descriptor fd(::mkostemp(temp.data(), O_CLOEXEC));  // mode 0600: the LCM spec holds a secret
+    platform::UniqueFd fd(
+        ::mkostemp(temp.data(), O_CLOEXEC));  // mode 0600: the LCM spec holds a secret
     if (fd.get() < 0) {
         MFW_LOG(CORE::kLogError,
                 "mqttConfig::writeMigrationBootstrap(): Failed creating %s file: %s", path.c_str(),

@@ -2,6 +2,7 @@
 
 #include <mfw/corestring.h>
 #include <mfw/moduleLog.h>
+#include <platform/UniqueFd.h>
 
 #include <json/reader.h>
 #include <json/writer.h>
@@ -44,22 +45,6 @@ void logInvalidType(std::string_view name) {
     MFW_LOG(3, "MqttManagerUtil::toBag(): JSON parsing invalid type for key: %s",
             std::string(name).c_str());
 }
-
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 const Json::StreamWriterBuilder& compactWriterBuilder() {
     static const Json::StreamWriterBuilder builder = [] {
@@ -184,7 +169,7 @@ void toJSON(const CORE::PropertyBag& bag, Json::Value& json) {
 
 bool FileExistsWithRequiredOwner(const std::string& path, FileOwner owner) {
     // O_NONBLOCK: a FIFO planted at the path must not hang the caller.
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    const platform::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     if (fd.get() < 0) {
         MFW_LOG(0, "MqttManagerUtil::FileExistsWithRequiredOwner(): File not found");
         return false;

@@ -1,5 +1,7 @@
 #include "TlsRefusalProbe.h"
 
+#include <platform/UniqueFd.h>
+
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -24,21 +26,14 @@ struct SslFree {
 struct AddrFree {
     void operator()(addrinfo* p) const { freeaddrinfo(p); }
 };
-struct Socket {
-    int fd = -1;
-    ~Socket() {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-};
 
 bool waitFd(int fd, short events, std::chrono::milliseconds limit) {
     pollfd p{fd, events, 0};
     return ::poll(&p, 1, static_cast<int>(limit.count())) > 0;
 }
 
-bool connectTcp(const std::string& host, int port, std::chrono::milliseconds limit, Socket& s) {
+bool connectTcp(const std::string& host, int port, std::chrono::milliseconds limit,
+                platform::UniqueFd& s) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* raw = nullptr;
@@ -47,21 +42,20 @@ bool connectTcp(const std::string& host, int port, std::chrono::milliseconds lim
     }
     std::unique_ptr<addrinfo, AddrFree> list(raw);
     for (const addrinfo* a = list.get(); a != nullptr; a = a->ai_next) {
-        Socket candidate;
-        candidate.fd = ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
-        if (candidate.fd < 0) {
+        platform::UniqueFd candidate(
+            ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol));
+        if (!candidate) {
             continue;
         }
-        ::fcntl(candidate.fd, F_SETFL, O_NONBLOCK);
-        if (::connect(candidate.fd, a->ai_addr, a->ai_addrlen) != 0 && errno != EINPROGRESS) {
+        ::fcntl(candidate.get(), F_SETFL, O_NONBLOCK);
+        if (::connect(candidate.get(), a->ai_addr, a->ai_addrlen) != 0 && errno != EINPROGRESS) {
             continue;
         }
         int error = 0;
         socklen_t len = sizeof error;
-        if (waitFd(candidate.fd, POLLOUT, limit) &&
-            ::getsockopt(candidate.fd, SOL_SOCKET, SO_ERROR, &error, &len) == 0 && error == 0) {
-            s.fd = candidate.fd;
-            candidate.fd = -1;
+        if (waitFd(candidate.get(), POLLOUT, limit) &&
+            ::getsockopt(candidate.get(), SOL_SOCKET, SO_ERROR, &error, &len) == 0 && error == 0) {
+            s = std::move(candidate);
             return true;
         }
     }
@@ -73,7 +67,7 @@ bool connectTcp(const std::string& host, int port, std::chrono::milliseconds lim
 TlsProbeResult probeTls(const std::string& host, int port, const std::string& trustFile,
                         const std::string& certFile, const std::string& keyFile,
                         std::chrono::milliseconds limit) {
-    Socket sock;
+    platform::UniqueFd sock;
     if (!connectTcp(host, port, limit, sock)) {
         return TlsProbeResult::Unreachable;
     }
@@ -86,7 +80,7 @@ TlsProbeResult probeTls(const std::string& host, int port, const std::string& tr
     }
     SSL_CTX_set_verify(ctx.get(), SSL_VERIFY_PEER, nullptr);
     std::unique_ptr<SSL, SslFree> ssl(SSL_new(ctx.get()));
-    SSL_set_fd(ssl.get(), sock.fd);
+    SSL_set_fd(ssl.get(), sock.get());
     SSL_set_tlsext_host_name(ssl.get(), host.c_str());
     for (;;) {
         const int rc = SSL_connect(ssl.get());
@@ -95,7 +89,7 @@ TlsProbeResult probeTls(const std::string& host, int port, const std::string& tr
         }
         const int err = SSL_get_error(ssl.get(), rc);
         if ((err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE) ||
-            !waitFd(sock.fd, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, limit)) {
+            !waitFd(sock.get(), err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, limit)) {
             ERR_clear_error();
             return TlsProbeResult::Refused;
         }
@@ -110,7 +104,7 @@ TlsProbeResult probeTls(const std::string& host, int port, const std::string& tr
         }
         const int err = SSL_get_error(ssl.get(), rc);
         if (err == SSL_ERROR_WANT_READ) {
-            if (!waitFd(sock.fd, POLLIN, limit)) {
+            if (!waitFd(sock.get(), POLLIN, limit)) {
                 return TlsProbeResult::Accepted;  // silence: the broker waits for CONNECT
             }
             continue;

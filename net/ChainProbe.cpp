@@ -4,6 +4,7 @@
 #include "net/Handles.h"
 
 #include <mfw/moduleLog.h>
+#include <platform/UniqueFd.h>
 
 #include <fcntl.h>
 #include <netdb.h>
@@ -21,6 +22,8 @@
 namespace ndpx::net {
 
 namespace {
+
+using platform::UniqueFd;
 
 constexpr std::size_t kMaxChainLength = 10;
 

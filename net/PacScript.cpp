@@ -1,6 +1,6 @@
 #include "PacScript.h"
 
-#include "net/Handles.h"
+#include <platform/UniqueFd.h>
 
 #include <arpa/inet.h>
 #include <duktape.h>
@@ -372,7 +372,7 @@ std::vector<std::string> systemResolve(const std::string& host, bool ipv4Only) {
 // address of a route to a documentation address (a UDP connect sends
 // nothing), else the first non-loopback interface address.
 std::string primaryIpv4(const std::vector<std::string>& interfaceAddresses) {
-    UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    platform::UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (fd) {
         sockaddr_in to{};
         to.sin_family = AF_INET;

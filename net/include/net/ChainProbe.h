@@ -10,6 +10,8 @@
 
 #include "net/Handles.h"
 
+#include <platform/UniqueFd.h>
+
 #include <chrono>
 #include <string>
 #include <vector>
@@ -33,7 +35,7 @@ public:
 
     // A TCP connection to the URL's host and port, trying every resolved
     // address in order; invalid when none accepts.
-    UniqueFd ConnectToServer(const std::string& url);
+    platform::UniqueFd ConnectToServer(const std::string& url);
     // The client handshake over `fd`.
     bool SSLConnect(SSL* ssl, int fd);
     // The peer's chain as PEM texts.
