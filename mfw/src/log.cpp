@@ -1,7 +1,5 @@
 #include <mfw/log.h>
-
-#include <sys/syscall.h>
-#include <unistd.h>
+#include <platform/Threads.h>
 
 #include <algorithm>
 #include <atomic>
@@ -230,7 +228,7 @@ void __SysMessageV(const char* source, int level, const char* fmt, va_list args)
     }
     record.source = source != nullptr ? source : "";
     record.level = level;
-    record.threadId = static_cast<unsigned long>(::syscall(SYS_gettid));
+    record.threadId = ndpx::platform::currentThreadId();
     record.timestamp = timestampNow();
 
     // Copy the list so that no lock is held while sinks write.
