@@ -1,4 +1,5 @@
 #include <mfw/log.h>
+#include <platform/CalendarTime.h>
 #include <platform/Threads.h>
 
 #include <algorithm>
@@ -30,8 +31,7 @@ std::string timestampNow() {
     const auto ms =
         std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() %
         1000;
-    std::tm tm{};
-    localtime_r(&secs, &tm);
+    const std::tm tm = ndpx::platform::localCalendarTime(secs);
     char buf[32];
     const std::size_t n = std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
     std::snprintf(buf + n, sizeof buf - n, ".%03d", static_cast<int>(ms));
