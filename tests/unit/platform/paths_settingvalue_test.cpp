@@ -1,15 +1,11 @@
 #include <platform/Paths.h>
-#include <platform/SecureFile.h>
 #include <platform/SettingsStore.h>
-#include <platform/UniqueFd.h>
 
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -116,75 +112,6 @@ TEST_F(PathsTest, SecureDirectoriesAre0700AndExistingOnesAreKept) {
     EXPECT_FALSE(paths::createSecureDirectories(dir_.path() / "file" / "sub", error));
     EXPECT_NE(error.find("file"), std::string::npos) << error;
     EXPECT_FALSE(paths::createSecureDirectories({}, error));
-}
-
-TEST_F(PathsTest, SecureFileIsReadOnlyWhenOnlyItsOwnerMayWriteItAndWithinItsBound) {
-    const auto makeFile = [&](const char* name, mode_t mode, const std::string& text = "{}") {
-        const auto path = dir_.path() / name;
-        std::ofstream(path) << text;
-        EXPECT_EQ(::chmod(path.c_str(), mode), 0);
-        return path;
-    };
-    const SecureFile read = readSecureFile(makeFile("ok", 0644), FileOwner::CurrentUser, 2);
-    EXPECT_TRUE(read.ok());
-    EXPECT_EQ(read.text, "{}");
-    EXPECT_TRUE(checkSecureFile(makeFile("ro", 0400), FileOwner::CurrentUser).ok());
-    EXPECT_TRUE(readSecureFile(makeFile("shared", 0666), FileOwner::Anyone, 2).ok());
-
-    // Owned by someone else: as root, give it away; otherwise it is ours, not the system's.
-    const auto foreign = makeFile("foreign", 0600);
-    if (::geteuid() == 0) {
-        ASSERT_EQ(::chown(foreign.c_str(), 1, 1), 0);
-    }
-    const auto link = dir_.path() / "link";
-    std::filesystem::create_symlink(makeFile("target", 0600), link);
-    const auto fifo = dir_.path() / "fifo";  // would block a reader without O_NONBLOCK
-    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    const struct {
-        std::filesystem::path path;
-        FileOwner owner;
-        SecureFileError error;
-    } refused[] = {
-        {makeFile("group", 0664), FileOwner::CurrentUser, SecureFileError::UntrustedOwner},
-        {makeFile("other", 0602), FileOwner::CurrentUser, SecureFileError::UntrustedOwner},
-        {foreign, FileOwner::LocalSystem, SecureFileError::UntrustedOwner},
-        {link, FileOwner::Anyone, SecureFileError::CannotOpen},
-        {dir_.path() / "absent", FileOwner::Anyone, SecureFileError::CannotOpen},
-        {dir_.path(), FileOwner::Anyone, SecureFileError::NotARegularFile},
-        {fifo, FileOwner::Anyone, SecureFileError::NotARegularFile},
-        {makeFile("big", 0600, "{ }"), FileOwner::CurrentUser, SecureFileError::TooLarge},
-    };
-    for (const auto& c : refused) {
-        const SecureFile result = readSecureFile(c.path, c.owner, 2);
-        EXPECT_EQ(result.error, c.error) << c.path;
-        EXPECT_TRUE(result.cause) << c.path;
-        EXPECT_TRUE(result.text.empty()) << c.path;
-    }
-    EXPECT_EQ(checkSecureFile(dir_.path(), FileOwner::Anyone).cause,
-              std::make_error_code(std::errc::is_a_directory));
-    EXPECT_TRUE(checkSecureFile(dir_.path() / "big", FileOwner::CurrentUser).ok());
-}
-
-TEST(UniqueFd, ClosesWhatItOwnsOnceAndHandsItOn) {
-    const auto isOpen = [](int fd) { return ::fcntl(fd, F_GETFD) != -1; };
-    UniqueFd first(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    ASSERT_TRUE(first);
-    const int raw = first.get();
-    UniqueFd second(std::move(first));
-    UniqueFd third;
-    third = std::move(second);
-    EXPECT_FALSE(first.valid() || second.valid());
-    EXPECT_EQ(third.get(), raw);
-    EXPECT_TRUE(isOpen(raw));
-
-    const int other = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    third.reset(other);
-    EXPECT_FALSE(isOpen(raw));
-    const int given = third.release();
-    EXPECT_EQ(given, other);
-    EXPECT_TRUE(isOpen(given));
-    { const UniqueFd scoped(given); }
-    EXPECT_FALSE(isOpen(given));
 }
 
 }  // namespace
