@@ -1,5 +1,7 @@
 #include "net/TlsConnect.h"
 
+#include <platform/TimeSource.h>
+
 #include <netdb.h>
 #include <netinet/in.h>
 #include <openssl/err.h>
@@ -8,7 +10,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -45,9 +49,11 @@ public:
             if (left <= 0) {
                 return WaitEnd::TimedOut;
             }
+            // Long bounds are waited for in slices poll can take.
+            const int slice = static_cast<int>(std::min<std::int64_t>(left, INT_MAX));
             // poll skips a negative descriptor: without a token only `fd` counts.
             pollfd fds[2] = {{fd, events, 0}, {wake_.get(), POLLIN, 0}};
-            const int n = ::poll(fds, 2, static_cast<int>(left));
+            const int n = ::poll(fds, 2, slice);
             if (n < 0 && errno != EINTR) {
                 return WaitEnd::TimedOut;
             }
@@ -118,7 +124,8 @@ TcpConnectResult connectTcp(const std::string& host, int port, const ConnectLimi
                 lastError = std::strerror(errno);
                 continue;
             }
-            const WaitEnd end = waiter.wait(fd.get(), POLLOUT, Clock::now() + limits.connect);
+            const WaitEnd end = waiter.wait(fd.get(), POLLOUT,
+                                            platform::deadlineAfter(Clock::now(), limits.connect));
             if (end == WaitEnd::Cancelled) {
                 result.failure = failed(ConnectStep::Connect, {}, true);
                 return result;
@@ -148,7 +155,7 @@ ConnectFailure handshakeTls(SSL& ssl, int socket, const ConnectLimits& limits) {
         return failed(ConnectStep::Setup, tlsErrorText("SSL_set_fd failed"));
     }
     const SocketWaiter waiter(limits.cancel);
-    const auto deadline = Clock::now() + limits.handshake;
+    const auto deadline = platform::deadlineAfter(Clock::now(), limits.handshake);
     for (;;) {
         const int rc = SSL_connect(&ssl);
         if (rc == 1) {
@@ -202,7 +209,7 @@ TlsConnection::Read TlsConnection::read(char* buffer, int size, std::chrono::mil
     }
     ERR_clear_error();
     const SocketWaiter waiter(cancel);
-    const auto deadline = Clock::now() + limit;
+    const auto deadline = platform::deadlineAfter(Clock::now(), limit);
     for (;;) {
         const int rc = SSL_read(ssl_.get(), buffer, size);
         if (rc > 0) {
