@@ -9,17 +9,12 @@
 #include <mfw/corestring.h>
 #include <mfw/moduleLog.h>
 #include <platform/Paths.h>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <platform/SecureFile.h>
 
 #include <json/value.h>
 
-#include <cerrno>
-#include <cstdlib>
+#include <cstddef>
 #include <string>
-#include <system_error>
 #include <utility>
 
 namespace ndpx {
@@ -29,104 +24,32 @@ namespace fs = std::filesystem;
 
 // A provisioning document is a few hundred bytes; anything far larger is not
 // one, and reading it whole would only cost memory.
-constexpr off_t kMaxSpecBytes = 1 << 20;
-
-std::string errorText(int err) {
-    return std::error_code(err, std::generic_category()).message();
-}
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-    int release() {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-private:
-    int fd_;
-};
-
-// Reads the whole file. On failure returns the errno-style code. `info`
-// describes the file actually read (not whatever the path names later).
-int readWholeFile(const fs::path& path, std::string& content, struct stat& info) {
-    content.clear();
-    // O_NONBLOCK: a FIFO planted at the path must not hang the reader.
-    Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-    if (fd.get() < 0) {
-        return errno;
-    }
-    if (::fstat(fd.get(), &info) != 0) {
-        return errno;
-    }
-    if (S_ISDIR(info.st_mode)) {
-        return EISDIR;
-    }
-    if (info.st_size > kMaxSpecBytes) {
-        return EFBIG;
-    }
-    char buffer[4096];
-    for (;;) {
-        const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return errno;
-        }
-        if (n == 0) {
-            return 0;
-        }
-        content.append(buffer, static_cast<std::size_t>(n));
-        if (content.size() > static_cast<std::size_t>(kMaxSpecBytes)) {
-            content.clear();
-            return EFBIG;
-        }
-    }
-}
+constexpr std::size_t kMaxSpecBytes = 1 << 20;
 
 bool fileExists(const fs::path& path) {
     std::error_code ec;
     return fs::exists(path, ec);
 }
 
-// The trust rule of the cloud-provisioning file, applied again to the file
-// that was opened: it may have been replaced since the owner check.
-bool ownedBySystem(const struct stat& info) {
-    return info.st_uid == kLocalSystemOwner.uid && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-}
-
 void deleteSpecFile(const fs::path& path) {
     MFW_LOG(CORE::kLogDebug, "mqttConfig::DeleteLCMSpec(): Deleting LCM spec file %s",
             path.c_str());
-    struct stat info {};
-    // lstat: a link is removed as a link; its target's mode is not ours to change.
-    if (::lstat(path.c_str(), &info) != 0) {
+    const platform::paths::FileRemoval removal = platform::paths::removeFile(path);
+    if (removal.attributes) {
         MFW_LOG(CORE::kLogWarning,
                 "mqttConfig::DeleteLCMSpec(): Unable to get attributes of LCM spec file: %s",
-                errorText(errno).c_str());
-    } else if (S_ISREG(info.st_mode) && (info.st_mode & S_IWUSR) == 0) {
-        // A file without the owner's write bit is this platform's read-only file.
-        if (::chmod(path.c_str(), (info.st_mode & 07777) | S_IWUSR) != 0) {
-            MFW_LOG(CORE::kLogWarning,
-                    "mqttConfig::DeleteLCMSpec(): Failed to set attribute on LCM spec file: %s",
-                    errorText(errno).c_str());
-        }
+                removal.attributes.message().c_str());
     }
-    if (::unlink(path.c_str()) == 0) {
+    if (removal.writable) {
+        MFW_LOG(CORE::kLogWarning,
+                "mqttConfig::DeleteLCMSpec(): Failed to set attribute on LCM spec file: %s",
+                removal.writable.message().c_str());
+    }
+    if (!removal.removed) {
         MFW_LOG(CORE::kLogDebug, "mqttConfig::DeleteLCMSpec(): Successfully deleted LCM spec file");
     } else {
         MFW_LOG(CORE::kLogError, "mqttConfig::DeleteLCMSpec(): Failed to delete LCM spec file: %s",
-                errorText(errno).c_str());
+                removal.removed.message().c_str());
     }
 }
 
@@ -220,8 +143,8 @@ bool mqttConfig::ReadLCMSpecFromFile() {
             }
             break;
         case LcmSpecSource::Azure:
-            // The system account is a fixed uid here, so there is no identifier
-            // to build and nothing that can fail before the owner check.
+            // The owner is named by kind, so there is no system identifier to
+            // build and nothing that can fail before the owner check.
             if (!MqttManagerUtil::FileExistsWithRequiredOwner(path.string(), kLocalSystemOwner)) {
                 MFW_LOG(CORE::kLogVerbose,
                         "mqttConfig::ReadLCMSpecFromFile(): LCM spec file not available from %s.",
@@ -233,19 +156,23 @@ bool mqttConfig::ReadLCMSpecFromFile() {
 
     MFW_LOG(CORE::kLogDebug, "mqttConfig::ReadLCMSpecFromFile(): Using LCM spec file %s",
             path.c_str());
-    std::string content;
-    struct stat info {};
-    if (const int err = readWholeFile(path, content, info); err != 0) {
-        MFW_LOG(CORE::kLogError, "mqttConfig::ReadLCMSpecFromFile(): Failed to read file: %s: %s",
-                path.c_str(), errorText(err).c_str());
-        return false;
-    }
-    if (source == LcmSpecSource::Azure && !ownedBySystem(info)) {
+    // The owner rule again, on the file actually read: it may have been
+    // replaced since the check above.
+    const platform::FileOwner owner =
+        source == LcmSpecSource::Azure ? kLocalSystemOwner : platform::FileOwner::Anyone;
+    platform::SecureFile file = platform::readSecureFile(path, owner, kMaxSpecBytes);
+    if (file.error == platform::SecureFileError::UntrustedOwner) {
         MFW_LOG(CORE::kLogVerbose,
                 "mqttConfig::ReadLCMSpecFromFile(): LCM spec file not available from %s.",
                 sourceName(source));
         return false;
     }
+    if (!file.ok()) {
+        MFW_LOG(CORE::kLogError, "mqttConfig::ReadLCMSpecFromFile(): Failed to read file: %s: %s",
+                path.c_str(), file.cause.message().c_str());
+        return false;
+    }
+    const std::string content = std::move(file.text);
 
     // Before the content is looked at: a bad spec must not be read again.
     deleteSpecIfAllowed(*this, path);
@@ -491,40 +418,19 @@ bool mqttConfig::writeMigrationBootstrap(const std::string& text) {
         return false;
     }
     // Written beside the target and renamed into place, so that the
-    // registration flow never reads (and deletes) a half-written spec.
-    std::string temp = path.string() + ".XXXXXX";
-    Descriptor fd(::mkostemp(temp.data(), O_CLOEXEC));  // mode 0600: the LCM spec holds a secret
-    if (fd.get() < 0) {
-        MFW_LOG(CORE::kLogError,
-                "mqttConfig::writeMigrationBootstrap(): Failed creating %s file: %s", path.c_str(),
-                errorText(errno).c_str());
-        return false;
-    }
-    int err = 0;
-    for (std::size_t done = 0; done < text.size() && err == 0;) {
-        const ssize_t n = ::write(fd.get(), text.data() + done, text.size() - done);
-        if (n < 0) {
-            if (errno != EINTR) {
-                err = errno;
-            }
-            continue;
+    // registration flow never reads (and deletes) a half-written spec; mode
+    // 0600, as the LCM spec holds a secret.
+    platform::paths::WriteStep failedStep = platform::paths::WriteStep::Write;
+    if (!platform::paths::writePrivateFile(path, text, error, &failedStep)) {
+        if (failedStep == platform::paths::WriteStep::Create) {
+            MFW_LOG(CORE::kLogError,
+                    "mqttConfig::writeMigrationBootstrap(): Failed creating %s file: %s",
+                    path.c_str(), error.c_str());
+        } else {
+            MFW_LOG(CORE::kLogError,
+                    "mqttConfig::writeMigrationBootstrap(): Failed writing to %s file: %s",
+                    path.c_str(), error.c_str());
         }
-        done += static_cast<std::size_t>(n);
-    }
-    if (err == 0 && ::fsync(fd.get()) != 0) {
-        err = errno;
-    }
-    if (::close(fd.release()) != 0 && err == 0) {
-        err = errno;
-    }
-    if (err == 0 && ::rename(temp.c_str(), path.c_str()) != 0) {
-        err = errno;
-    }
-    if (err != 0) {
-        ::unlink(temp.c_str());
-        MFW_LOG(CORE::kLogError,
-                "mqttConfig::writeMigrationBootstrap(): Failed writing to %s file: %s",
-                path.c_str(), errorText(err).c_str());
         return false;
     }
     MFW_LOG(CORE::kLogDebug, "mqttConfig::writeMigrationBootstrap(): Bootstrap written to file %s",

@@ -2,13 +2,10 @@
 
 #include <mfw/corestring.h>
 #include <mfw/moduleLog.h>
+#include <platform/SecureFile.h>
 
 #include <json/reader.h>
 #include <json/writer.h>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <memory>
 
@@ -44,22 +41,6 @@ void logInvalidType(std::string_view name) {
     MFW_LOG(3, "MqttManagerUtil::toBag(): JSON parsing invalid type for key: %s",
             std::string(name).c_str());
 }
-
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 const Json::StreamWriterBuilder& compactWriterBuilder() {
     static const Json::StreamWriterBuilder builder = [] {
@@ -183,33 +164,26 @@ void toJSON(const CORE::PropertyBag& bag, Json::Value& json) {
 }
 
 bool FileExistsWithRequiredOwner(const std::string& path, FileOwner owner) {
-    // O_NONBLOCK: a FIFO planted at the path must not hang the caller.
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-    if (fd.get() < 0) {
-        MFW_LOG(0, "MqttManagerUtil::FileExistsWithRequiredOwner(): File not found");
-        return false;
+    switch (platform::checkSecureFile(path, owner).error) {
+        case platform::SecureFileError::None:
+            return true;
+        case platform::SecureFileError::NoSecurityInfo:
+            MFW_LOG(1,
+                    "MqttManagerUtil::FileExistsWithRequiredOwner(): Unable to get security info "
+                    "for file");
+            return false;
+        case platform::SecureFileError::UntrustedOwner:
+            // Write access for others counts as a foreign owner.
+            MFW_LOG(4,
+                    "MqttManagerUtil::FileExistsWithRequiredOwner(): File %s found with incorrect "
+                    "owner",
+                    path.c_str());
+            return false;
+        default:
+            // Only a regular file counts as a file.
+            MFW_LOG(0, "MqttManagerUtil::FileExistsWithRequiredOwner(): File not found");
+            return false;
     }
-    struct stat info {};
-    if (::fstat(fd.get(), &info) != 0) {
-        MFW_LOG(
-            1,
-            "MqttManagerUtil::FileExistsWithRequiredOwner(): Unable to get security info for file");
-        return false;
-    }
-    // Only a regular file counts as a file (a directory opens for reading too).
-    if (!S_ISREG(info.st_mode)) {
-        MFW_LOG(0, "MqttManagerUtil::FileExistsWithRequiredOwner(): File not found");
-        return false;
-    }
-    // Anyone else who may write the file could choose its content: treat
-    // group or other write access like a foreign owner.
-    if (info.st_uid != owner.uid || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        MFW_LOG(
-            4, "MqttManagerUtil::FileExistsWithRequiredOwner(): File %s found with incorrect owner",
-            path.c_str());
-        return false;
-    }
-    return true;
 }
 
 std::string writeCompact(const Json::Value& json) {

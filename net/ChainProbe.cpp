@@ -2,65 +2,33 @@
 
 #include "net/CurlUtil.h"
 #include "net/Handles.h"
+#include "net/TlsConnect.h"
 
 #include <mfw/moduleLog.h>
+#include <platform/UniqueFd.h>
 
-#include <fcntl.h>
-#include <netdb.h>
-#include <netinet/in.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/time.h>
 
 #include <algorithm>
-#include <cerrno>
 
 namespace ndpx::net {
 
 namespace {
 
-constexpr std::size_t kMaxChainLength = 10;
+using platform::UniqueFd;
 
-// Connects with a limit on the wait, then bounds every later read and write
-// on the socket by the same limit (the handshake).
-bool connectWithin(int fd, const sockaddr* addr, socklen_t len, std::chrono::milliseconds limit) {
-    const int flags = ::fcntl(fd, F_GETFL, 0);
-    if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
-        return false;
-    }
-    if (::connect(fd, addr, len) != 0) {
-        if (errno != EINPROGRESS) {
-            return false;
-        }
-        pollfd pfd{fd, POLLOUT, 0};
-        int rc;
-        do {
-            rc = ::poll(&pfd, 1, static_cast<int>(limit.count()));
-        } while (rc < 0 && errno == EINTR);
-        int error = 0;
-        socklen_t errorLen = sizeof error;
-        if (rc <= 0 || ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &errorLen) != 0 ||
-            error != 0) {
-            return false;
-        }
-    }
-    if (::fcntl(fd, F_SETFL, flags) != 0) {
-        return false;
-    }
-    timeval tv{};
-    tv.tv_sec = static_cast<time_t>(limit.count() / 1000);
-    tv.tv_usec = static_cast<suseconds_t>((limit.count() % 1000) * 1000);
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-    return true;
-}
+constexpr std::size_t kMaxChainLength = 10;
 
 }  // namespace
 
-SSLHandler::SSLHandler(std::chrono::milliseconds timeout) : timeout_(timeout) {}
+SSLHandler::SSLHandler(std::chrono::milliseconds timeout, CancelToken* cancel)
+    : timeout_(timeout), cancel_(cancel) {}
+
+ConnectLimits SSLHandler::limits() const {
+    return {timeout_, timeout_, cancel_};
+}
 
 bool SSLHandler::GetCertChainStr(const std::string& url, std::vector<std::string>& pems) {
     pems.clear();
@@ -149,46 +117,36 @@ UniqueFd SSLHandler::ConnectToServer(const std::string& url) {
         return UniqueFd();
     }
     const std::string port = std::to_string(parsed->port);
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_protocol = IPPROTO_TCP;
-    addrinfo* res = nullptr;
-    const int rc = ::getaddrinfo(parsed->host.c_str(), port.c_str(), &hints, &res);
-    if (rc != 0) {
+    TcpConnectResult tcp = connectTcp(parsed->host, parsed->port, limits());
+    if (tcp.failure.step == ConnectStep::Resolve) {
         MFW_LOG(4, "SSLHandler::ConnectToServer(): getaddrinfo failed with error: %s",
-                ::gai_strerror(rc));
+                tcp.failure.reason.c_str());
         return UniqueFd();
     }
-    std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> list(res, ::freeaddrinfo);
-    for (addrinfo* ai = list.get(); ai != nullptr; ai = ai->ai_next) {
-        UniqueFd fd(::socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC, ai->ai_protocol));
-        if (!fd) {
-            continue;
-        }
-        if (connectWithin(fd.get(), ai->ai_addr, ai->ai_addrlen, timeout_)) {
-            MFW_LOG(1, "SSLHandler::ConnectToServer(): Connected to host: %s, port: %s",
-                    parsed->host.c_str(), port.c_str());
-            return fd;
-        }
+    if (tcp.failure) {
+        MFW_LOG(4, "SSLHandler::ConnectToServer(): Failed to connect to hostname: %s, port: %s",
+                parsed->host.c_str(), port.c_str());
+        return UniqueFd();
     }
-    MFW_LOG(4, "SSLHandler::ConnectToServer(): Failed to connect to hostname: %s, port: %s",
+    MFW_LOG(1, "SSLHandler::ConnectToServer(): Connected to host: %s, port: %s",
             parsed->host.c_str(), port.c_str());
-    return UniqueFd();
+    return std::move(tcp.socket);
 }
 
 bool SSLHandler::SSLConnect(SSL* ssl, int fd) {
-    if (ssl == nullptr || SSL_set_fd(ssl, fd) != 1) {
-        ERR_clear_error();
+    ConnectFailure failure;
+    if (ssl == nullptr) {
+        failure.step = ConnectStep::Setup;
+    } else {
+        failure = handshakeTls(*ssl, fd, limits());
+    }
+    if (failure.step == ConnectStep::Setup) {
         MFW_LOG(4, "SSLHandler::SSLConnect(): SSL_set_fd failed");
         return false;
     }
-    const int rc = SSL_connect(ssl);
-    if (rc != 1) {
-        const int error = SSL_get_error(ssl, rc);
-        ERR_clear_error();
+    if (failure) {
         MFW_LOG(4, "SSLHandler::SSLConnect(): SSL_connect failed with SSL_get_error code: %d",
-                error);
+                failure.sslError);
         return false;
     }
     MFW_LOG(1, "SSLHandler::SSLConnect(): Connected via SSL to the server");

@@ -1,14 +1,10 @@
 #include "PacScript.h"
 
-#include "net/Handles.h"
+#include "net/HostAddresses.h"
 
-#include <arpa/inet.h>
+#include <platform/CalendarTime.h>
+
 #include <duktape.h>
-#include <ifaddrs.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -338,53 +334,11 @@ std::string errorText(duk_context* ctx) {
     return duk_safe_to_string(ctx, -1);
 }
 
-std::string addressText(const sockaddr* sa) {
-    char buf[INET6_ADDRSTRLEN] = {};
-    if (sa->sa_family == AF_INET) {
-        ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(sa)->sin_addr, buf, sizeof buf);
-    } else if (sa->sa_family == AF_INET6) {
-        ::inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(sa)->sin6_addr, buf,
-                    sizeof buf);
-    }
-    return buf;
-}
-
-std::vector<std::string> systemResolve(const std::string& host, bool ipv4Only) {
-    std::vector<std::string> out;
-    addrinfo hints{};
-    hints.ai_family = ipv4Only ? AF_INET : AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* res = nullptr;
-    if (host.empty() || ::getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0) {
-        return out;
-    }
-    for (addrinfo* ai = res; ai != nullptr; ai = ai->ai_next) {
-        std::string text = addressText(ai->ai_addr);
-        if (!text.empty() && std::find(out.begin(), out.end(), text) == out.end()) {
-            out.push_back(std::move(text));
-        }
-    }
-    ::freeaddrinfo(res);
-    return out;
-}
-
-// The address this machine would use for outgoing traffic: the source
-// address of a route to a documentation address (a UDP connect sends
-// nothing), else the first non-loopback interface address.
+// The address this machine would use for outgoing traffic, else the first
+// IPv4 interface address.
 std::string primaryIpv4(const std::vector<std::string>& interfaceAddresses) {
-    UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (fd) {
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(53);
-        ::inet_pton(AF_INET, "192.0.2.1", &to.sin_addr);
-        sockaddr_in self{};
-        socklen_t len = sizeof self;
-        if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&to), sizeof to) == 0 &&
-            ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&self), &len) == 0 &&
-            self.sin_addr.s_addr != 0) {
-            return addressText(reinterpret_cast<sockaddr*>(&self));
-        }
+    if (std::string outbound = outboundIpv4Address(); !outbound.empty()) {
+        return outbound;
     }
     for (const auto& address : interfaceAddresses) {
         if (address.find(':') == std::string::npos) {
@@ -399,26 +353,15 @@ std::string primaryIpv4(const std::vector<std::string>& interfaceAddresses) {
 PacEnvironment PacEnvironment::current() {
     PacEnvironment env;
     const std::time_t now = std::time(nullptr);
-    ::localtime_r(&now, &env.localNow);
-    ::gmtime_r(&now, &env.utcNow);
-    ifaddrs* list = nullptr;
-    if (::getifaddrs(&list) == 0) {
-        for (ifaddrs* ifa = list; ifa != nullptr; ifa = ifa->ifa_next) {
-            if (ifa->ifa_addr == nullptr ||
-                (ifa->ifa_addr->sa_family != AF_INET && ifa->ifa_addr->sa_family != AF_INET6)) {
-                continue;
-            }
-            const std::string text = addressText(ifa->ifa_addr);
-            if (text.empty() || text == "127.0.0.1" || text == "::1" ||
-                text.rfind("fe80:", 0) == 0) {
-                continue;
-            }
-            env.myIpAddresses.push_back(text);
+    env.localNow = platform::localCalendarTime(now);
+    env.utcNow = platform::utcCalendarTime(now);
+    for (auto& address : interfaceAddresses()) {
+        if (address != "127.0.0.1" && address != "::1" && address.rfind("fe80:", 0) != 0) {
+            env.myIpAddresses.push_back(std::move(address));
         }
-        ::freeifaddrs(list);
     }
     env.myIpAddress = primaryIpv4(env.myIpAddresses);
-    env.resolve = systemResolve;
+    env.resolve = resolveHostAddresses;
     return env;
 }
 

@@ -1,10 +1,9 @@
 #include "net/ProxyConfig.h"
 
 #include "net/CurlUtil.h"
+#include "net/HostAddresses.h"
 
 #include <mfw/moduleLog.h>
-
-#include <arpa/inet.h>
 
 #include <algorithm>
 #include <array>
@@ -165,19 +164,6 @@ bool entryMatches(std::string entry, const std::string& host) {
 }
 
 }  // namespace
-
-bool parseAddress(const std::string& text, std::array<unsigned char, 16>& bytes, bool& v4) {
-    bytes.fill(0);
-    in_addr a4{};
-    if (::inet_pton(AF_INET, text.c_str(), &a4) == 1) {
-        v4 = true;
-        bytes[10] = bytes[11] = 0xff;
-        std::memcpy(bytes.data() + 12, &a4, 4);
-        return true;
-    }
-    v4 = false;
-    return ::inet_pton(AF_INET6, text.c_str(), bytes.data()) == 1;
-}
 
 bool addressInPrefix(const std::string& address, const std::string& cidr) {
     const std::size_t slash = cidr.find('/');

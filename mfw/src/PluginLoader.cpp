@@ -1,8 +1,7 @@
 #include <mfw/PluginLoader.h>
 #include <mfw/corestring.h>
 #include <mfw/log.h>
-
-#include <dlfcn.h>
+#include <platform/SharedLibrary.h>
 
 #include <filesystem>
 
@@ -14,11 +13,11 @@ constexpr const char* kSource = "mfw";
 struct PluginLoader::Module {
     std::string path;
     std::string name;
-    void* handle = nullptr;
+    ndpx::platform::SharedLibrary library;
     PluginInitFn init = nullptr;
     PluginParamsFn params = nullptr;
     PluginExitFn exit = nullptr;
-    std::mutex lifecycle;  // held by load() through PluginInit, by unload() through dlclose
+    std::mutex lifecycle;  // held by load() through PluginInit, by unload() until unloaded
 };
 
 PluginLoader::PluginLoader() = default;
@@ -43,19 +42,15 @@ bool PluginLoader::load(const std::string& path, const PropertyBag& params, std:
             }
         }
     }
-    module->handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (module->handle == nullptr) {
-        const char* e = ::dlerror();
-        error = e != nullptr ? e : "dlopen failed";
+    if (!module->library.load(path, error)) {
         return false;
     }
-    module->init = reinterpret_cast<PluginInitFn>(::dlsym(module->handle, "PluginInit"));
-    module->params = reinterpret_cast<PluginParamsFn>(::dlsym(module->handle, "PluginParams"));
-    module->exit = reinterpret_cast<PluginExitFn>(::dlsym(module->handle, "PluginExit"));
+    module->init = reinterpret_cast<PluginInitFn>(module->library.symbol("PluginInit"));
+    module->params = reinterpret_cast<PluginParamsFn>(module->library.symbol("PluginParams"));
+    module->exit = reinterpret_cast<PluginExitFn>(module->library.symbol("PluginExit"));
     if (module->init == nullptr || module->params == nullptr || module->exit == nullptr) {
         error = path + " does not export PluginInit, PluginParams and PluginExit";
-        ::dlclose(module->handle);
-        return false;
+        return false;  // unloaded with `module`
     }
     // Listed before PluginInit: the module may ask to be unloaded from the
     // install thread that PluginInit starts, before init has even returned.
@@ -98,7 +93,7 @@ bool PluginLoader::unload(const std::string& name) {
     {
         std::lock_guard life(module->lifecycle);
         module->exit();
-        ::dlclose(module->handle);
+        module->library.unload();
     }
     __SysMessage(kSource, kLogInfo, "PluginLoader: unloaded %s", module->name.c_str());
     return true;

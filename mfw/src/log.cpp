@@ -1,7 +1,6 @@
 #include <mfw/log.h>
-
-#include <sys/syscall.h>
-#include <unistd.h>
+#include <platform/CalendarTime.h>
+#include <platform/Threads.h>
 
 #include <algorithm>
 #include <atomic>
@@ -32,8 +31,7 @@ std::string timestampNow() {
     const auto ms =
         std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() %
         1000;
-    std::tm tm{};
-    localtime_r(&secs, &tm);
+    const std::tm tm = ndpx::platform::localCalendarTime(secs);
     char buf[32];
     const std::size_t n = std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
     std::snprintf(buf + n, sizeof buf - n, ".%03d", static_cast<int>(ms));
@@ -230,7 +228,7 @@ void __SysMessageV(const char* source, int level, const char* fmt, va_list args)
     }
     record.source = source != nullptr ? source : "";
     record.level = level;
-    record.threadId = static_cast<unsigned long>(::syscall(SYS_gettid));
+    record.threadId = ndpx::platform::currentThreadId();
     record.timestamp = timestampNow();
 
     // Copy the list so that no lock is held while sinks write.

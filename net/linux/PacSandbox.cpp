@@ -7,10 +7,10 @@
 
 #include "../PacScript.h"
 #include "net/CurlUtil.h"
-#include "net/Handles.h"
 #include "net/ProxyConfig.h"
 
 #include <mfw/moduleLog.h>
+#include <platform/UniqueFd.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -172,8 +172,8 @@ PacStatus runPacScript(const std::string& script, const std::string& url, const 
         MFW_LOG(4, "PacScript::run(): pipe failed: %s", std::strerror(errno));
         return PacStatus::SandboxFailed;
     }
-    UniqueFd readEnd(fds[0]);
-    UniqueFd writeEnd(fds[1]);
+    platform::UniqueFd readEnd(fds[0]);
+    platform::UniqueFd writeEnd(fds[1]);
     const pid_t pid = ::fork();
     if (pid < 0) {
         MFW_LOG(4, "PacScript::run(): fork failed: %s", std::strerror(errno));

@@ -1,8 +1,6 @@
 #include <platform/TimeSource.h>
 
-#if defined(__linux__)
-#include <time.h>
-#endif
+#include "BootClock.h"
 
 namespace ndpx::platform {
 
@@ -14,15 +12,9 @@ public:
     SteadyTime steadyNow() const override { return std::chrono::steady_clock::now(); }
 
     std::uint64_t bootMilliseconds() const override {
-#if defined(__linux__)
-        // CLOCK_BOOTTIME keeps counting while the machine sleeps, as the
-        // Windows tick count does; steady_clock (CLOCK_MONOTONIC) does not.
-        timespec ts{};
-        if (clock_gettime(CLOCK_BOOTTIME, &ts) == 0) {
-            return static_cast<std::uint64_t>(ts.tv_sec) * 1000u +
-                   static_cast<std::uint64_t>(ts.tv_nsec) / 1000000u;
+        if (const auto ms = bootClockMilliseconds()) {
+            return *ms;
         }
-#endif
         const auto sinceEpoch = std::chrono::steady_clock::now().time_since_epoch();
         return static_cast<std::uint64_t>(
             std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch).count());

@@ -9,53 +9,36 @@
 #include <cstring>
 
 namespace ndpx::platform {
-namespace {
 
-struct Fd {
-    int fd = -1;
-    ~Fd() {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-};
+FileCreationWaiter::FileCreationWaiter() : event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
-}  // namespace
-
-FileCreationWaiter::FileCreationWaiter() : eventFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-
-FileCreationWaiter::~FileCreationWaiter() {
-    if (eventFd_ >= 0) {
-        ::close(eventFd_);
-    }
-}
+FileCreationWaiter::~FileCreationWaiter() = default;
 
 void FileCreationWaiter::interrupt() {
     const std::uint64_t one = 1;
-    [[maybe_unused]] const auto n = ::write(eventFd_, &one, sizeof one);
+    [[maybe_unused]] const auto n = ::write(event_.get(), &one, sizeof one);
 }
 
 void FileCreationWaiter::reset() {
     std::uint64_t value = 0;
-    [[maybe_unused]] const auto n = ::read(eventFd_, &value, sizeof value);
+    [[maybe_unused]] const auto n = ::read(event_.get(), &value, sizeof value);
 }
 
 FileCreationWaiter::Result FileCreationWaiter::wait(const std::filesystem::path& file,
                                                     std::string& error, int& failedStep) {
-    if (eventFd_ < 0) {
+    if (!event_) {
         failedStep = 2;
         error = "no event descriptor";
         return Result::Failed;
     }
-    Fd notify;
-    notify.fd = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    if (notify.fd < 0) {
+    const UniqueFd notify(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!notify) {
         failedStep = 2;
         error = std::strerror(errno);
         return Result::Failed;
     }
     const auto dir = file.parent_path();
-    if (::inotify_add_watch(notify.fd, dir.c_str(),
+    if (::inotify_add_watch(notify.get(), dir.c_str(),
                             IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE_SELF) < 0) {
         failedStep = 1;
         error = std::strerror(errno);
@@ -67,7 +50,7 @@ FileCreationWaiter::Result FileCreationWaiter::wait(const std::filesystem::path&
         return Result::Created;
     }
     for (;;) {
-        pollfd fds[2] = {{notify.fd, POLLIN, 0}, {eventFd_, POLLIN, 0}};
+        pollfd fds[2] = {{notify.get(), POLLIN, 0}, {event_.get(), POLLIN, 0}};
         const int n = ::poll(fds, 2, -1);
         if (n < 0) {
             if (errno == EINTR) {
@@ -84,7 +67,7 @@ FileCreationWaiter::Result FileCreationWaiter::wait(const std::filesystem::path&
             alignas(inotify_event) char buf[4096];
             bool gone = false;
             for (;;) {
-                const ssize_t len = ::read(notify.fd, buf, sizeof buf);
+                const ssize_t len = ::read(notify.get(), buf, sizeof buf);
                 if (len <= 0) {
                     break;
                 }

@@ -1,4 +1,5 @@
 #include <platform/Paths.h>
+#include <platform/UniqueFd.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -21,6 +22,10 @@ std::mutex& rootMutex() {
 std::filesystem::path& explicitRoot() {
     static std::filesystem::path p;
     return p;
+}
+
+std::error_code lastError() {
+    return {errno, std::generic_category()};
 }
 
 }  // namespace
@@ -94,40 +99,64 @@ bool createSecureDirectories(const std::filesystem::path& dir, std::string& erro
 }
 
 bool writePrivateFile(const std::filesystem::path& path, const std::string& text,
-                      std::string& error) {
-    const std::string tmp = path.string() + ".tmp";
-    const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) {
+                      std::string& error, WriteStep* failedStep) {
+    std::string tmp = path.string() + ".XXXXXX";
+    // mkostemp: mode 0600 whatever the umask, and a name no other writer uses.
+    UniqueFd fd(::mkostemp(tmp.data(), O_CLOEXEC));
+    if (!fd) {
         error = std::strerror(errno);
+        if (failedStep != nullptr) {
+            *failedStep = WriteStep::Create;
+        }
         return false;
     }
-    ::fchmod(fd, 0600);  // an old temporary file may have had other bits
-    std::size_t done = 0;
-    bool ok = true;
-    while (done < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+    int err = 0;
+    for (std::size_t done = 0; done < text.size() && err == 0;) {
+        const ssize_t n = ::write(fd.get(), text.data() + done, text.size() - done);
         if (n < 0) {
-            if (errno == EINTR) {
-                continue;
+            if (errno != EINTR) {
+                err = errno;
             }
-            ok = false;
-            break;
+            continue;
         }
         done += static_cast<std::size_t>(n);
     }
-    ok = ok && ::fsync(fd) == 0;
-    if (!ok) {
-        error = std::strerror(errno);
+    if (err == 0 && ::fsync(fd.get()) != 0) {
+        err = errno;
     }
-    ::close(fd);
-    if (!ok || ::rename(tmp.c_str(), path.c_str()) != 0) {
-        if (ok) {
-            error = std::strerror(errno);
-        }
+    if (::close(fd.release()) != 0 && err == 0) {
+        err = errno;
+    }
+    if (err == 0 && ::rename(tmp.c_str(), path.c_str()) != 0) {
+        err = errno;
+    }
+    if (err != 0) {
         ::unlink(tmp.c_str());
+        error = std::strerror(err);
+        if (failedStep != nullptr) {
+            *failedStep = WriteStep::Write;
+        }
         return false;
     }
     return true;
+}
+
+FileRemoval removeFile(const std::filesystem::path& path) {
+    FileRemoval result;
+    struct stat st {};
+    // lstat: a link is removed as a link; its target's mode is not ours to change.
+    if (::lstat(path.c_str(), &st) != 0) {
+        result.attributes = lastError();
+    } else if (S_ISREG(st.st_mode) && (st.st_mode & S_IWUSR) == 0) {
+        // A file without the owner's write bit is this system's read-only file.
+        if (::chmod(path.c_str(), (st.st_mode & 07777) | S_IWUSR) != 0) {
+            result.writable = lastError();
+        }
+    }
+    if (::unlink(path.c_str()) != 0) {
+        result.removed = lastError();
+    }
+    return result;
 }
 
 }  // namespace ndpx::platform::paths

@@ -1,5 +1,6 @@
 #include <platform/Paths.h>
 #include <platform/SqliteDatabase.h>
+#include <platform/UniqueFd.h>
 
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -24,8 +25,8 @@ bool createPrivateFile(const std::string& file, std::string& error) {
     if (path.has_parent_path() && !paths::createSecureDirectories(path.parent_path(), error)) {
         return false;
     }
-    const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) {
+    const UniqueFd fd(::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!fd) {
         if (errno == EEXIST) {
             // A file made by another tool may be readable by others: tighten
             // it when it is ours, leave it alone otherwise.
@@ -39,12 +40,11 @@ bool createPrivateFile(const std::string& file, std::string& error) {
         error = "cannot create " + file + ": " + std::strerror(errno);
         return false;
     }
-    const bool ok = ::fchmod(fd, 0600) == 0;
-    if (!ok) {
+    if (::fchmod(fd.get(), 0600) != 0) {
         error = "cannot set the mode of " + file + ": " + std::strerror(errno);
+        return false;
     }
-    ::close(fd);
-    return ok;
+    return true;
 }
 
 // Switches to WAL and checks that it took: SQLite answers the mode it kept

@@ -1,6 +1,7 @@
 #include <platform/Paths.h>
 #include <platform/SettingsStore.h>
 #include <platform/SqliteDatabase.h>
+#include <platform/UniqueFd.h>
 
 #include <poll.h>
 #include <sqlite3.h>
@@ -35,25 +36,6 @@ constexpr milliseconds kMaxDelay(250);
 // the events.
 constexpr milliseconds kConfirmWindow(1000);
 constexpr milliseconds kConfirmStep(25);
-
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    int release() { return std::exchange(fd_, -1); }
-
-private:
-    int fd_;
-};
 
 // The watch's own connection: PRAGMA data_version changes exactly when
 // another connection committed.
@@ -107,10 +89,10 @@ private:
 
 class InotifySettingsWatch final : public SettingsWatch {
 public:
-    InotifySettingsWatch(Fd&& inotifyFd, Fd&& stopFd, const std::filesystem::path& file,
+    InotifySettingsWatch(UniqueFd inotifyFd, UniqueFd stopFd, const std::filesystem::path& file,
                          std::function<void()> onChange)
-        : inotify_(inotifyFd.release()),
-          stop_(stopFd.release()),
+        : inotify_(std::move(inotifyFd)),
+          stop_(std::move(stopFd)),
           dbName_(file.filename().string()),
           walName_(dbName_ + "-wal"),
           probe_(file.string()),
@@ -227,8 +209,8 @@ private:
         }
     }
 
-    Fd inotify_;
-    Fd stop_;
+    UniqueFd inotify_;
+    UniqueFd stop_;
     std::string dbName_;
     std::string walName_;
     VersionProbe probe_;
@@ -252,8 +234,8 @@ std::unique_ptr<SettingsWatch> watchSqliteSettingsStore(const std::string& file,
     if (!paths::createSecureDirectories(dir, error)) {
         return nullptr;
     }
-    Fd inotifyFd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    Fd stopFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    UniqueFd inotifyFd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    UniqueFd stopFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     if (!inotifyFd.valid() || !stopFd.valid()) {
         return nullptr;
     }

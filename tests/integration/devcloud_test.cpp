@@ -7,8 +7,8 @@
 #include <devcloud/BrokerProcess.h>
 #include <devcloud/EchoResponder.h>
 #include <devcloud/Home.h>
-#include <devcloud/UniqueFd.h>
 #include <platform/SocketTuning.h>
+#include <platform/UniqueFd.h>
 
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -112,7 +112,7 @@ TEST(TopicFilter, WildcardsMatchAsInMqtt) {
 }
 
 TEST(TcpNoDelay, SetsTheOptionOnlyOnSocketsToThatPeer) {
-    const devcloud::UniqueFd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const platform::UniqueFd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -120,9 +120,9 @@ TEST(TcpNoDelay, SetsTheOptionOnlyOnSocketsToThatPeer) {
     ASSERT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
     ASSERT_EQ(::listen(listener.get(), 1), 0);
     ASSERT_EQ(::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&addr), &len), 0);
-    const devcloud::UniqueFd client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const platform::UniqueFd client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     ASSERT_EQ(::connect(client.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    const devcloud::UniqueFd accepted(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    const platform::UniqueFd accepted(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     ASSERT_GE(accepted.get(), 0);
     const auto noDelay = [](int fd) {
         int v = -1;

@@ -14,6 +14,8 @@ Process::Process(std::vector<std::string> argv) {
     if (::pipe2(fds, O_CLOEXEC) != 0) {
         throw std::runtime_error("pipe failed");
     }
+    readFd_.reset(fds[0]);
+    platform::UniqueFd writeEnd(fds[1]);
     pid_ = ::fork();
     if (pid_ < 0) {
         throw std::runtime_error("fork failed");
@@ -21,8 +23,8 @@ Process::Process(std::vector<std::string> argv) {
     if (pid_ == 0) {
         // Its own process group, so that whatever it starts can be ended with it.
         ::setpgid(0, 0);
-        ::dup2(fds[1], 1);
-        ::dup2(fds[1], 2);
+        ::dup2(writeEnd.get(), 1);
+        ::dup2(writeEnd.get(), 2);
         // The test runner may block signals; the child must see SIGTERM.
         sigset_t none;
         sigemptyset(&none);
@@ -35,9 +37,8 @@ Process::Process(std::vector<std::string> argv) {
         ::execv(args[0], args.data());
         ::_exit(127);
     }
-    ::close(fds[1]);
-    readFd_ = fds[0];
-    reader_ = std::thread([this] { readLoop(readFd_); });
+    writeEnd.reset();
+    reader_ = std::thread([this] { readLoop(readFd_.get()); });
 }
 
 Process::~Process() {
@@ -51,7 +52,6 @@ Process::~Process() {
     if (reader_.joinable()) {
         reader_.join();
     }
-    ::close(readFd_);
 }
 
 void Process::readLoop(int fd) {

@@ -2,6 +2,8 @@
 // A child process for end-to-end tests: its stdout and stderr are collected
 // line by line so a test can wait for a line with a bounded time-out.
 
+#include <platform/UniqueFd.h>
+
 #include <sys/types.h>
 
 #include <chrono>
@@ -40,7 +42,7 @@ private:
     void readLoop(int fd);
 
     pid_t pid_ = -1;
-    int readFd_ = -1;
+    platform::UniqueFd readFd_;
     std::thread reader_;
     mutable std::mutex mutex_;
     std::condition_variable cv_;

@@ -1,5 +1,7 @@
 #include "devca/DevCa.h"
 
+#include <platform/UniqueFd.h>
+
 #include <fcntl.h>
 #include <openssl/bio.h>
 #include <openssl/bn.h>
@@ -246,10 +248,9 @@ Issued makeIssued(X509Ptr cert, PkeyPtr key) {
 
 // Makes the directory entry of a rename durable.
 void syncDirectory(const std::filesystem::path& dir) {
-    const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
-        ::fsync(fd);
-        ::close(fd);
+    const platform::UniqueFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd) {
+        ::fsync(fd.get());
     }
 }
 
@@ -439,22 +440,22 @@ bool writePrivateFile(const std::string& path, const std::string& text) {
         target.has_parent_path() ? target.parent_path() : std::filesystem::path(".");
     std::string tmp = (dir / ("." + target.filename().string() + ".XXXXXX")).string();
     // mkstemp creates the file with mode 0600 whatever the umask.
-    const int fd = ::mkstemp(tmp.data());
-    if (fd < 0) {
+    platform::UniqueFd fd(::mkstemp(tmp.data()));
+    if (!fd) {
         return false;
     }
-    bool ok = ::fchmod(fd, 0600) == 0;
+    bool ok = ::fchmod(fd.get(), 0600) == 0;
     std::size_t done = 0;
     while (ok && done < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        const ssize_t n = ::write(fd.get(), text.data() + done, text.size() - done);
         if (n < 0 && errno == EINTR) {
             continue;
         }
         ok = n > 0;
         done += ok ? static_cast<std::size_t>(n) : 0;
     }
-    ok = ok && ::fsync(fd) == 0;
-    ok = ::close(fd) == 0 && ok;
+    ok = ok && ::fsync(fd.get()) == 0;
+    ok = ::close(fd.release()) == 0 && ok;
     ok = ok && ::rename(tmp.c_str(), path.c_str()) == 0;
     if (!ok) {
         ::unlink(tmp.c_str());

@@ -1,6 +1,6 @@
 #include "devcloud/BrokerConfig.h"
 
-#include "devcloud/UniqueFd.h"
+#include <platform/UniqueFd.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -71,7 +71,7 @@ std::string mosquittoConf(const BrokerConfig& c) {
 }
 
 int pickFreePort(const std::string& bindAddress) {
-    const UniqueFd sock(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const platform::UniqueFd sock(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (sock.get() < 0) {
         throw std::runtime_error("socket failed");
     }

@@ -1,7 +1,8 @@
 #include "devcloud/BrokerProcess.h"
 
 #include "devcloud/BrokerConfig.h"
-#include "devcloud/UniqueFd.h"
+
+#include <platform/UniqueFd.h>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -31,7 +32,7 @@ int remainingMs(Clock::time_point deadline) {
 }
 
 bool acceptsTcp(const std::string& host, int port) {
-    const UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const platform::UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<std::uint16_t>(port));
@@ -51,7 +52,7 @@ std::string readTextFile(const fs::path& file) {
 bool waitForFileText(const fs::path& file, const std::string& text, std::size_t offset,
                      std::chrono::milliseconds limit, int exitFd) {
     const auto deadline = Clock::now() + limit;
-    const UniqueFd watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    const platform::UniqueFd watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     const fs::path dir = file.has_parent_path() ? file.parent_path() : fs::path(".");
     // Writers may also replace the file (write a new one, then rename).
     if (watch.get() < 0 ||
@@ -110,16 +111,17 @@ bool BrokerProcess::start(const fs::path& confFile, const fs::path& logFile,
         ::_exit(127);
     }
     pid_ = pid;
-    pidFd_ = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-    if (pidFd_ < 0) {
+    pidFd_.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+    if (!pidFd_) {
         stop(SIGKILL);
         throw std::runtime_error("pidfd_open failed");
     }
     // mosquitto logs "running" once it listens.
-    if (waitForFileText(logFile, " running", logOffset, limit, pidFd_) && acceptsTcp(host, port)) {
+    if (waitForFileText(logFile, " running", logOffset, limit, pidFd_.get()) &&
+        acceptsTcp(host, port)) {
         return true;
     }
-    pollfd exited{pidFd_, POLLIN, 0};
+    pollfd exited{pidFd_.get(), POLLIN, 0};
     const bool gone = ::poll(&exited, 1, 0) == 1;
     stop(SIGKILL);
     if (gone) {
@@ -133,17 +135,14 @@ std::optional<int> BrokerProcess::stop(int sig, std::chrono::milliseconds limit)
         return std::nullopt;
     }
     ::kill(pid_, sig);
-    pollfd fd{pidFd_, POLLIN, 0};
-    if (sig != SIGKILL && (pidFd_ < 0 || ::poll(&fd, 1, static_cast<int>(limit.count())) == 0)) {
+    pollfd fd{pidFd_.get(), POLLIN, 0};
+    if (sig != SIGKILL && (!pidFd_ || ::poll(&fd, 1, static_cast<int>(limit.count())) == 0)) {
         ::kill(pid_, SIGKILL);
     }
     int raw = 0;
     ::waitpid(pid_, &raw, 0);
-    if (pidFd_ >= 0) {
-        ::close(pidFd_);
-    }
     pid_ = -1;
-    pidFd_ = -1;
+    pidFd_.reset();
     return WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
 }
 

@@ -1,7 +1,8 @@
 #include "OtpStore.h"
 
 #include "devca/DevCa.h"
-#include "devcloud/UniqueFd.h"
+
+#include <platform/UniqueFd.h>
 
 #include <fcntl.h>
 #include <json/json.h>
@@ -77,7 +78,7 @@ public:
     }
 
 private:
-    UniqueFd fd_;  // closing it releases the lock
+    platform::UniqueFd fd_;  // closing it releases the lock
 };
 
 Json::Value load(const fs::path& file) {

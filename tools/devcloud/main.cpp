@@ -13,7 +13,8 @@
 #include "devcloud/Home.h"
 #include "devcloud/MqttClient.h"
 #include "devcloud/Topics.h"
-#include "devcloud/UniqueFd.h"
+
+#include <platform/UniqueFd.h>
 
 #include <json/json.h>
 #include <CLI/CLI.hpp>
@@ -155,7 +156,7 @@ int broker(Home home, int port, bool noDelay, const std::string& bind) {
     }
     std::cout << "devcloud: broker ready on " << bind << " port " << config.port << "\n"
               << "port " << config.port << std::endl;
-    const ndpx::devcloud::UniqueFd sigFd(::signalfd(-1, &signals, SFD_CLOEXEC));
+    const ndpx::platform::UniqueFd sigFd(::signalfd(-1, &signals, SFD_CLOEXEC));
     pollfd fds[2] = {{sigFd.get(), POLLIN, 0}, {process.exitFd(), POLLIN, 0}};
     while (::poll(fds, 2, -1) < 0 && errno == EINTR) {
     }

@@ -3,6 +3,7 @@
 // applied before a provisioning file is trusted.
 
 #include <mfw/PropertyBag.h>
+#include <platform/SecureFile.h>
 
 #include <json/value.h>
 
@@ -10,13 +11,9 @@
 
 namespace ndpx {
 
-// The owner a file must have to be trusted. On Linux the rule is: owned by
-// `uid` (the system account is uid 0) and writable by nobody else (no group or
-// other write bit).
-struct FileOwner {
-    unsigned uid = 0;
-};
-inline constexpr FileOwner kLocalSystemOwner{0};
+// The owner a file must have to be trusted; nobody else may write it either.
+using FileOwner = platform::FileOwner;
+inline constexpr FileOwner kLocalSystemOwner = FileOwner::LocalSystem;
 
 namespace MqttManagerUtil {
 

@@ -1,10 +1,7 @@
 #include <mfw/corestring.h>
 #include <mfw/corethread.h>
 #include <mfw/moduleLog.h>
-
-#include <pthread.h>
-#include <sys/syscall.h>
-#include <unistd.h>
+#include <platform/Threads.h>
 
 #include <atomic>
 #include <cstring>
@@ -109,7 +106,7 @@ namespace {
 // right after start() already sees it.
 void runBody(const std::shared_ptr<corethreadgroup::Member>& member, const std::string& name,
              const std::function<void()>& body) {
-    member->tid = static_cast<long>(::syscall(SYS_gettid));
+    member->tid = static_cast<long>(ndpx::platform::currentThreadId());
     corethread::setCurrentThreadName(name);
     try {
         body();
@@ -196,7 +193,7 @@ bool corethread::startDetached(const std::string& name, std::function<void()> bo
 }
 
 void corethread::setCurrentThreadName(const std::string& name) {
-    ::pthread_setname_np(::pthread_self(), name.substr(0, 15).c_str());
+    ndpx::platform::setCurrentThreadOsName(name);
     if (!useThreadNames()) {
         return;
     }

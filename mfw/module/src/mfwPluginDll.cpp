@@ -1,8 +1,7 @@
 #include <mfw/corethread.h>
 #include <mfw/mfwPluginDll.h>
 #include <mfw/moduleLog.h>
-
-#include <dlfcn.h>
+#include <platform/SharedLibrary.h>
 
 #include <filesystem>
 
@@ -14,9 +13,10 @@ mfwPluginDll* g_instance = nullptr;
 mfwPluginDll::mfwPluginDll() {
     g_instance = this;
     // Module load: the module's own file name becomes its log source name.
-    Dl_info info{};
-    if (::dladdr(reinterpret_cast<void*>(&mfwPluginDll::instance), &info) != 0) {
-        onModuleLoad(info.dli_fbase, info.dli_fname);
+    ndpx::platform::LoadedModule self;
+    if (ndpx::platform::moduleContaining(reinterpret_cast<const void*>(&mfwPluginDll::instance),
+                                         self)) {
+        onModuleLoad(self.base, self.path.empty() ? nullptr : self.path.c_str());
     }
 }
 

@@ -8,7 +8,10 @@
 // The HTTPS client does not need it on Linux (its handshake hands over the
 // chain the server sent); it serves diagnostics and tools.
 
+#include "net/CancelToken.h"
 #include "net/Handles.h"
+
+#include <platform/UniqueFd.h>
 
 #include <chrono>
 #include <string>
@@ -16,10 +19,14 @@
 
 namespace ndpx::net {
 
+struct ConnectLimits;
+
 class SSLHandler {
 public:
-    // Each of connect and handshake may take up to `timeout`.
-    explicit SSLHandler(std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    // Each of connect and handshake may take up to `timeout`; `cancel`, when
+    // given, ends either at once.
+    explicit SSLHandler(std::chrono::milliseconds timeout = std::chrono::seconds(30),
+                        CancelToken* cancel = nullptr);
 
     // The certificates the server at `url` sent (end certificate first, in
     // the server's order) as PEM texts.
@@ -33,14 +40,17 @@ public:
 
     // A TCP connection to the URL's host and port, trying every resolved
     // address in order; invalid when none accepts.
-    UniqueFd ConnectToServer(const std::string& url);
+    platform::UniqueFd ConnectToServer(const std::string& url);
     // The client handshake over `fd`.
     bool SSLConnect(SSL* ssl, int fd);
     // The peer's chain as PEM texts.
     bool GetServerCertChain(SSL* ssl, std::vector<std::string>& pems);
 
 private:
+    ConnectLimits limits() const;
+
     std::chrono::milliseconds timeout_;
+    CancelToken* cancel_;
 };
 
 }  // namespace ndpx::net

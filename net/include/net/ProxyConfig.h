@@ -17,7 +17,6 @@
 
 #include "net/CancelToken.h"
 
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -77,9 +76,6 @@ bool bypassMatches(const std::string& bypassList, const std::string& host);
 
 // Whether an IPv4 or IPv6 address lies in a prefix ("10.0.0.0/8", "fd00::/8").
 bool addressInPrefix(const std::string& address, const std::string& cidr);
-
-// An address as 16 bytes (IPv4 mapped into IPv6) and whether it was IPv4.
-bool parseAddress(const std::string& text, std::array<unsigned char, 16>& bytes, bool& v4);
 
 // One entry of a FindProxyForURL answer.
 struct PacDirective {

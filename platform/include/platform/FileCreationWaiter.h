@@ -2,6 +2,8 @@
 // Waits, without polling, until a file appears in a directory; another thread
 // can interrupt the wait at any time (e.g. when the agent stops).
 
+#include <platform/UniqueFd.h>
+
 #include <filesystem>
 #include <string>
 
@@ -26,7 +28,7 @@ public:
     void reset();
 
 private:
-    int eventFd_ = -1;
+    UniqueFd event_;
 };
 
 }  // namespace ndpx::platform

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <string>
+#include <system_error>
 
 namespace ndpx::platform::paths {
 
@@ -22,9 +23,24 @@ std::filesystem::path runDir();             // $ROOT/run/Brasswick
 // is accepted as it is. Returns false (and sets `error`) on failure.
 bool createSecureDirectories(const std::filesystem::path& dir, std::string& error);
 
-// Writes `text` to `path` with mode 0600, atomically (a temporary file in the
-// same directory, flushed, then renamed over the old one).
+// Where writePrivateFile failed: making its temporary file, or writing,
+// flushing and renaming it into place.
+enum class WriteStep { Create, Write };
+
+// Writes `text` to `path` with mode 0600, atomically (a temporary file of its
+// own in the same directory, flushed, then renamed over the old one).
 bool writePrivateFile(const std::filesystem::path& path, const std::string& text,
-                      std::string& error);
+                      std::string& error, WriteStep* failedStep = nullptr);
+
+// What removeFile met on its way. A read-only file is made writable before
+// it is removed, as some systems require; a failure of those first steps is
+// reported but does not stop the removal.
+struct FileRemoval {
+    std::error_code attributes;  // the attributes could not be read
+    std::error_code writable;    // the file stayed read-only
+    std::error_code removed;     // the removal itself failed (none: removed)
+};
+// Removes the file at `path`; a link is removed as a link.
+FileRemoval removeFile(const std::filesystem::path& path);
 
 }  // namespace ndpx::platform::paths

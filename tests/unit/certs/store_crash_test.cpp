@@ -6,6 +6,8 @@
 #include "certs/OpenSslUtil.h"
 #include "unit/certs/CertFixture.h"
 
+#include <platform/UniqueFd.h>
+
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -86,10 +88,12 @@ protected:
         if (::pipe(fds) != 0) {
             return false;
         }
+        platform::UniqueFd readEnd(fds[0]);
+        platform::UniqueFd writeEnd(fds[1]);
         const pid_t pid = ::fork();
         if (pid == 0) {
-            ::close(fds[0]);
-            g_reportFd = fds[1];
+            readEnd.reset();
+            g_reportFd = writeEnd.get();
             g_stopAt = point;
             OpenSslCertStore::setTransactionHookForTesting(stopInsideTransaction);
             // Its own store object: no SQLite connection crosses the fork.
@@ -100,10 +104,9 @@ protected:
             operation(util);
             ::_exit(3);  // the operation finished without reaching the point
         }
-        ::close(fds[1]);
+        writeEnd.reset();
         char mark = 0;
-        const bool reached = ::read(fds[0], &mark, 1) == 1;
-        ::close(fds[0]);
+        const bool reached = ::read(readEnd.get(), &mark, 1) == 1;
         ::kill(pid, SIGKILL);
         int status = 0;
         ::waitpid(pid, &status, 0);

@@ -1,5 +1,5 @@
-// The module's thread group, thread names and the log's level filter and
-// file rotation.
+// The module's thread group, thread names (ours and the system's) and the
+// log's level filter, thread ids and file rotation.
 
 #include "support/TempDir.h"
 
@@ -7,6 +7,7 @@
 #include <mfw/corethread.h>
 #include <mfw/log.h>
 #include <mfw/moduleLog.h>
+#include <platform/Threads.h>
 
 #include <gtest/gtest.h>
 
@@ -22,8 +23,12 @@ TEST(ThreadGroup, WaitReturnsOnlyAfterEveryThreadOfTheModuleEnded) {
     ASSERT_TRUE(corethread::startDetached("Detached", [&] { release.waitMs(kInfinite); }));
     corethread owned;
     std::string name;
+    std::string osName;
+    unsigned long tid = 0;
     ASSERT_TRUE(owned.start("OwnedThreadWithALongName", [&] {
         name = corethread::currentThreadName();
+        tid = ndpx::platform::currentThreadId();
+        std::ifstream("/proc/self/task/" + std::to_string(tid) + "/comm") >> osName;
         release.waitMs(kInfinite);
     }));
     EXPECT_FALSE(owned.start("Again", [] {}));
@@ -38,6 +43,8 @@ TEST(ThreadGroup, WaitReturnsOnlyAfterEveryThreadOfTheModuleEnded) {
     owned.join();
     EXPECT_EQ(waiter.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_EQ(name, "OwnedThreadWithALongName");
+    EXPECT_EQ(osName, "OwnedThreadWith");  // cut to what the system takes, not refused
+    EXPECT_NE(tid, ndpx::platform::currentThreadId());
     EXPECT_EQ(corethreadgroup::module().running(), 0u);
 }
 
@@ -67,6 +74,7 @@ TEST(Log, LevelFiltersAndFileSinkRotates) {
     EXPECT_FALSE(capture->contains("hidden"));
     EXPECT_EQ(capture->count("of the rotation test"), 20u);
     EXPECT_EQ(capture->records().front().source, moduleSourceName());
+    EXPECT_EQ(capture->records().front().threadId, ndpx::platform::currentThreadId());
     EXPECT_TRUE(std::filesystem::exists(file + ".1"));
     EXPECT_TRUE(std::filesystem::exists(file + ".2"));
     EXPECT_FALSE(std::filesystem::exists(file + ".3"));

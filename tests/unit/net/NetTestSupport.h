@@ -13,6 +13,7 @@
 #include <devca/DevCa.h>
 #include <httplib.h>
 #include <mfw/log.h>
+#include <platform/UniqueFd.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -242,25 +243,21 @@ inline TestServer::Handler answer(int status, std::string body) {
 // complete in the kernel and then hear nothing.
 class LoopbackListener {
 public:
-    LoopbackListener() {
-        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    LoopbackListener() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in addr{};
         addr.sin_family = AF_INET;
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t len = sizeof addr;
-        ::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-        ::listen(fd_, 16);
-        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
+        ::bind(fd_.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+        ::listen(fd_.get(), 16);
+        ::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&addr), &len);
         port_ = ntohs(addr.sin_port);
     }
-    ~LoopbackListener() { ::close(fd_); }
-    LoopbackListener(const LoopbackListener&) = delete;
-    LoopbackListener& operator=(const LoopbackListener&) = delete;
     int port() const { return port_; }
-    int fd() const { return fd_; }
+    int fd() const { return fd_.get(); }
 
 private:
-    int fd_ = -1;
+    platform::UniqueFd fd_;
     int port_ = 0;
 };
 
@@ -290,11 +287,15 @@ public:
 
 private:
     void serve() {
-        for (int fd; (fd = ::accept(listener_.fd(), nullptr, nullptr)) >= 0; ::close(fd)) {
+        for (;;) {
+            const platform::UniqueFd fd(::accept(listener_.fd(), nullptr, nullptr));
+            if (!fd) {
+                break;
+            }
             timeval tv{5, 0};
-            ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+            ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
             net::SslPtr ssl(SSL_new(ctx_.get()));
-            SSL_set_fd(ssl.get(), fd);
+            SSL_set_fd(ssl.get(), fd.get());
             if (SSL_accept(ssl.get()) != 1) {
                 continue;
             }

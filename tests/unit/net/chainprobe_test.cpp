@@ -1,11 +1,16 @@
-// The chain probe against real TLS servers: it returns what the server sent,
-// trusting nothing, and reports unreachable or silent servers.
+// The chain probe and the connect helper under it, against real TLS
+// servers: the probe returns what the server sent, trusting nothing; the
+// helper applies the caller's TLS set-up; both end at their bounds.
 
 #include "NetTestSupport.h"
 
 #include "net/ChainProbe.h"
+#include "net/TlsConnect.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
+
+#include <future>
 
 namespace ndpx::net {
 namespace {
@@ -69,6 +74,60 @@ TEST(ChainProbeTest, UnreachableOrSilentServersFail) {
                                        pki().leaf.cert.get(), chain));
     EXPECT_TRUE(
         log.contains("SSLHandler::GetCertChainCtx(): Failed to retrieve server certificate chain"));
+}
+
+TEST(TlsConnectTest, HandshakesWithTheCallersSetUpOverTheFirstAddressThatAccepts) {
+    test::TestServer server(pki().chainOf(pki().leaf), pki().leaf.keyPem, test::answer(200, ""));
+    SslCtxPtr trusting(SSL_CTX_new(TLS_client_method()));
+    ASSERT_EQ(SSL_CTX_load_verify_locations(trusting.get(), pki().rootFile.c_str(), nullptr), 1);
+    TlsSetup setup;
+    setup.serverName = "localhost";
+    TlsConnectResult tls = connectTls("localhost", server.port(), *trusting, setup);
+    ASSERT_FALSE(tls.failure) << tls.failure.reason;
+    EXPECT_EQ(SSL_get_verify_result(tls.connection.ssl()), X509_V_OK);
+    char byte = 0;  // the server waits for a request
+    EXPECT_EQ(tls.connection.read(&byte, 1, 100ms).end, TlsConnection::ReadEnd::TimedOut);
+
+    // The verify mode is the caller's: an unknown CA fails the handshake only when verifying.
+    SslCtxPtr bare(SSL_CTX_new(TLS_client_method()));
+    const TlsConnectResult refused = connectTls("127.0.0.1", server.port(), *bare, setup);
+    EXPECT_EQ(refused.failure.step, ConnectStep::Handshake);
+    EXPECT_FALSE(refused.connection.valid());
+    setup.verifyMode = SSL_VERIFY_NONE;
+    EXPECT_FALSE(connectTls("127.0.0.1", server.port(), *bare, setup).failure);
+
+    EXPECT_EQ(connectTcp("127.0.0.1", test::freePort()).failure.step, ConnectStep::Connect);
+    EXPECT_EQ(connectTcp("", 443).failure.step, ConnectStep::Resolve);
+    EXPECT_EQ(server.requests(), 0);
+}
+
+TEST(TlsConnectTest, AHandshakeNobodyAnswersEndsAtItsBoundOrWhenCancelled) {
+    SslCtxPtr ctx(SSL_CTX_new(TLS_client_method()));
+    ConnectLimits limits;
+    limits.handshake = 200ms;
+    test::LoopbackListener silent;
+    const auto start = std::chrono::steady_clock::now();
+    const TlsConnectResult timedOut = connectTls("127.0.0.1", silent.port(), *ctx, {}, limits);
+    EXPECT_EQ(timedOut.failure.step, ConnectStep::Handshake);
+    EXPECT_FALSE(timedOut.failure.cancelled);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 200ms);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+
+    // A long bound, cut short by the token once the connection is made.
+    CancelToken cancel;
+    limits.handshake = 60s;
+    limits.cancel = &cancel;
+    test::LoopbackListener other;
+    auto pending = std::async(std::launch::async, [&] {
+        return connectTls("127.0.0.1", other.port(), *ctx, {}, limits);
+    });
+    pollfd queued{other.fd(), POLLIN, 0};
+    ASSERT_EQ(::poll(&queued, 1, 10000), 1);
+    const auto cancelledAt = std::chrono::steady_clock::now();
+    cancel.cancel();
+    ASSERT_EQ(pending.wait_for(10s), std::future_status::ready);
+    EXPECT_LT(std::chrono::steady_clock::now() - cancelledAt, 2s);
+    EXPECT_TRUE(pending.get().failure.cancelled);
 }
 
 }  // namespace

@@ -1,15 +1,20 @@
 // Proxy settings: the environment as the user's settings, proxy and bypass
-// lists, PAC scripts (helpers, limits, fetching) and requests through a real
-// tinyproxy chosen explicitly, by PAC, or by the environment.
+// lists, the machine's addresses as the PAC helpers see them, PAC scripts
+// (helpers, limits, fetching) and requests through a real tinyproxy chosen
+// explicitly, by PAC, or by the environment.
 
 #include "NetTestSupport.h"
 
+#include "net/HostAddresses.h"
 #include "net/linux/CurlHttpRequest.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <ctime>
 #include <map>
+#include <set>
 
 namespace ndpx::net {
 namespace {
@@ -106,6 +111,34 @@ TEST(ProxyLists, ProxyListsAndBypassLists) {
     EXPECT_EQ(proxyUrlOf(entries[1]), "socks5h://b:2");
     EXPECT_EQ(entries[2].kind, PacDirective::Kind::Direct);
     EXPECT_EQ(proxyUrlOf(entries[3]), std::nullopt);
+}
+
+TEST(HostAddresses, LiteralsTheResolverAndThisMachinesOwn) {
+    using Bytes = std::array<unsigned char, 16>;
+    Bytes bytes{};
+    bool v4 = false;
+    ASSERT_TRUE(parseAddress("10.1.2.3", bytes, v4));
+    EXPECT_TRUE(v4);
+    EXPECT_EQ(bytes, (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 10, 1, 2, 3}));
+    ASSERT_TRUE(parseAddress("fd00::5", bytes, v4));
+    EXPECT_FALSE(v4);
+    EXPECT_EQ(bytes, (Bytes{0xfd, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5}));
+    for (const char* text : {"10.1.2", "localhost", "", "fd00::5::1"}) {
+        EXPECT_FALSE(parseAddress(text, bytes, v4)) << text;
+    }
+
+    const auto local = resolveHostAddresses("localhost", true);
+    ASSERT_FALSE(local.empty());
+    EXPECT_EQ(local.front(), "127.0.0.1");
+    EXPECT_EQ(std::set<std::string>(local.begin(), local.end()).size(), local.size());
+    EXPECT_TRUE(resolveHostAddresses("", false).empty());
+
+    const auto own = interfaceAddresses();
+    EXPECT_NE(std::find(own.begin(), own.end(), "127.0.0.1"), own.end());
+    // No route out is possible in a sandbox; a route gives an IPv4 address.
+    if (const std::string outbound = outboundIpv4Address(); !outbound.empty()) {
+        EXPECT_TRUE(parseAddress(outbound, bytes, v4) && v4) << outbound;
+    }
 }
 
 TEST(PacScriptTest, HelperFunctionsGiveKnownAnswers) {

@@ -3,6 +3,8 @@
 // ready by its log file (mosquitto buffers its standard output when that is
 // not a terminal), stopped and reaped by its owner.
 
+#include <platform/UniqueFd.h>
+
 #include <sys/types.h>
 
 #include <chrono>
@@ -30,7 +32,7 @@ public:
     bool running() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }
     // Readable once the broker has exited (for poll), -1 when not running.
-    int exitFd() const { return pidFd_; }
+    int exitFd() const { return pidFd_.get(); }
 
     // Sends `sig` and reaps the broker, with SIGKILL after `limit`. Returns
     // the exit status (128 + signal when killed); nullopt when not running.
@@ -38,7 +40,7 @@ public:
 
 private:
     pid_t pid_ = -1;
-    int pidFd_ = -1;
+    platform::UniqueFd pidFd_;
 };
 
 // Waits until `file` holds `text` at or after byte `offset`, watching the
