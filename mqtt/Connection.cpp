@@ -134,7 +134,7 @@ int MqttManager::Connect() {
     }
 
     MFW_LOG(CORE::kLogDebug, "MqttManager::Connect(): Connecting MQTT.");
-    SetState(MQTT_STATE_CONNECTING);
+    setRunState(MQTT_STATE_CONNECTING);
 
     std::string guid;
     if (auto made = CORE::makeGuid(); made && made->size() == 38) {
@@ -265,7 +265,7 @@ void MqttManager::OnConnectionSuccess(bool withResponseData) {
     if (stopRequested_) {
         return;  // the client is about to go: nothing to set up
     }
-    SetState(MQTT_STATE_CONNECTED);
+    setRunState(MQTT_STATE_CONNECTED);
     duplicates_->SetConnected(true);
     if (withResponseData) {
         MFW_LOG(CORE::kLogInfo,
@@ -308,13 +308,16 @@ void MqttManager::OnConnectionFailure(const MqttFailure& f) {
 
 void MqttManager::classifyConnectFailure() {
     // The library words a refused handshake like any other failure: repeat
-    // the handshake ourselves (bounded, and a stopping manager skips it).
+    // the handshake ourselves (bounded, and ended when the manager stops).
     const auto broker = info_.broker();
     const std::filesystem::path dir = persistenceFolder();
-    const bool tls = !broker.host.empty() && !isStopping() &&
+    net::CancelToken stopping;
+    CORE::coreevent::Waker cancelOnStop(shutdownEvent_, [&stopping] { stopping.cancel(); });
+    const bool tls = !broker.host.empty() &&
                      probeTls(broker.host, broker.port, (dir / "mqtt-trust.pem").string(),
                               (dir / "mqtt-client.pem").string(),
-                              (dir / "mqtt-client.key").string()) == TlsProbeResult::Refused;
+                              (dir / "mqtt-client.key").string(),
+                              &stopping) == TlsProbeResult::Refused;
     if (tls) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::OnConnectionFailure(): The broker refused the TLS handshake");
@@ -324,9 +327,7 @@ void MqttManager::classifyConnectFailure() {
 }
 
 void MqttManager::OnConnectionLost(const std::string& cause) {
-    if (!stopRequested_) {
-        SetState(MQTT_STATE_NOT_CONNECTED);
-    }
+    setRunState(MQTT_STATE_NOT_CONNECTED);
     duplicates_->SetConnected(false);
     metrics_.ReportError("Connection lost");
     subscribedMask_ = 0;

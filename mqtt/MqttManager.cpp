@@ -81,9 +81,22 @@ std::shared_ptr<mqttConfig> MqttManager::config() const {
 }
 
 void MqttManager::SetState(std::int32_t state) {
+    changeState(state, false);
+}
+
+void MqttManager::setRunState(std::int32_t state) {
+    changeState(state, true);
+}
+
+void MqttManager::changeState(std::int32_t state, bool unlessStopping) {
     bool changed = false;
     {
         CORE::MutexLock lock(stateLock_);
+        // Read under the lock that Stop's own state change takes, so that a
+        // late writer cannot overwrite STOPPING.
+        if (unlessStopping && stopRequested_) {
+            return;
+        }
         if (state_ != state) {
             state_ = state;
             changed = true;

@@ -163,7 +163,7 @@ bool Registration::CreateAgentKeyPair() {
         return true;
     }
     MFW_LOG(CORE::kLogDebug, "MqttManager::CreateAgentKeyPair(): Creating agent key pair.");
-    manager_.SetState(MQTT_STATE_PAIRING);
+    manager_.setRunState(MQTT_STATE_PAIRING);
     auto cfg = manager_.config();
     const auto guid = CORE::makeGuid();
     keyContainer_ = guid ? *guid : std::string(CORE::kNullGuid);

@@ -211,7 +211,7 @@ bool Registration::WaitForLCMGeneratedSpec() {
     auto cfg = manager_.config();
     while (cfg->isOtherTransportActive()) {
         MFW_LOG(CORE::kLogDebug, "MqttManager::WaitForLCMGeneratedSpec(): Quiesced");
-        manager_.SetState(MQTT_STATE_QUIESCED);
+        manager_.setRunState(MQTT_STATE_QUIESCED);
         if (manager_.shutdownEvent().wait(secondsToWait(cfg->getStartupLCMSpecWaitInterval()))) {
             MFW_LOG(CORE::kLogInfo,
                     "MqttManager::WaitForLCMGeneratedSpec(): Registration thread is shutting "
@@ -226,9 +226,7 @@ bool Registration::WaitForLCMGeneratedSpec() {
     if (cfg->ReadLCMSpecFromRegistry()) {
         return true;
     }
-    if (!manager_.isStopping()) {
-        manager_.SetState(MQTT_STATE_WAITING_CONFIG);
-    }
+    manager_.setRunState(MQTT_STATE_WAITING_CONFIG);
     if (cfg->isPendingLCMSpecComplete()) {
         MFW_LOG(CORE::kLogDebug,
                 "MqttManager::WaitForLCMGeneratedSpec(): Found pending LCM spec data in the "

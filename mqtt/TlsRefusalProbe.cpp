@@ -27,8 +27,8 @@ net::SslCtxPtr clientContext(const std::string& trustFile, const std::string& ce
 
 TlsProbeResult probeTls(const std::string& host, int port, const std::string& trustFile,
                         const std::string& certFile, const std::string& keyFile,
-                        std::chrono::milliseconds limit) {
-    const net::ConnectLimits limits{limit, limit, nullptr};
+                        net::CancelToken* cancel, std::chrono::milliseconds limit) {
+    const net::ConnectLimits limits{limit, limit, cancel};
     const net::SslCtxPtr ctx = clientContext(trustFile, certFile, keyFile);
     if (!ctx) {
         // Material that does not load is refused, once the broker is known to be there.
@@ -50,7 +50,7 @@ TlsProbeResult probeTls(const std::string& host, int port, const std::string& tr
     // Under TLS 1.3 the broker judges our certificate after the handshake:
     // its verdict is an alert (or a close) on the first read.
     char byte = 0;
-    switch (tls.connection.read(&byte, 1, limit).end) {
+    switch (tls.connection.read(&byte, 1, limit, cancel).end) {
         case net::TlsConnection::ReadEnd::Data:
         case net::TlsConnection::ReadEnd::TimedOut:  // silence: the broker waits for CONNECT
             return TlsProbeResult::Accepted;

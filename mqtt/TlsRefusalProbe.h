@@ -4,6 +4,8 @@
 // plain "connect completion failure", so after a failure without TLS in its
 // text the manager repeats the handshake itself, with the same material.
 
+#include "net/CancelToken.h"
+
 #include <chrono>
 #include <string>
 
@@ -16,8 +18,11 @@ enum class TlsProbeResult {
 };
 
 // `trustFile`, `certFile`, `keyFile`: the PEM files the client library uses.
+// Every wait ends at `limit`, or at once when `cancel` fires (a stopping
+// manager).
 TlsProbeResult probeTls(const std::string& host, int port, const std::string& trustFile,
                         const std::string& certFile, const std::string& keyFile,
+                        net::CancelToken* cancel = nullptr,
                         std::chrono::milliseconds limit = std::chrono::seconds(3));
 
 }  // namespace ndpx

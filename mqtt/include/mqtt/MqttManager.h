@@ -163,6 +163,10 @@ private:
     void onDisconnectFailure(const MqttFailure& failure) override;
     void onSslError(const std::string& text) override;
 
+    // The state as the session's own threads move it: once Stop has begun
+    // they leave STOPPING alone.
+    void setRunState(std::int32_t state);
+    void changeState(std::int32_t state, bool unlessStopping) MFW_EXCLUDES(stateLock_);
     void ResetRunData();
     void postConnectWork();
     void classifyConnectFailure();
