@@ -82,6 +82,11 @@ std::unique_ptr<CertDatabase> openCertDatabase(const std::string& file, const ch
 std::vector<CertContext> rowsToContexts(const std::vector<CertDatabase::CertRow>& rows,
                                         const CertStorePtr& store);
 
+// The key in `keyBlob`, checked against `cert`, in the form it is kept.
+// Logs as SetPrivateKeyForCertificateInStore.
+bool keyForCertificate(X509* cert, const std::vector<std::uint8_t>& keyBlob,
+                       const std::string& container, SecretBytes& der);
+
 inline constexpr const char* kRootStoreName = "Root";
 // Where fetched CRLs are kept.
 inline constexpr const char* kCaStoreName = "CA";
