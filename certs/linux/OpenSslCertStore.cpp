@@ -25,7 +25,7 @@ bool equalsIgnoreCase(const std::string& a, const std::string& b) {
 // What the friendly-name match compares: the friendly name, or the common
 // name for a certificate without one.
 std::string displayName(const CertContext& context) {
-    return context.friendlyName.empty() ? commonNameOf(context.cert.get()) : context.friendlyName;
+    return context.friendlyName.empty() ? commonNameOf(x509Of(context)) : context.friendlyName;
 }
 
 }  // namespace
@@ -45,7 +45,7 @@ std::vector<CertContext> rowsToContexts(const std::vector<CertDatabase::CertRow>
     std::vector<CertContext> out;
     out.reserve(rows.size());
     for (const auto& row : rows) {
-        X509Ptr cert = x509FromDer(row.der);
+        CertificatePtr cert = certificateOf(x509FromDer(row.der));
         if (!cert) {
             MFW_LOG(3, "OpenSslCertStore::EnumerateCertificates(): Skipping unreadable entry %lld",
                     static_cast<long long>(row.id));
@@ -61,18 +61,17 @@ std::vector<CertContext> rowsToContexts(const std::vector<CertDatabase::CertRow>
     return out;
 }
 
-std::int64_t MemoryStoreHandle::put(X509* cert, const std::string& friendlyName,
+std::int64_t MemoryStoreHandle::put(const CertificatePtr& cert, const std::string& friendlyName,
                                     const std::string& keyContainer) {
-    X509Ptr shared = shareX509(cert);
     std::lock_guard lock(mutex_);
     for (auto& entry : entries_) {
-        if (X509_cmp(entry.cert.get(), cert) == 0) {
+        if (X509_cmp(x509Of(entry.cert), x509Of(cert)) == 0) {
             entry.friendlyName = friendlyName;
             entry.keyContainer = keyContainer;
             return entry.id;
         }
     }
-    entries_.push_back(Entry{std::move(shared), friendlyName, keyContainer, nextId_});
+    entries_.push_back(Entry{cert, friendlyName, keyContainer, nextId_});
     return nextId_++;
 }
 
@@ -102,7 +101,7 @@ std::vector<CertContext> MemoryStoreHandle::contexts(const CertStorePtr& self) c
     std::vector<CertContext> out;
     std::lock_guard lock(mutex_);
     for (const auto& entry : entries_) {
-        CertContext context(shareX509(entry.cert.get()));
+        CertContext context(entry.cert);
         context.store = self;
         context.friendlyName = entry.friendlyName;
         context.keyContainer = entry.keyContainer;
@@ -183,7 +182,7 @@ std::optional<CertContext> OpenSslCertStore::FindCertificate(const CertStorePtr&
         if (commonName.empty()) {
             return std::move(context);
         }
-        const std::string cn = trimTrailingWhitespace(commonNameOf(context.cert.get()));
+        const std::string cn = trimTrailingWhitespace(commonNameOf(x509Of(context)));
         if (equalsIgnoreCase(cn, wantedCn)) {
             MFW_LOG(1,
                     "OpenSslCertStore::FindCertificate(): Found matching certificate with common "

@@ -90,7 +90,7 @@ int collectTrustErrors(int ok, X509_STORE_CTX* ctx) {
 }
 
 std::string pemOf(const CertContext& context) {
-    return x509ToPem(context.cert.get());
+    return x509ToPem(x509Of(context));
 }
 
 }  // namespace
@@ -161,8 +161,10 @@ CertChainPtr OpenSslCertStore::Impl::buildChain(const Options& options, const Ce
         }
     }
     if (const auto* memory = dynamic_cast<const MemoryStoreHandle*>(additional.get())) {
-        for (auto& context : memory->contexts(additional)) {
-            others.push_back(std::move(context.cert));
+        for (const auto& context : memory->contexts(additional)) {
+            if (X509Ptr cert = shareX509(x509Of(context))) {
+                others.push_back(std::move(cert));
+            }
         }
     }
     for (auto& cert : others) {
@@ -180,8 +182,7 @@ CertChainPtr OpenSslCertStore::Impl::buildChain(const Options& options, const Ce
         X509_STORE_set_flags(anchors.get(), X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
     }
     X509StoreCtxPtr ctx(X509_STORE_CTX_new());
-    if (!ctx ||
-        X509_STORE_CTX_init(ctx.get(), anchors.get(), leaf.cert.get(), untrusted.get()) != 1) {
+    if (!ctx || X509_STORE_CTX_init(ctx.get(), anchors.get(), x509Of(leaf), untrusted.get()) != 1) {
         error = "cannot set up the verification";
         ERR_clear_error();
         return nullptr;
@@ -204,7 +205,7 @@ CertChainPtr OpenSslCertStore::Impl::buildChain(const Options& options, const Ce
     for (int i = 0; i < sk_X509_num(built.get()); ++i) {
         X509* cert = sk_X509_value(built.get(), i);
         ChainElement element;
-        element.context = i == 0 ? leaf : CertContext(shareX509(cert));
+        element.context = i == 0 ? leaf : CertContext(shareCertificate(cert));
         const auto found = collector.flagsByDepth.find(i);
         element.errorStatus = found != collector.flagsByDepth.end() ? found->second : 0;
         element.infoStatus = X509_self_signed(cert, 0) == 1 ? trust::kIsSelfSigned : 0;
@@ -244,7 +245,7 @@ std::vector<std::string> OpenSslCertStore::RetrieveSystemCertificates() {
 
 CertChainPtr OpenSslCertStore::BuildCertificateChain(const CertContext* cert,
                                                      const CertStorePtr& additionalStore) {
-    if (cert == nullptr || !cert->cert) {
+    if (cert == nullptr || x509Of(*cert) == nullptr) {
         MFW_LOG(4,
                 "OpenSslCertStore::BuildCertificateChain(): Client certificate context not "
                 "provided.");
@@ -329,7 +330,7 @@ bool OpenSslCertStore::ConvertChainCtxToPEM(const CertChain* chain,
             "is %d.",
             0, static_cast<int>(elements.size()));
     for (const auto& element : elements) {
-        X509* cert = element.context.cert.get();
+        X509* cert = x509Of(element.context);
         const std::string subject = cert ? nameToText(X509_get_subject_name(cert)) : "";
         const std::string issuer = cert ? nameToText(X509_get_issuer_name(cert)) : "";
         MFW_LOG(0, "OpenSslCertStore::ConvertChainCtxToPEM(): Found subject=%s; Found issuer=%s",

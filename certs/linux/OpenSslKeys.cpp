@@ -211,7 +211,7 @@ bool OpenSslCertStore::SetPrivateKeyForCertificateInStore(CertContext& cert,
                                                           const std::vector<std::uint8_t>& keyBlob,
                                                           const std::string& container) {
     SecretBytes der;
-    if (!keyForCertificate(cert.cert.get(), keyBlob, container, der)) {
+    if (!keyForCertificate(x509Of(cert), keyBlob, container, der)) {
         return false;
     }
     auto db = openCertDatabase(options_.databaseFile, "SetPrivateKeyForCertificateInStore");
@@ -303,7 +303,7 @@ bool OpenSslCertStore::ExportCertificateAndKeyFromStore(const std::string& store
         return false;
     }
     const PkeyPtr key = keyFromDer(keyRow->der);
-    Pkcs12Ptr p12(key ? PKCS12_create("", friendlyName.c_str(), key.get(), context->cert.get(),
+    Pkcs12Ptr p12(key ? PKCS12_create("", friendlyName.c_str(), key.get(), x509Of(*context),
                                       nullptr, 0, 0, 0, 0, 0)
                       : nullptr);
     unsigned char* data = nullptr;

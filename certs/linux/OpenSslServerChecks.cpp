@@ -69,14 +69,14 @@ bool OpenSslCertStore::VerifyCertChain(const CertChain* chain, const std::string
                                        std::uint32_t& policyStatus) {
     policyStatus = policy::kTrustFailure;
     const CertContext* end = chain != nullptr ? chain->endCertificate() : nullptr;
-    if (end == nullptr || !end->cert) {
+    if (end == nullptr || x509Of(*end) == nullptr) {
         MFW_LOG(4,
                 "OpenSslCertStore::VerifyCertChain(): CertVerifyCertificateChainPolicy Error: %s",
                 "no chain");
         return false;
     }
     const std::uint32_t status = chain->simpleChains.front().errorStatus;
-    X509* leaf = end->cert.get();
+    X509* leaf = x509Of(*end);
     // A chain that stops below any root is as unknown as one that ends in
     // an untrusted root: both are the unknown-CA case a caller may accept.
     const std::uint32_t unknownCa = trust::kUntrustedRoot | trust::kPartialChain;
@@ -112,7 +112,7 @@ bool OpenSslCertStore::VerifyCertRevocation(const CertContext* cert,
                                             std::uint32_t& errorStatus, std::uint32_t& infoStatus) {
     errorStatus = 0;
     infoStatus = 0;
-    if (cert == nullptr || !cert->cert) {
+    if (cert == nullptr || x509Of(*cert) == nullptr) {
         MFW_LOG(4,
                 "OpenSslCertStore::VerifyCertRevocation(): CertGetCertificateChain with revocation "
                 "failed: 0x%x %s",
@@ -163,7 +163,7 @@ bool OpenSslCertStore::VerifyCertRevocation(const CertContext* cert,
         }
     }
     SimpleChain& first = chain->simpleChains.front();
-    if (!validForServerAuth(cert->cert.get())) {
+    if (!validForServerAuth(x509Of(*cert))) {
         first.elements.front().errorStatus |= trust::kNotValidForUsage;
         first.errorStatus |= trust::kNotValidForUsage;
     }
@@ -175,10 +175,11 @@ bool OpenSslCertStore::VerifyCertRevocation(const CertContext* cert,
 bool OpenSslCertStore::fetchMissingCrls(const CertChain& chain, std::vector<CrlPtr>& crls) {
     bool fetched = false;
     for (const auto& element : chain.simpleChains.front().elements) {
-        if ((element.errorStatus & trust::kRevocationStatusUnknown) == 0 || !element.context.cert) {
+        X509* cert = x509Of(element.context);
+        if ((element.errorStatus & trust::kRevocationStatusUnknown) == 0 || cert == nullptr) {
             continue;
         }
-        for (const auto& url : crlUrlsOf(element.context.cert.get())) {
+        for (const auto& url : crlUrlsOf(cert)) {
             std::string data;
             std::string error;
             CrlPtr crl;

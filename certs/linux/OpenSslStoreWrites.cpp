@@ -23,7 +23,7 @@ void transactionPoint(const char* point) {
 
 // A parsed import: the certificate and, when it has one, its key.
 struct PreparedImport {
-    X509Ptr cert;
+    CertificatePtr cert;
     std::vector<std::uint8_t> der;
     SecretBytes keyDer;
     std::string friendlyName;
@@ -31,15 +31,15 @@ struct PreparedImport {
 };
 
 bool prepareImport(const CertUtilityInterface::Import& in, PreparedImport& out, const char* who) {
-    out.cert = x509FromPem(in.certPem);
-    out.der = x509ToDer(out.cert.get());
+    out.cert = certificateOf(x509FromPem(in.certPem));
+    out.der = out.cert ? out.cert->der() : std::vector<std::uint8_t>();
     if (!out.cert || out.der.empty()) {
         MFW_LOG(4, "OpenSslCertStore::%s(): Unable to decode the certificate.", who);
         return false;
     }
     out.friendlyName = in.friendlyName;
     if (!in.keyBlob.empty() || !in.container.empty()) {
-        if (!keyForCertificate(out.cert.get(), in.keyBlob, in.container, out.keyDer)) {
+        if (!keyForCertificate(x509Of(out.cert), in.keyBlob, in.container, out.keyDer)) {
             return false;
         }
         out.container = in.container;
@@ -119,7 +119,7 @@ bool OpenSslCertStore::ImportCertificate(const std::string& certPem, const CertS
                 return false;
             }
         }
-        memory->put(import.cert.get(), import.friendlyName, import.container);
+        memory->put(import.cert, import.friendlyName, import.container);
         return true;
     }
     const auto* named = dynamic_cast<const DbStoreHandle*>(store.get());

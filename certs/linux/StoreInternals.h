@@ -34,7 +34,8 @@ public:
     bool inMemory() const override { return true; }
 
     // Adds `cert`, or replaces the entry of the same certificate. Answers its id.
-    std::int64_t put(X509* cert, const std::string& friendlyName, const std::string& keyContainer);
+    std::int64_t put(const CertificatePtr& cert, const std::string& friendlyName,
+                     const std::string& keyContainer);
     bool remove(std::int64_t id);
     bool setKeyContainer(std::int64_t id, const std::string& keyContainer);
     // The entries as contexts that point back at `self`.
@@ -42,7 +43,7 @@ public:
 
 private:
     struct Entry {
-        X509Ptr cert;
+        CertificatePtr cert;
         std::string friendlyName;
         std::string keyContainer;
         std::int64_t id = 0;

@@ -74,7 +74,7 @@ bool CurlHttpRequest::verifyServer(Transfer& t, X509_STORE_CTX* ctx) {
     // The server certificate as a platform TLS stack hands it over: with the
     // certificates the server sent in an in-memory store of its own, where
     // chain building looks for issuers; the additional store joins them.
-    certs::CertContext server(shareX509(leaf));
+    certs::CertContext server(certs::shareCertificate(leaf));
     server.store = t.store->OpenMemoryStore();
     if (server && server.store) {
         const auto add = [&](X509* cert) {
