@@ -1,5 +1,5 @@
-// CurlHttpRequest's transfer callbacks (request body out, response in),
-// cancelling and the completion threads.
+// CurlHttpRequest's transfer callbacks: the request body out, the response
+// headers and body in, on the thread running the transfer.
 
 #include "net/linux/CurlHttpRequest.h"
 
@@ -11,12 +11,6 @@
 #include <cstring>
 
 namespace ndpx::net {
-
-namespace {
-
-constexpr auto kCancelWait = std::chrono::milliseconds(5000);
-
-}  // namespace
 
 std::size_t CurlHttpRequest::readCallback(char* buffer, std::size_t size, std::size_t count,
                                           void* user) {
@@ -60,14 +54,16 @@ std::size_t CurlHttpRequest::writeCallback(char* data, std::size_t size, std::si
     auto& t = *static_cast<Transfer*>(user);
     const std::size_t n = size * count;
     t.lastActivity = Clock::now();
-    std::lock_guard lock(t.owner->mutex_);
-    if (t.owner->responseBody_.size() + n > t.maxResponseSize) {
-        t.bodyTooLarge = true;
-        MFW_LOG(4, "CurlHttpRequest::DataAvailable(): Response body is too large");
-        return 0;
+    {
+        CORE::MutexLock lock(t.owner->shared_->mutex);
+        if (t.owner->responseBody_.size() + n <= t.maxResponseSize) {
+            t.owner->responseBody_.append(data, n);
+            return n;
+        }
     }
-    t.owner->responseBody_.append(data, n);
-    return n;
+    t.bodyTooLarge = true;
+    MFW_LOG(4, "CurlHttpRequest::DataAvailable(): Response body is too large");
+    return 0;
 }
 
 std::size_t CurlHttpRequest::headerCallback(char* data, std::size_t size, std::size_t count,
@@ -77,7 +73,7 @@ std::size_t CurlHttpRequest::headerCallback(char* data, std::size_t size, std::s
     const std::string line(data, n);
     t.lastActivity = Clock::now();
     {
-        std::lock_guard lock(t.owner->mutex_);
+        CORE::MutexLock lock(t.owner->shared_->mutex);
         if (line.rfind("HTTP/", 0) == 0) {
             t.owner->responseHeaders_.clear();  // a new response (after 1xx)
         }
@@ -93,62 +89,11 @@ std::size_t CurlHttpRequest::headerCallback(char* data, std::size_t size, std::s
             t.headersDone = true;
             MFW_LOG(1, "CurlHttpRequest::CheckHeaders(): HTTP status code received: %lu",
                     static_cast<unsigned long>(code));
-            std::lock_guard lock(t.owner->mutex_);
+            CORE::MutexLock lock(t.owner->shared_->mutex);
             t.owner->statusCode_ = static_cast<std::uint32_t>(code);
         }
     }
     return n;
-}
-
-// --- Cancel and threads ---
-
-void CurlHttpRequest::cancelRequest() {
-    std::shared_ptr<CancelToken> token;
-    {
-        std::lock_guard lock(mutex_);
-        if (shared_->state == State::Running) {
-            token = cancel_;
-        }
-    }
-    if (token) {
-        token->cancel();
-        std::unique_lock lock(mutex_);
-        if (!shared_->changed.wait_for(lock, kCancelWait,
-                                       [this] { return shared_->state != State::Running; })) {
-            MFW_LOG(4, "CurlHttpRequest::cancelRequest(): Failed to wait for cancel event");
-        }
-    }
-    joinWorkers(false);
-}
-
-// Joins completion threads that are done or finishing. The calling thread
-// (a completion callback) is never joined; with `all` (destruction) it is let
-// go: after the callback it touches only the shared state.
-void CurlHttpRequest::joinWorkers(bool all) {
-    std::vector<std::thread> toJoin;
-    {
-        std::lock_guard lock(mutex_);
-        // A request still running keeps its thread (only destruction waits).
-        if (worker_.joinable() && (all || shared_->state != State::Running)) {
-            retired_.push_back(std::move(worker_));
-        }
-        std::vector<std::thread> keep;
-        for (auto& thread : retired_) {
-            if (thread.get_id() == std::this_thread::get_id()) {
-                if (all) {
-                    thread.detach();
-                } else {
-                    keep.push_back(std::move(thread));
-                }
-            } else {
-                toJoin.push_back(std::move(thread));
-            }
-        }
-        retired_ = std::move(keep);
-    }
-    for (auto& thread : toJoin) {
-        thread.join();
-    }
 }
 
 }  // namespace ndpx::net

@@ -41,118 +41,54 @@ std::string unescape(CURL* easy, const std::string& text) {
     return result;
 }
 
-}  // namespace
-
-// Checks and copies everything a request needs; called under the mutex. Any
-// failure here happens before network traffic and leaves the object idle.
-std::unique_ptr<CurlHttpRequest::Transfer> CurlHttpRequest::prepare(HttpMethod method,
-                                                                    const std::string& url) {
-    if (url.empty()) {
-        MFW_LOG(4, "CurlHttpRequest::performAsync(): Empty url");
-        return nullptr;
-    }
-    const auto parsed = parseUrl(url);
-    if (!parsed) {
-        MFW_LOG(4, "CurlHttpRequest::performAsync(): Unable to parse url");
-        return nullptr;
-    }
-    if (parsed->scheme != "https") {
-        MFW_LOG(4, "CurlHttpRequest::performAsync(): Only https is supported");
-        return nullptr;
-    }
-    const State state = shared_->state;
-    if (state == State::Running ||
-        (state == State::Completing && shared_->completingThread != std::this_thread::get_id())) {
-        MFW_LOG(4, "CurlHttpRequest::performAsync(): A request is already in progress");
-        return nullptr;
-    }
-    if (!curlUsesOpenSsl()) {
-        MFW_LOG(4, "CurlHttpRequest::performAsync(): libcurl does not use OpenSSL for TLS");
-        return nullptr;
-    }
-
-    auto t = std::make_unique<Transfer>();
-    t->owner = this;
-    t->method = method;
-    t->url = url;
-    t->host = parsed->host;
-    t->easy.reset(curl_easy_init());
-    if (!t->easy) {
-        MFW_LOG(4, "CurlHttpRequest::performAsync(): curl_easy_init failed");
-        return nullptr;
-    }
-
-    // Query: parameters of the URL join the configured ones.
-    if (!parsed->query.empty()) {
+// The URL's own parameters join the configured ones (for the later requests
+// too). Answers the query text, "?a=1&b=2&", empty without parameters.
+std::string mergeQuery(CURL* easy, const std::string& urlQuery, HeaderMap& params) {
+    if (!urlQuery.empty()) {
         std::size_t start = 0;
-        while (start <= parsed->query.size()) {
-            const std::size_t end = std::min(parsed->query.find('&', start), parsed->query.size());
-            const std::string item = parsed->query.substr(start, end - start);
+        while (start <= urlQuery.size()) {
+            const std::size_t end = std::min(urlQuery.find('&', start), urlQuery.size());
+            const std::string item = urlQuery.substr(start, end - start);
             if (!item.empty()) {
                 const std::size_t eq = item.find('=');
-                queryParams_[unescape(t->easy.get(), item.substr(0, eq))] =
-                    eq == std::string::npos ? std::string()
-                                            : unescape(t->easy.get(), item.substr(eq + 1));
+                params[unescape(easy, item.substr(0, eq))] =
+                    eq == std::string::npos ? std::string() : unescape(easy, item.substr(eq + 1));
             }
             start = end + 1;
         }
     }
-    queryString_.clear();
-    if (!queryParams_.empty()) {
-        queryString_ = "?";
-        for (const auto& [name, value] : queryParams_) {
-            queryString_ += escape(t->easy.get(), name) + "=" + escape(t->easy.get(), value) + "&";
+    std::string text;
+    if (!params.empty()) {
+        text = "?";
+        for (const auto& [name, value] : params) {
+            text += escape(easy, name) + "=" + escape(easy, value) + "&";
         }
     }
-    {
-        CurlUrlPtr full(curl_url());
-        char* text = nullptr;
-        if (!full || curl_url_set(full.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK ||
-            curl_url_set(full.get(), CURLUPART_QUERY,
-                         queryString_.empty() ? nullptr : queryString_.c_str() + 1,
-                         0) != CURLUE_OK ||
-            curl_url_set(full.get(), CURLUPART_FRAGMENT, nullptr, 0) != CURLUE_OK ||
-            curl_url_get(full.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) {
-            MFW_LOG(4, "CurlHttpRequest::performAsync(): Unable to parse url");
-            return nullptr;
-        }
-        t->fullUrl = text;
-        curl_free(text);
-    }
+    return text;
+}
 
-    // Body, for POST and PUT only.
-    if (method == HttpMethod::Post || method == HttpMethod::Put) {
-        t->hasBody = true;
-        if (!uploadFilePath_.empty()) {
-            std::error_code ec;
-            const auto size = std::filesystem::file_size(uploadFilePath_, ec);
-            if (ec) {
-                MFW_LOG(4, "CurlHttpRequest::performAsync(): Unable to read the size of %s: %s",
-                        uploadFilePath_.c_str(), ec.message().c_str());
-                return nullptr;
-            }
-            t->file.open(uploadFilePath_, std::ios::binary);
-            if (!t->file) {
-                MFW_LOG(4, "CurlHttpRequest::performAsync(): Unable to open %s",
-                        uploadFilePath_.c_str());
-                return nullptr;
-            }
-            t->totalLength = size;
-            t->chunkSize = std::max<std::uint64_t>(1, uploadChunkSize_);
-        } else {
-            t->memoryBody = requestBody_;
-            t->totalLength = t->memoryBody.size();
-        }
-        if (t->totalLength > maxRequestSize_) {
-            MFW_LOG(4, "CurlHttpRequest::performAsync(): Request data size is too large");
-            return nullptr;
-        }
+// The URL with the query replaced and no fragment.
+bool fullUrlOf(const std::string& url, const std::string& queryText, std::string& fullUrl) {
+    CurlUrlPtr full(curl_url());
+    char* text = nullptr;
+    if (!full || curl_url_set(full.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK ||
+        curl_url_set(full.get(), CURLUPART_QUERY,
+                     queryText.empty() ? nullptr : queryText.c_str() + 1, 0) != CURLUE_OK ||
+        curl_url_set(full.get(), CURLUPART_FRAGMENT, nullptr, 0) != CURLUE_OK ||
+        curl_url_get(full.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) {
+        MFW_LOG(4, "CurlHttpRequest::performAsync(): Unable to parse url");
+        return false;
     }
+    fullUrl = text;
+    curl_free(text);
+    return true;
+}
 
-    // Headers, one "name: value" line each.
+// Headers, one "name: value" line each.
+CurlSlistPtr buildHeaders(const HeaderMap& headers) {
     curl_slist* list = nullptr;
     bool contentType = false;
-    for (const auto& [name, value] : headers_) {
+    for (const auto& [name, value] : headers) {
         if (name.empty() || hasLineBreak(name) || hasLineBreak(value) ||
             name.find(':') != std::string::npos) {
             curl_slist_free_all(list);
@@ -169,40 +105,71 @@ std::unique_ptr<CurlHttpRequest::Transfer> CurlHttpRequest::prepare(HttpMethod m
         }
         list = next;
     }
-    t->headers.reset(list);
+    CurlSlistPtr out(list);
     // No "Expect: 100-continue" round trip, and no content type we were not asked for.
     for (const char* line : {"Expect:", contentType ? nullptr : "Content-Type:"}) {
         if (line != nullptr) {
-            curl_slist* head = t->headers.release();
+            curl_slist* head = out.release();
             curl_slist* next = curl_slist_append(head, line);
-            t->headers.reset(next != nullptr ? next : head);
+            out.reset(next != nullptr ? next : head);
         }
     }
+    return out;
+}
 
-    t->ignoreAll = ignoreAllCertErrors_;
-    t->ignoreName = ignoreNameMismatch_;
-    t->checkRevocation = checkRevocation_;
-    t->pin = pinnedThumbprint_;
-    t->store = machineStore_;
-    for (const auto& pem : additionalPems_) {
-        for (auto& cert : certs::x509sFromPemBundle(pem)) {
-            t->additional.push_back(std::move(cert));
+}  // namespace
+
+// Any failure here happens before network traffic and leaves the object
+// idle. The transfer is built without the lock, from a copy of the settings.
+std::unique_ptr<CurlHttpRequest::Transfer> CurlHttpRequest::prepare(HttpMethod method,
+                                                                    const std::string& url) {
+    if (url.empty()) {
+        MFW_LOG(4, "CurlHttpRequest::performAsync(): Empty url");
+        return nullptr;
+    }
+    const auto parsed = parseUrl(url);
+    if (!parsed) {
+        MFW_LOG(4, "CurlHttpRequest::performAsync(): Unable to parse url");
+        return nullptr;
+    }
+    if (parsed->scheme != "https") {
+        MFW_LOG(4, "CurlHttpRequest::performAsync(): Only https is supported");
+        return nullptr;
+    }
+    Config config;
+    bool inProgress = false;
+    {
+        CORE::MutexLock lock(shared_->mutex);
+        inProgress = busy();
+        if (!inProgress) {
+            config = config_;
         }
     }
-    t->proxyServer = proxyServer_;
-    t->proxyBypass = proxyBypass_;
-    t->proxyUser = proxyUser_;
-    t->proxyPassword = proxyPassword_;
-    t->pacUrl = pacUrl_;
-    t->userProxy = userProxy_;
-    t->pacLimits = pacLimits_;
-    t->timeouts = computeTimeouts(timeoutMs_);
-    t->maxResponseSize = maxResponseSize_;
-
-    if (!setUpTransfer(*t)) {
+    if (inProgress) {
+        MFW_LOG(4, "CurlHttpRequest::performAsync(): A request is already in progress");
+        return nullptr;
+    }
+    if (!curlUsesOpenSsl()) {
+        MFW_LOG(4, "CurlHttpRequest::performAsync(): libcurl does not use OpenSSL for TLS");
         return nullptr;
     }
 
+    Query query;
+    auto t = makeTransfer(method, url, *parsed, std::move(config), query);
+    CORE::MutexLock lock(shared_->mutex);
+    if (query.built) {
+        config_.queryParams = std::move(query.params);
+        queryString_ = std::move(query.text);
+    }
+    if (!t) {
+        return nullptr;
+    }
+    // Another thread may have started a request meanwhile.
+    if (busy()) {
+        lock.unlock();
+        MFW_LOG(4, "CurlHttpRequest::performAsync(): A request is already in progress");
+        return nullptr;
+    }
     cancel_ = std::make_shared<CancelToken>();
     t->cancel = cancel_;
     statusCode_ = 0;
@@ -213,6 +180,96 @@ std::unique_ptr<CurlHttpRequest::Transfer> CurlHttpRequest::prepare(HttpMethod m
     uploadChunks_ = 0;
     shared_->state = State::Running;
     ++shared_->generation;
+    return t;
+}
+
+// A request runs while another is running, or while another thread's
+// completion callback runs; the callback itself may start the next one.
+bool CurlHttpRequest::busy() const {
+    const State state = shared_->state;
+    return state == State::Running ||
+           (state == State::Completing && shared_->completingThread != std::this_thread::get_id());
+}
+
+std::unique_ptr<CurlHttpRequest::Transfer> CurlHttpRequest::makeTransfer(HttpMethod method,
+                                                                         const std::string& url,
+                                                                         const ParsedUrl& parsed,
+                                                                         Config config,
+                                                                         Query& query) {
+    auto t = std::make_unique<Transfer>();
+    t->owner = this;
+    t->method = method;
+    t->url = url;
+    t->host = parsed.host;
+    t->easy.reset(curl_easy_init());
+    if (!t->easy) {
+        MFW_LOG(4, "CurlHttpRequest::performAsync(): curl_easy_init failed");
+        return nullptr;
+    }
+    query.params = std::move(config.queryParams);
+    query.text = mergeQuery(t->easy.get(), parsed.query, query.params);
+    query.built = true;
+    if (!fullUrlOf(url, query.text, t->fullUrl)) {
+        return nullptr;
+    }
+
+    // Body, for POST and PUT only.
+    if (method == HttpMethod::Post || method == HttpMethod::Put) {
+        t->hasBody = true;
+        if (!config.uploadFilePath.empty()) {
+            std::error_code ec;
+            const auto size = std::filesystem::file_size(config.uploadFilePath, ec);
+            if (ec) {
+                MFW_LOG(4, "CurlHttpRequest::performAsync(): Unable to read the size of %s: %s",
+                        config.uploadFilePath.c_str(), ec.message().c_str());
+                return nullptr;
+            }
+            t->file.open(config.uploadFilePath, std::ios::binary);
+            if (!t->file) {
+                MFW_LOG(4, "CurlHttpRequest::performAsync(): Unable to open %s",
+                        config.uploadFilePath.c_str());
+                return nullptr;
+            }
+            t->totalLength = size;
+            t->chunkSize = std::max<std::uint64_t>(1, config.uploadChunkSize);
+        } else {
+            t->memoryBody = std::move(config.requestBody);
+            t->totalLength = t->memoryBody.size();
+        }
+        if (t->totalLength > config.maxRequestSize) {
+            MFW_LOG(4, "CurlHttpRequest::performAsync(): Request data size is too large");
+            return nullptr;
+        }
+    }
+
+    t->headers = buildHeaders(config.headers);
+    if (!t->headers) {
+        return nullptr;
+    }
+
+    t->ignoreAll = config.ignoreAllCertErrors;
+    t->ignoreName = config.ignoreNameMismatch;
+    t->checkRevocation = config.checkRevocation;
+    t->pin = std::move(config.pinnedThumbprint);
+    t->store = machineStore_;
+    for (const auto& pem : config.additionalPems) {
+        for (auto& cert : certs::x509sFromPemBundle(pem)) {
+            t->additional.push_back(std::move(cert));
+        }
+    }
+    t->proxyServer = std::move(config.proxyServer);
+    t->proxyBypass = std::move(config.proxyBypass);
+    t->proxyUser = std::move(config.proxyUser);
+    t->proxyPassword = std::move(config.proxyPassword);
+    t->pacUrl = std::move(config.pacUrl);
+    t->userProxy = std::move(config.userProxy);
+    t->pacLimits = config.pacLimits;
+    t->timeouts = computeTimeouts(config.timeoutMs);
+    t->maxResponseSize = config.maxResponseSize;
+
+    if (!setUpTransfer(*t)) {
+        return nullptr;
+    }
     return t;
 }
 

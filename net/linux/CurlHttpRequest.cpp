@@ -8,6 +8,7 @@
 #include <mfw/moduleLog.h>
 
 #include <algorithm>
+#include <optional>
 
 namespace ndpx::net {
 
@@ -58,8 +59,8 @@ HttpRequestFactory curlHttpRequestFactory(std::shared_ptr<certs::CertUtilityInte
 }
 
 CurlHttpRequest::CurlHttpRequest(std::shared_ptr<certs::CertUtilityInterface> machineStore)
-    : machineStore_(machineStore ? std::move(machineStore) : fetchingMachineStore()),
-      userProxy_(std::make_shared<ProxyConfig>()) {
+    : machineStore_(machineStore ? std::move(machineStore) : fetchingMachineStore()) {
+    config_.userProxy = std::make_shared<ProxyConfig>();
     ensureCurlInitialized();
 }
 
@@ -133,12 +134,12 @@ bool CurlHttpRequest::putFileAsync(ContentType type, const std::string& url,
 }
 
 void CurlHttpRequest::stageBody(ContentType type, std::string body, std::string filePath) {
-    std::lock_guard lock(mutex_);
+    CORE::MutexLock lock(shared_->mutex);
     if (const char* value = contentTypeValue(type)) {
-        headers_["Content-Type"] = value;
+        config_.headers["Content-Type"] = value;
     }
-    requestBody_ = std::move(body);
-    uploadFilePath_ = std::move(filePath);
+    config_.requestBody = std::move(body);
+    config_.uploadFilePath = std::move(filePath);
 }
 
 bool CurlHttpRequest::performAsync(HttpMethod method, const std::string& url, Callback callback) {
@@ -147,41 +148,48 @@ bool CurlHttpRequest::performAsync(HttpMethod method, const std::string& url, Ca
         return false;
     }
     joinWorkers(false);
-    std::lock_guard lock(mutex_);
     auto transfer = prepare(method, url);
     if (!transfer) {
         return false;
     }
-    const std::uint64_t generation = shared_->generation;
-    try {
-        std::thread next([this, t = std::move(transfer), cb = std::move(callback), generation,
-                          shared = shared_]() mutable {
-            Outcome outcome = run(*t, true);
-            t.reset();  // every handle is released before the completion is reported
-            if (outcome.cancelled) {
-                return;
+    std::optional<std::string> failure;
+    {
+        CORE::MutexLock lock(shared_->mutex);
+        const std::uint64_t generation = shared_->generation;
+        try {
+            // Started under the lock: its handle is stored before its run can end.
+            std::thread next([this, t = std::move(transfer), cb = std::move(callback), generation,
+                              shared = shared_]() mutable {
+                Outcome outcome = run(*t, true);
+                t.reset();  // every handle is released before the completion is reported
+                if (outcome.cancelled) {
+                    return;
+                }
+                try {
+                    cb(this, std::move(outcome.body));
+                } catch (...) {
+                    MFW_LOG(4, "CurlHttpRequest::RequestCallback(): The completion callback threw");
+                }
+                // `this` may be gone now (the callback may have released it).
+                CORE::MutexLock done(shared->mutex);
+                if (shared->generation == generation && shared->state == State::Completing) {
+                    shared->state = State::Idle;
+                    shared->changed.notify_all();
+                }
+            });
+            if (worker_.joinable()) {
+                retired_.push_back(std::move(worker_));  // the caller's own thread
             }
-            try {
-                cb(this, std::move(outcome.body));
-            } catch (...) {
-                MFW_LOG(4, "CurlHttpRequest::RequestCallback(): The completion callback threw");
-            }
-            // `this` may be gone now (the callback may have released it).
-            std::lock_guard done(shared->mutex);
-            if (shared->generation == generation && shared->state == State::Completing) {
-                shared->state = State::Idle;
-                shared->changed.notify_all();
-            }
-        });
-        if (worker_.joinable()) {
-            retired_.push_back(std::move(worker_));  // the caller's own thread
+            worker_ = std::move(next);
+        } catch (const std::exception& e) {
+            failure = e.what();
+            shared_->state = State::Idle;
+            shared_->changed.notify_all();
         }
-        worker_ = std::move(next);
-    } catch (const std::exception& e) {
+    }
+    if (failure) {
         MFW_LOG(4, "CurlHttpRequest::performAsync(): Unable to start the request thread: %s",
-                e.what());
-        shared_->state = State::Idle;
-        shared_->changed.notify_all();
+                failure->c_str());
         return false;
     }
     return true;
@@ -192,13 +200,10 @@ bool CurlHttpRequest::performSync(HttpMethod method, const std::string& url,
     if (method == HttpMethod::Post || method == HttpMethod::Put) {
         stageBody(ContentType::None, body, std::string());
     }
-    std::unique_ptr<Transfer> transfer;
-    {
-        std::lock_guard lock(mutex_);
-        transfer = prepare(method, url);
-        if (transfer) {
-            transfer->overallDeadline = Clock::now() + std::chrono::milliseconds(timeoutMs_);
-        }
+    std::unique_ptr<Transfer> transfer = prepare(method, url);
+    if (transfer) {
+        transfer->overallDeadline =
+            Clock::now() + std::chrono::milliseconds(transfer->timeouts.totalMs);
     }
     if (!transfer) {
         MFW_LOG(4, "CurlHttpRequest::performSync(): Failed to perform synchronous request");
@@ -284,7 +289,7 @@ CurlHttpRequest::Outcome CurlHttpRequest::run(Transfer& t, bool async) {
         t.file.close();
     }
 
-    std::lock_guard lock(mutex_);
+    CORE::MutexLock lock(shared_->mutex);
     requestComplete_ = true;
     lastProxy_ = proxy;
     transportError_ = rc;

@@ -101,14 +101,16 @@ bool CurlHttpRequest::verifyServer(Transfer& t, X509_STORE_CTX* ctx) {
 
 // The checks with a pinned thumbprint.
 bool CurlHttpRequest::SendingRequest(Transfer& t, const certs::CertContext& server) {
+    bool verified = false;
     {
-        std::lock_guard lock(mutex_);
-        if (chainVerified_) {
-            MFW_LOG(1,
-                    "CurlHttpRequest::SendingRequest(): Skip as server certificate chain has "
-                    "already been verified");
-            return true;
-        }
+        CORE::MutexLock lock(shared_->mutex);
+        verified = chainVerified_;
+    }
+    if (verified) {
+        MFW_LOG(1,
+                "CurlHttpRequest::SendingRequest(): Skip as server certificate chain has "
+                "already been verified");
+        return true;
     }
     if (t.ignoreAll) {
         return true;
@@ -182,7 +184,7 @@ bool CurlHttpRequest::SendingRequest(Transfer& t, const certs::CertContext& serv
         }
         MFW_LOG(1, "CurlHttpRequest::SendingRequest(): Matched using the following chain:\r\n%s",
                 matched->c_str());
-        std::lock_guard lock(mutex_);
+        CORE::MutexLock lock(shared_->mutex);
         chainVerified_ = true;
         return true;
     }
@@ -202,7 +204,7 @@ bool CurlHttpRequest::SendingRequest(Transfer& t, const certs::CertContext& serv
             return false;
         }
     }
-    std::lock_guard lock(mutex_);
+    CORE::MutexLock lock(shared_->mutex);
     chainVerified_ = true;
     return true;
 }

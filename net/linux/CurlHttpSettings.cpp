@@ -18,117 +18,130 @@ std::uint32_t share(std::uint32_t total, double fraction) {
 }  // namespace
 
 void CurlHttpRequest::ignoreAllCertErrors() {
-    std::lock_guard lock(mutex_);
-    ignoreAllCertErrors_ = true;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.ignoreAllCertErrors = true;
 }
 
 void CurlHttpRequest::ignoreNameMismatch() {
-    std::lock_guard lock(mutex_);
-    ignoreNameMismatch_ = true;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.ignoreNameMismatch = true;
 }
 
 void CurlHttpRequest::setAdditionalStore(std::vector<std::string> certificatesPem) {
-    std::lock_guard lock(mutex_);
-    additionalPems_ = std::move(certificatesPem);
+    CORE::MutexLock lock(shared_->mutex);
+    config_.additionalPems = std::move(certificatesPem);
 }
 
 void CurlHttpRequest::enableRevocationCheck() {
-    std::lock_guard lock(mutex_);
-    checkRevocation_ = true;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.checkRevocation = true;
 }
 
 void CurlHttpRequest::setHeaders(const HeaderMap& headers) {
-    std::lock_guard lock(mutex_);
-    headers_ = headers;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.headers = headers;
 }
 
 void CurlHttpRequest::setQueryParams(const HeaderMap& params) {
-    std::lock_guard lock(mutex_);
-    queryParams_ = params;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.queryParams = params;
 }
 
 void CurlHttpRequest::setPinnedThumbprint(const std::string& thumbprint) {
-    std::lock_guard lock(mutex_);
-    pinnedThumbprint_ = thumbprint;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.pinnedThumbprint = thumbprint;
 }
 
 void CurlHttpRequest::setTimeout(std::uint32_t seconds) {
-    std::lock_guard lock(mutex_);
-    timeoutMs_ = seconds * 1000;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.timeoutMs = seconds * 1000;
 }
 
 void CurlHttpRequest::setProxyServer(const std::string& server) {
-    std::lock_guard lock(mutex_);
-    proxyServer_ = server;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.proxyServer = server;
 }
 
 void CurlHttpRequest::setProxyBypass(const std::string& bypass) {
-    std::lock_guard lock(mutex_);
-    proxyBypass_ = bypass;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.proxyBypass = bypass;
 }
 
 void CurlHttpRequest::setProxyCredentials(const std::string& user, const std::string& password) {
-    std::lock_guard lock(mutex_);
-    proxyUser_ = user;
-    proxyPassword_ = password;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.proxyUser = user;
+    config_.proxyPassword = password;
 }
 
 void CurlHttpRequest::setPacUrl(const std::string& url) {
-    std::lock_guard lock(mutex_);
-    pacUrl_ = url;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.pacUrl = url;
 }
 
 std::uint32_t CurlHttpRequest::getResponseCode() {
-    std::lock_guard lock(mutex_);
-    if (!requestComplete_) {
+    bool complete = false;
+    std::uint32_t code = 0;
+    {
+        CORE::MutexLock lock(shared_->mutex);
+        complete = requestComplete_;
+        code = statusCode_;
+    }
+    if (!complete) {
         MFW_LOG(3, "CurlHttpRequest::getResponseCode(): Request did not complete");
     }
-    return statusCode_;
+    return code;
 }
 
 std::string CurlHttpRequest::getResponseHeaders() {
-    std::lock_guard lock(mutex_);
-    if (!requestComplete_) {
+    bool complete = false;
+    std::string headers;
+    {
+        CORE::MutexLock lock(shared_->mutex);
+        complete = requestComplete_;
+        headers = responseHeaders_;
+    }
+    if (!complete) {
         MFW_LOG(3, "CurlHttpRequest::getResponseHeaders(): Request did not complete");
     }
-    return responseHeaders_;
+    return headers;
 }
 
 std::string CurlHttpRequest::getResponseBody() {
-    std::lock_guard lock(mutex_);
+    CORE::MutexLock lock(shared_->mutex);
     return responseBody_;
 }
 
 bool CurlHttpRequest::isSuccess() {
-    std::lock_guard lock(mutex_);
+    CORE::MutexLock lock(shared_->mutex);
     return isSuccessStatus(statusCode_);
 }
 
 void CurlHttpRequest::setMaxRequestSize(std::uint64_t bytes) {
-    std::lock_guard lock(mutex_);
-    maxRequestSize_ = bytes;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.maxRequestSize = bytes;
 }
 
 void CurlHttpRequest::setUploadChunkSize(std::uint64_t bytes) {
-    std::lock_guard lock(mutex_);
-    uploadChunkSize_ = bytes;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.uploadChunkSize = bytes;
 }
 
 void CurlHttpRequest::setMaxResponseSize(std::uint64_t bytes) {
-    std::lock_guard lock(mutex_);
-    maxResponseSize_ = bytes;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.maxResponseSize = bytes;
 }
 
 void CurlHttpRequest::setPacLimits(const PacLimits& limits) {
-    std::lock_guard lock(mutex_);
-    pacLimits_ = limits;
+    CORE::MutexLock lock(shared_->mutex);
+    config_.pacLimits = limits;
 }
 
 void CurlHttpRequest::setUserProxyConfig(std::shared_ptr<ProxyConfig> config) {
-    std::lock_guard lock(mutex_);
-    if (config) {
-        userProxy_ = std::move(config);
+    if (!config) {
+        return;
     }
+    CORE::MutexLock lock(shared_->mutex);
+    config_.userProxy.swap(config);  // the old one is released after the lock
 }
 
 CurlHttpRequest::Timeouts CurlHttpRequest::computeTimeouts(std::uint32_t total) {
@@ -137,27 +150,27 @@ CurlHttpRequest::Timeouts CurlHttpRequest::computeTimeouts(std::uint32_t total) 
 }
 
 CurlHttpRequest::Timeouts CurlHttpRequest::timeouts() const {
-    std::lock_guard lock(mutex_);
-    return computeTimeouts(timeoutMs_);
+    CORE::MutexLock lock(shared_->mutex);
+    return computeTimeouts(config_.timeoutMs);
 }
 
 bool CurlHttpRequest::chainVerified() const {
-    std::lock_guard lock(mutex_);
+    CORE::MutexLock lock(shared_->mutex);
     return chainVerified_;
 }
 
 int CurlHttpRequest::transportError() const {
-    std::lock_guard lock(mutex_);
+    CORE::MutexLock lock(shared_->mutex);
     return static_cast<int>(transportError_);
 }
 
 std::string CurlHttpRequest::lastProxy() const {
-    std::lock_guard lock(mutex_);
+    CORE::MutexLock lock(shared_->mutex);
     return lastProxy_;
 }
 
 std::string CurlHttpRequest::queryString() const {
-    std::lock_guard lock(mutex_);
+    CORE::MutexLock lock(shared_->mutex);
     return queryString_;
 }
 

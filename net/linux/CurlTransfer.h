@@ -69,6 +69,13 @@ struct CurlHttpRequest::Transfer {
     bool uploadFailed = false;
 };
 
+// The URL's own query parameters joined with the configured ones.
+struct CurlHttpRequest::Query {
+    bool built = false;
+    HeaderMap params;
+    std::string text;  // "?a=1&b=2&", empty without parameters
+};
+
 // The machine's store, fetching the CRLs it lacks.
 std::shared_ptr<certs::CertUtilityInterface> fetchingMachineStore();
 
