@@ -2,6 +2,8 @@
 
 #include "net/linux/CurlHttpRequest.h"
 
+#include "ThreadReaper.h"
+
 #include <mfw/moduleLog.h>
 
 #include <chrono>
@@ -12,57 +14,6 @@ namespace ndpx::net {
 namespace {
 
 constexpr auto kCancelWait = std::chrono::milliseconds(5000);
-
-// Completion threads whose request object was destroyed by their own
-// callback. A thread cannot join itself, so each is joined when the next one
-// arrives or, at the latest, when the module is unloaded: no completion
-// thread outlives the code it runs.
-class OrphanedThreads {
-public:
-    static OrphanedThreads& instance() {
-        static OrphanedThreads orphans;
-        return orphans;
-    }
-    OrphanedThreads(const OrphanedThreads&) = delete;
-    OrphanedThreads& operator=(const OrphanedThreads&) = delete;
-
-    // Called on `thread` itself, which then only finishes its callback.
-    void adopt(std::thread thread) MFW_EXCLUDES(mutex_) {
-        std::optional<std::thread> earlier;
-        {
-            CORE::MutexLock lock(mutex_);
-            if (waiting_.joinable()) {
-                earlier = std::move(waiting_);
-            }
-            waiting_ = std::move(thread);
-        }
-        if (earlier) {
-            earlier->join();
-        }
-    }
-
-    ~OrphanedThreads() {
-        std::thread last;
-        {
-            CORE::MutexLock lock(mutex_);
-            last = std::move(waiting_);
-        }
-        if (!last.joinable()) {
-            return;
-        }
-        if (last.get_id() == std::this_thread::get_id()) {
-            last.detach();  // the process is exiting from this very thread
-        } else {
-            last.join();
-        }
-    }
-
-private:
-    OrphanedThreads() = default;
-
-    CORE::Mutex mutex_;
-    std::thread waiting_ MFW_GUARDED_BY(mutex_);
-};
 
 }  // namespace
 
@@ -93,7 +44,7 @@ void CurlHttpRequest::cancelRequest() {
 
 // Joins completion threads that are done or finishing. The calling thread
 // (a completion callback) is never joined; with `all` (destruction) it goes
-// to the orphans: after the callback it touches only the shared state.
+// to the reaper: after the callback it touches only the shared state.
 void CurlHttpRequest::joinWorkers(bool all) {
     std::vector<std::thread> toJoin;
     std::optional<std::thread> self;
@@ -119,7 +70,7 @@ void CurlHttpRequest::joinWorkers(bool all) {
         thread.join();
     }
     if (self) {
-        OrphanedThreads::instance().adopt(std::move(*self));
+        ThreadReaper::instance().adopt(std::move(*self));
     }
 }
 

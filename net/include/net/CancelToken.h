@@ -17,7 +17,8 @@ public:
     bool cancelled() const { return cancelled_.load(std::memory_order_acquire); }
 
     // Sets the flag and runs every registered waker, without the token's
-    // lock held. Wakers must be short and must not call back into the token.
+    // lock held. Wakers must be short, must not throw and must not call back
+    // into the token.
     void cancel() MFW_EXCLUDES(mutex_);
 
     // Keeps a waker registered for its own lifetime; once it is gone, no
