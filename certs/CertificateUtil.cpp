@@ -278,7 +278,7 @@ bool CertificateUtil::WillCertChainExpire(const CertChain* chain,
     }
     std::time_t at = std::chrono::system_clock::to_time_t(when);
     for (const auto& element : chain->simpleChains.front().elements) {
-        X509* cert = element.context.cert.get();
+        X509* cert = x509Of(element.context);
         // X509_cmp_time answers 0 for a time it cannot read: not valid either.
         const bool valid = cert != nullptr && X509_cmp_time(X509_get0_notBefore(cert), &at) < 0 &&
                            X509_cmp_time(X509_get0_notAfter(cert), &at) > 0;
@@ -335,7 +335,7 @@ bool CertificateUtil::ActivatePendingCertificate() {
 }
 
 std::string CertificateUtil::GetCertificateCN(const CertContext* context) {
-    std::string cn = context != nullptr ? commonNameOf(context->cert.get()) : std::string();
+    std::string cn = context != nullptr ? commonNameOf(x509Of(*context)) : std::string();
     if (cn.empty()) {
         MFW_LOG(4, "CertificateUtil::GetCertificateCN(): Invalid CN.");
     }

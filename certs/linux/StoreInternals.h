@@ -34,7 +34,8 @@ public:
     bool inMemory() const override { return true; }
 
     // Adds `cert`, or replaces the entry of the same certificate. Answers its id.
-    std::int64_t put(X509* cert, const std::string& friendlyName, const std::string& keyContainer);
+    std::int64_t put(const CertificatePtr& cert, const std::string& friendlyName,
+                     const std::string& keyContainer);
     bool remove(std::int64_t id);
     bool setKeyContainer(std::int64_t id, const std::string& keyContainer);
     // The entries as contexts that point back at `self`.
@@ -42,7 +43,7 @@ public:
 
 private:
     struct Entry {
-        X509Ptr cert;
+        CertificatePtr cert;
         std::string friendlyName;
         std::string keyContainer;
         std::int64_t id = 0;
@@ -81,6 +82,11 @@ std::unique_ptr<CertDatabase> openCertDatabase(const std::string& file, const ch
 // The contexts of a database row set; rows that do not parse are skipped.
 std::vector<CertContext> rowsToContexts(const std::vector<CertDatabase::CertRow>& rows,
                                         const CertStorePtr& store);
+
+// The key in `keyBlob`, checked against `cert`, in the form it is kept.
+// Logs as SetPrivateKeyForCertificateInStore.
+bool keyForCertificate(X509* cert, const std::vector<std::uint8_t>& keyBlob,
+                       const std::string& container, SecretBytes& der);
 
 inline constexpr const char* kRootStoreName = "Root";
 // Where fetched CRLs are kept.

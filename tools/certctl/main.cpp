@@ -41,7 +41,7 @@ std::string timeText(const ASN1_TIME* time) {
 }
 
 void printCertificate(const CertContext& c, OpenSslCertStore& store, bool details) {
-    X509* cert = c.cert.get();
+    X509* cert = ndpx::certs::x509Of(c);
     std::cout << "Friendly name: " << (c.friendlyName.empty() ? "(none)" : c.friendlyName) << '\n'
               << "Subject:       " << ndpx::certs::nameToText(X509_get_subject_name(cert)) << '\n'
               << "Issuer:        " << ndpx::certs::nameToText(X509_get_issuer_name(cert)) << '\n'

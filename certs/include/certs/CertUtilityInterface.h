@@ -10,28 +10,25 @@
 // before returning. Failures answer false, null or an empty list and log a
 // line; nothing throws.
 
-#include <openssl/evp.h>
-#include <openssl/x509.h>
-
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ndpx::certs {
 
-struct X509Deleter {
-    void operator()(X509* p) const { X509_free(p); }
+// A certificate in the backend's own form. Immutable, so contexts share it.
+// Code that needs the backend's form includes the backend's header
+// (certs/OpenSslCertificate.h for OpenSSL).
+class CertificateHandle {
+public:
+    virtual ~CertificateHandle() = default;
+    // The DER encoding.
+    virtual std::vector<std::uint8_t> der() const = 0;
 };
-struct PkeyDeleter {
-    void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
-};
-using X509Ptr = std::unique_ptr<X509, X509Deleter>;
-using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyDeleter>;
-
-// Another owner of `cert` (reference count), or null.
-X509Ptr shareX509(X509* cert);
+using CertificatePtr = std::shared_ptr<const CertificateHandle>;
 
 // An open certificate store: a named store of the machine ("My", "Root", ...)
 // or an in-memory store that lives as long as its handle.
@@ -46,19 +43,14 @@ using CertStorePtr = std::shared_ptr<CertStoreHandle>;
 // A certificate as a store holds it, with the properties the store keeps.
 // Copies share the certificate.
 struct CertContext {
-    X509Ptr cert;
+    CertificatePtr cert;
     CertStorePtr store;        // the store it came from; null when free-standing
     std::string friendlyName;  // empty when not set
     std::string keyContainer;  // the bound private key; empty when none
     std::int64_t id = 0;       // the store's identifier for it; 0 when not in a store
 
     CertContext() = default;
-    explicit CertContext(X509Ptr c) : cert(std::move(c)) {}
-    CertContext(const CertContext& other);
-    CertContext& operator=(const CertContext& other);
-    CertContext(CertContext&&) noexcept = default;
-    CertContext& operator=(CertContext&&) noexcept = default;
-    ~CertContext() = default;
+    explicit CertContext(CertificatePtr c) : cert(std::move(c)) {}
 
     explicit operator bool() const { return cert != nullptr; }
 };

@@ -3,12 +3,13 @@
 // PEM and DER certificates and CRLs, private keys as MS private-key blob and
 // PKCS#1 DER, names as text.
 
-#include "certs/CertUtilityInterface.h"
+#include "certs/OpenSslCertificate.h"
 
 #include <openssl/bio.h>
 #include <openssl/crypto.h>
 #include <openssl/decoder.h>
 #include <openssl/encoder.h>
+#include <openssl/evp.h>
 #include <openssl/pkcs12.h>
 #include <openssl/x509.h>
 
@@ -26,6 +27,7 @@ struct OsslDeleter {
         Fn(p);
     }
 };
+using PkeyPtr = std::unique_ptr<EVP_PKEY, OsslDeleter<EVP_PKEY_free>>;
 using BioPtr = std::unique_ptr<BIO, OsslDeleter<BIO_free_all>>;
 using ReqPtr = std::unique_ptr<X509_REQ, OsslDeleter<X509_REQ_free>>;
 using CrlPtr = std::unique_ptr<X509_CRL, OsslDeleter<X509_CRL_free>>;

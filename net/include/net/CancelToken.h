@@ -3,10 +3,12 @@
 // in (a curl poll, a child process being waited for), so that cancelling
 // takes effect at once instead of at the next time-out.
 
+#include <mfw/corelock.h>
+
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <list>
-#include <mutex>
 
 namespace ndpx::net {
 
@@ -14,37 +16,18 @@ class CancelToken {
 public:
     bool cancelled() const { return cancelled_.load(std::memory_order_acquire); }
 
-    // Sets the flag and runs every registered waker. Wakers run under the
-    // token's mutex so that none can outlive its registration; they must be
-    // short and must not call back into the token.
-    void cancel() {
-        cancelled_.store(true, std::memory_order_release);
-        std::lock_guard lock(mutex_);
-        for (auto& waker : wakers_) {
-            waker();
-        }
-    }
+    // Sets the flag and runs every registered waker, without the token's
+    // lock held. Wakers must be short, must not throw and must not call back
+    // into the token.
+    void cancel() MFW_EXCLUDES(mutex_);
 
-    // Keeps a waker registered for its own lifetime. A token already
-    // cancelled runs the waker at once.
+    // Keeps a waker registered for its own lifetime; once it is gone, no
+    // cancel runs it any more. A token already cancelled runs the waker at
+    // once.
     class Waker {
     public:
-        Waker(CancelToken* token, std::function<void()> wake) : token_(token) {
-            if (token_ == nullptr) {
-                return;
-            }
-            std::lock_guard lock(token_->mutex_);
-            it_ = token_->wakers_.insert(token_->wakers_.end(), std::move(wake));
-            if (token_->cancelled()) {
-                (*it_)();
-            }
-        }
-        ~Waker() {
-            if (token_ != nullptr) {
-                std::lock_guard lock(token_->mutex_);
-                token_->wakers_.erase(it_);
-            }
-        }
+        Waker(CancelToken* token, std::function<void()> wake);
+        ~Waker();
         Waker(const Waker&) = delete;
         Waker& operator=(const Waker&) = delete;
 
@@ -55,8 +38,10 @@ public:
 
 private:
     std::atomic<bool> cancelled_{false};
-    std::mutex mutex_;
-    std::list<std::function<void()>> wakers_;
+    CORE::Mutex mutex_;
+    std::condition_variable idle_;  // no cancel is running wakers
+    std::list<std::function<void()>> wakers_ MFW_GUARDED_BY(mutex_);
+    int running_ MFW_GUARDED_BY(mutex_) = 0;  // cancels running wakers now
 };
 
 }  // namespace ndpx::net

@@ -55,7 +55,7 @@ protected:
         return store_->ImportCertificateToStore(pem, storeName, friendlyName, {}, "", nullptr);
     }
     static bool is(const std::optional<CertContext>& found, const Client& c) {
-        return found && X509_cmp(found->cert.get(), c.issued.cert.get()) == 0;
+        return found && X509_cmp(x509Of(*found), c.issued.cert.get()) == 0;
     }
 };
 
@@ -194,7 +194,7 @@ TEST_F(CertStoreTest, DeletingRemovesCertificatesAndKeysNoLongerBound) {
     EXPECT_TRUE(store_->DeleteCertificate(*kept));
     EXPECT_FALSE(store_->KeyExists("kc"));
     EXPECT_FALSE(store_->DeleteCertificate(*kept));
-    EXPECT_FALSE(store_->DeleteCertificate(CertContext(shareX509(c.issued.cert.get()))));
+    EXPECT_FALSE(store_->DeleteCertificate(CertContext(shareCertificate(c.issued.cert.get()))));
 }
 
 // What the export holds is checked through CertificateUtil's own tests;
@@ -253,7 +253,7 @@ protected:
         for (const auto& pem : issuers) {
             EXPECT_TRUE(store_->ImportCertificate(pem, memory, "", {}, ""));
         }
-        CertContext leaf(x509FromPem(certPem));
+        CertContext leaf(certificateOf(x509FromPem(certPem)));
         return store_->BuildCertificateChain(&leaf, memory);
     }
     CertChainPtr issuedChain(const devca::Issued& leaf) {
@@ -280,7 +280,7 @@ TEST_F(ChainTest, ChainsReachTheRootAndThePolicyChecksNameTrustTimeAndUsage) {
     const auto& elements = trusted->simpleChains[0].elements;
     ASSERT_EQ(elements.size(), 3u);
     EXPECT_EQ(trusted->errorStatus, 0u);
-    EXPECT_EQ(cnOf(elements[2].context.cert.get()), "Test Root CA");
+    EXPECT_EQ(cnOf(x509Of(elements[2].context)), "Test Root CA");
     EXPECT_EQ(elements[2].infoStatus & trust::kIsSelfSigned, trust::kIsSelfSigned);
     EXPECT_EQ(partial->simpleChains[0].elements.size(), 1u);
     EXPECT_NE(partial->errorStatus & trust::kPartialChain, 0u);
@@ -311,7 +311,7 @@ TEST_F(ChainTest, ChainsReachTheRootAndThePolicyChecksNameTrustTimeAndUsage) {
     }
     std::uint32_t status = 0;
     EXPECT_FALSE(store_->VerifyCertChain(nullptr, "x", false, false, status));
-    CertContext leaf(x509FromPem(server().certPem));
+    CertContext leaf(certificateOf(x509FromPem(server().certPem)));
     EXPECT_FALSE(store_->BuildCertificateChain(&leaf, nullptr));
 
     std::vector<std::string> pems;
@@ -367,7 +367,7 @@ TEST_F(ChainTest, RevocationIsCheckedAgainstStoredAndGivenCrls) {
     const std::vector<std::string> crls = {ca.crlPem(), pki().root.crlPem()};
 
     const auto check = [&](const devca::Issued& issued, const std::vector<std::string>& given) {
-        CertContext context(x509FromPem(issued.certPem));
+        CertContext context(certificateOf(x509FromPem(issued.certPem)));
         std::uint32_t error = 0xffffffff, info = 0;
         EXPECT_TRUE(store_->VerifyCertRevocation(&context, given, error, info));
         return error;
@@ -386,7 +386,7 @@ TEST_F(ChainTest, RevocationIsCheckedAgainstStoredAndGivenCrls) {
     EXPECT_EQ(check(ca.issueClient("client"), {}), trust::kNotValidForUsage);
 
     std::uint32_t error = 0, info = 0;
-    CertContext context(x509FromPem(good.certPem));
+    CertContext context(certificateOf(x509FromPem(good.certPem)));
     EXPECT_FALSE(store_->VerifyCertRevocation(&context, {"not a crl"}, error, info));
     EXPECT_FALSE(store_->AddCrl("CA", "not a crl"));
 }

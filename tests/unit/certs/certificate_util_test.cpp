@@ -118,7 +118,7 @@ TEST_F(CertificateUtilTest, ReplacementLeavesOneCurrentCertificateAndDropsTheOld
     const Paired second = pair("agent-1", "{B}", false);
     const auto current = named(kClientCertFriendlyName);
     ASSERT_EQ(current.size(), 1u);
-    EXPECT_EQ(x509ToPem(current[0].cert.get()), second.certPem);
+    EXPECT_EQ(x509ToPem(x509Of(current[0])), second.certPem);
     EXPECT_EQ(current[0].keyContainer, "{B}");
     EXPECT_FALSE(store_->KeyExists("{A}"));
     EXPECT_TRUE(store_->KeyExists("{B}"));
@@ -133,7 +133,7 @@ TEST_F(CertificateUtilTest, ReplacementLeavesOneCurrentCertificateAndDropsTheOld
     EXPECT_FALSE(
         util_.StoreCertificates(false, first.certPem, pki().issuing.certPem(), second.blob, "{A}"));
     ASSERT_EQ(named(kClientCertFriendlyName).size(), 1u);
-    EXPECT_EQ(x509ToPem(named(kClientCertFriendlyName)[0].cert.get()), second.certPem);
+    EXPECT_EQ(x509ToPem(x509Of(named(kClientCertFriendlyName)[0])), second.certPem);
 
     const Paired pending = pair("agent-1", "{PENDING}", true);
     ASSERT_EQ(named(kPendingClientCertFriendlyName).size(), 1u);
@@ -141,7 +141,7 @@ TEST_F(CertificateUtilTest, ReplacementLeavesOneCurrentCertificateAndDropsTheOld
     ASSERT_TRUE(util_.ActivatePendingCertificate());
     const auto now = named(kClientCertFriendlyName);
     ASSERT_EQ(now.size(), 1u);
-    EXPECT_EQ(x509ToPem(now[0].cert.get()), pending.certPem);
+    EXPECT_EQ(x509ToPem(x509Of(now[0])), pending.certPem);
     EXPECT_EQ(now[0].keyContainer, "{PENDING}");
     EXPECT_TRUE(named(kPendingClientCertFriendlyName).empty());
     EXPECT_FALSE(store_->KeyExists("{B}"));
@@ -179,7 +179,7 @@ TEST_F(CertificateUtilTest, ChainOfTheStoredCertificateAndItsExpiry) {
     auto old =
         pki().issuing.issueClient("old", Validity{std::chrono::hours(-48), std::chrono::hours(24)});
     SimpleChain expired;
-    expired.elements.push_back(ChainElement{CertContext(shareX509(old.cert.get())), 0, 0});
+    expired.elements.push_back(ChainElement{CertContext(shareCertificate(old.cert.get())), 0, 0});
     chain->simpleChains.push_back(expired);
     EXPECT_FALSE(util_.WillCertChainExpire(chain.get(), now));
     std::swap(chain->simpleChains.front(), chain->simpleChains.back());

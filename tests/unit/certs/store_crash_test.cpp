@@ -72,7 +72,7 @@ protected:
         OpenSslCertStore fresh(options);
         Snapshot s;
         for (const auto& c : fresh.EnumerateCertificates(fresh.OpenCertificateStore("My"))) {
-            s.certificates.emplace(c.friendlyName, thumbprintOf(c.cert.get()));
+            s.certificates.emplace(c.friendlyName, thumbprintOf(x509Of(c)));
         }
         for (const char* container : {"{CUR}", "{PEND}", "{NEW}"}) {
             s.keys[container] = fresh.KeyExists(container);

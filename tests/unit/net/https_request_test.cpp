@@ -11,6 +11,7 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <thread>
 
 namespace ndpx::net {
 namespace {
@@ -378,6 +379,57 @@ TEST(HttpsRequestTime, BudgetIsSharedOutAndEnforcedAndCancelIsPrompt) {
     request.reset();
     EXPECT_LT(Clock::now() - start, 500ms);
     EXPECT_EQ(done.calls, 0);
+}
+
+// At shutdown a caller cancels a synchronous request that another thread is
+// waiting in: the waiting thread gets its answer at once.
+TEST(HttpsRequestTime, CancelEndsASynchronousRequestRunningOnAnotherThread) {
+    LogCapture log;
+    TestServer server = serverFor(pki().leaf, [&](const httplib::Request&, httplib::Response& res) {
+        server.holdUntilReleased();
+        res.set_content("late", "application/json");
+    });
+    auto request = makeRequest();
+    request->setTimeout(10);  // a cancel that misses still ends within seconds
+    std::atomic<bool> ok{true};
+    std::string response = "untouched";
+    std::thread caller(
+        [&] { ok = request->postSync(ContentType::Json, server.url("/otp"), "{}", response); });
+    const bool arrived = server.waitForRequests(1);
+    const auto start = Clock::now();
+    request->cancelRequest();
+    const auto cancelTook = Clock::now() - start;
+    caller.join();
+    const auto answerTook = Clock::now() - start;
+    server.release();
+
+    ASSERT_TRUE(arrived);
+    EXPECT_LT(cancelTook, 500ms);
+    EXPECT_LT(answerTook, 500ms);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(response, "");
+    EXPECT_TRUE(log.contains("cancelRequest(): The request was cancelled"));
+    EXPECT_FALSE(log.contains("cancelRequest(): Failed to wait for cancel event"));
+}
+
+// The completion callback may release the last owner of the request; the
+// object goes at once and its completion thread is still joined.
+TEST(HttpsRequestTime, ACallbackMayReleaseTheLastOwner) {
+    TestServer server = serverFor(pki().leaf, test::answer(200, "ok"));
+    for (int round = 0; round < 3; ++round) {
+        Completions done;
+        auto request = makeRequest();
+        auto* raw = request.get();
+        auto report = done.callback();
+        ASSERT_TRUE(raw->getAsync(server.url(), [&, owner = std::move(request)](
+                                                    HttpRequest* r, std::string body) mutable {
+            report(r, std::move(body));
+            owner.reset();  // the object is destroyed on its own completion thread
+        }));
+        ASSERT_TRUE(done.wait());
+        EXPECT_EQ(done.body, "ok");
+    }
+    EXPECT_EQ(server.requests(), 3);
 }
 
 // --- Completion rules, bodies, query and headers ---

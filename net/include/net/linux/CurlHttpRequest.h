@@ -11,12 +11,13 @@
 // found nor fetched fails a revocation check as "status unknown".
 //
 // Each asynchronous request runs on a thread owned by the object; the
-// synchronous forms run on the caller's thread. Redirects are not followed
-// (a 3xx answer is reported as such). Proxy choice for each request: an
-// explicit proxy without PAC URL; else the PAC script's answer (explicit PAC
-// URL, then the user's auto-configuration URL) when it names a proxy; else
-// the explicit proxy; else the user's proxy (the environment); else direct.
-// HTTPS proxies are not used.
+// synchronous forms run on the caller's thread. cancelRequest(), called from
+// any thread, ends a running request of either form promptly. Redirects are
+// not followed (a 3xx answer is reported as such). Proxy choice for each
+// request: an explicit proxy without PAC URL; else the PAC script's answer
+// (explicit PAC URL, then the user's auto-configuration URL) when it names a
+// proxy; else the explicit proxy; else the user's proxy (the environment);
+// else direct. HTTPS proxies are not used.
 
 #include "certs/CertUtilityInterface.h"
 #include "certs/linux/OpenSslCertStore.h"
@@ -25,18 +26,20 @@
 #include "net/ProxyConfig.h"
 
 #include <curl/curl.h>
+#include <mfw/corelock.h>
 #include <openssl/x509.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace ndpx::net {
+
+struct ParsedUrl;
 
 class CurlHttpRequest final : public HttpRequest {
 public:
@@ -116,15 +119,40 @@ public:
 
 private:
     struct Transfer;
+    struct Query;
     enum class State { Idle, Running, Completing };
     // Survives the object, so a completion thread that outlives it (the
-    // callback released the last owner) can still finish safely.
+    // callback released the last owner) can still finish safely. Its mutex
+    // guards the object's state as well.
     struct Shared {
-        std::mutex mutex;
+        CORE::Mutex mutex;
         std::condition_variable changed;
-        State state = State::Idle;
-        std::uint64_t generation = 0;
-        std::thread::id completingThread;
+        State state MFW_GUARDED_BY(mutex) = State::Idle;
+        std::uint64_t generation MFW_GUARDED_BY(mutex) = 0;
+        std::thread::id completingThread MFW_GUARDED_BY(mutex);
+    };
+    // What the setters configure; each request starts from a copy.
+    struct Config {
+        std::shared_ptr<ProxyConfig> userProxy;
+        std::string proxyServer;
+        std::string proxyBypass;
+        std::string proxyUser;
+        std::string proxyPassword;
+        std::string pacUrl;
+        std::string requestBody;
+        std::string uploadFilePath;
+        HeaderMap headers;
+        HeaderMap queryParams;
+        std::vector<std::string> additionalPems;
+        PacLimits pacLimits;
+        bool ignoreAllCertErrors = false;
+        bool ignoreNameMismatch = false;
+        bool checkRevocation = false;
+        std::string pinnedThumbprint;
+        std::uint32_t timeoutMs = kDefaultTimeoutMs;
+        std::uint64_t maxRequestSize = kDefaultMaxRequestSize;
+        std::uint64_t uploadChunkSize = kDefaultUploadChunkSize;
+        std::uint64_t maxResponseSize = kDefaultMaxResponseSize;
     };
     struct Outcome {
         bool cancelled = false;
@@ -134,16 +162,25 @@ private:
     };
 
     // Sets the content type (None leaves the header as it is) and the body.
-    void stageBody(ContentType type, std::string body, std::string filePath);
-    bool performAsync(HttpMethod method, const std::string& url, Callback callback);
+    void stageBody(ContentType type, std::string body, std::string filePath)
+        MFW_EXCLUDES(shared_->mutex);
+    bool performAsync(HttpMethod method, const std::string& url, Callback callback)
+        MFW_EXCLUDES(shared_->mutex);
     bool performSync(HttpMethod method, const std::string& url, const std::string& body,
-                     std::string& response);
-    std::unique_ptr<Transfer> prepare(HttpMethod method, const std::string& url);
-    bool setUpTransfer(Transfer& t);
-    Outcome run(Transfer& t, bool async);
-    std::string getProxyURL(Transfer& t);
-    void logRequestError(const Transfer& t, CURLcode rc);
-    void joinWorkers(bool all);
+                     std::string& response) MFW_EXCLUDES(shared_->mutex);
+    // A transfer ready to run, with the object marked as running it; null
+    // (logged) when the request cannot start.
+    std::unique_ptr<Transfer> prepare(HttpMethod method, const std::string& url)
+        MFW_EXCLUDES(shared_->mutex);
+    bool busy() const MFW_REQUIRES(shared_->mutex);
+    // Everything but the object's state; `query` is set once it is built.
+    std::unique_ptr<Transfer> makeTransfer(HttpMethod method, const std::string& url,
+                                           const ParsedUrl& parsed, Config config, Query& query);
+    static bool setUpTransfer(Transfer& t);
+    Outcome run(Transfer& t, bool async) MFW_EXCLUDES(shared_->mutex);
+    static std::string getProxyURL(Transfer& t);
+    static void logRequestError(const Transfer& t, CURLcode rc);
+    void joinWorkers(bool all) MFW_EXCLUDES(shared_->mutex);
     static Timeouts computeTimeouts(std::uint32_t totalMs);
 
     // Server checks, in the TLS handshake.
@@ -152,51 +189,29 @@ private:
     static std::size_t readCallback(char* buffer, std::size_t size, std::size_t count, void* user);
     static std::size_t writeCallback(char* data, std::size_t size, std::size_t count, void* user);
     static std::size_t headerCallback(char* data, std::size_t size, std::size_t count, void* user);
-    bool verifyServer(Transfer& t, X509_STORE_CTX* ctx);
-    bool SendingRequest(Transfer& t, const certs::CertContext& server);
-    bool checkAsPlatform(Transfer& t, const certs::CertContext& server);
+    bool verifyServer(Transfer& t, X509_STORE_CTX* ctx) MFW_EXCLUDES(shared_->mutex);
+    bool SendingRequest(Transfer& t, const certs::CertContext& server) MFW_EXCLUDES(shared_->mutex);
+    static bool checkAsPlatform(Transfer& t, const certs::CertContext& server);
 
-    std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
-    std::mutex& mutex_ = shared_->mutex;  // guards every member below
-
-    // Configuration.
+    const std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
     const std::shared_ptr<certs::CertUtilityInterface> machineStore_;
-    std::string proxyServer_;
-    std::string proxyBypass_;
-    std::string proxyUser_;
-    std::string proxyPassword_;
-    std::string pacUrl_;
-    std::string requestBody_;
-    std::string uploadFilePath_;
-    HeaderMap headers_;
-    HeaderMap queryParams_;
-    std::string queryString_;
-    std::vector<std::string> additionalPems_;
-    std::shared_ptr<ProxyConfig> userProxy_;
-    PacLimits pacLimits_;
-    bool ignoreAllCertErrors_ = false;
-    bool ignoreNameMismatch_ = false;
-    bool checkRevocation_ = false;
-    bool chainVerified_ = false;
-    std::string pinnedThumbprint_;
-    std::uint32_t timeoutMs_ = kDefaultTimeoutMs;
-    std::uint64_t maxRequestSize_ = kDefaultMaxRequestSize;
-    std::uint64_t uploadChunkSize_ = kDefaultUploadChunkSize;
-    std::uint64_t maxResponseSize_ = kDefaultMaxResponseSize;
+    Config config_ MFW_GUARDED_BY(shared_->mutex);
 
     // The current (or last) request.
-    std::uint32_t statusCode_ = 0;
-    std::string responseHeaders_;
-    std::string responseBody_;
-    bool requestComplete_ = false;
-    std::string lastProxy_;
-    CURLcode transportError_ = CURLE_OK;
-    std::shared_ptr<CancelToken> cancel_;
+    std::string queryString_ MFW_GUARDED_BY(shared_->mutex);
+    bool chainVerified_ MFW_GUARDED_BY(shared_->mutex) = false;
+    std::uint32_t statusCode_ MFW_GUARDED_BY(shared_->mutex) = 0;
+    std::string responseHeaders_ MFW_GUARDED_BY(shared_->mutex);
+    std::string responseBody_ MFW_GUARDED_BY(shared_->mutex);
+    bool requestComplete_ MFW_GUARDED_BY(shared_->mutex) = false;
+    std::string lastProxy_ MFW_GUARDED_BY(shared_->mutex);
+    CURLcode transportError_ MFW_GUARDED_BY(shared_->mutex) = CURLE_OK;
+    std::shared_ptr<CancelToken> cancel_ MFW_GUARDED_BY(shared_->mutex);
     std::atomic<std::uint64_t> uploadChunks_{0};
 
     // Completion threads: the current one and earlier ones not yet joined.
-    std::thread worker_;
-    std::vector<std::thread> retired_;
+    std::thread worker_ MFW_GUARDED_BY(shared_->mutex);
+    std::vector<std::thread> retired_ MFW_GUARDED_BY(shared_->mutex);
 };
 
 // Requests checked against the given certificate store.
