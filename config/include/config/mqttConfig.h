@@ -81,6 +81,9 @@ public:
 
     bool composerAgentDetected() const { return composerAgentDetected_; }
 
+    // Readers (config/mqttConfigReaders.cpp); the table of defaults and
+    // ranges is in config/mqttConfigDefaults.cpp.
+
     // Integer settings (range-checked).
     int getAsyncSessionSeconds();
     int getCertMonitorIntervalHours();
@@ -159,7 +162,8 @@ public:
     std::string getMonitoringEndpoint();
     static bool isFipsMode();
 
-    // Writers: straight to the store, not through the settings list.
+    // Writers (config/mqttConfigWriters.cpp): straight to the store, not
+    // through the settings list.
     void setEdgeId(const std::string& v);
     void setEdgeIdPend(const std::string& v);
     void setAgentIdentity(const std::string& v);
