@@ -11,7 +11,6 @@
 #include <mfw/registry.h>
 
 #include <cstdint>
-#include <cwchar>
 
 namespace ndpx {
 namespace {
@@ -22,11 +21,32 @@ int g_users = 0;
 
 }  // namespace
 
-std::int64_t settings::parseDecimal(const std::wstring& text) {
-    return static_cast<std::int64_t>(std::wcstoll(text.c_str(), nullptr, 10));
+std::optional<std::int32_t> settings::parseInt32(std::wstring_view text) {
+    const bool negative = !text.empty() && text.front() == L'-';
+    if (!text.empty() && (negative || text.front() == L'+')) {
+        text.remove_prefix(1);
+    }
+    if (text.empty()) {
+        return std::nullopt;
+    }
+    constexpr std::int64_t kLimit = std::int64_t{1} << 31;
+    std::int64_t magnitude = 0;
+    for (const wchar_t c : text) {
+        if (c < L'0' || c > L'9') {
+            return std::nullopt;
+        }
+        magnitude = magnitude * 10 + (c - L'0');
+        if (magnitude > kLimit) {
+            return std::nullopt;
+        }
+    }
+    if (!negative && magnitude == kLimit) {
+        return std::nullopt;
+    }
+    return static_cast<std::int32_t>(negative ? -magnitude : magnitude);
 }
 
-bool settings::isTrue(const std::wstring& v) {
+bool settings::isTrue(std::wstring_view v) {
     return CORE::iequals(v, L"true") || v == L"1" || CORE::iequals(v, L"yes");
 }
 
@@ -115,17 +135,23 @@ int mqttConfig::getIntInRange(const std::wstring& name, int min, int max) {
                 CORE::toUtf8(name).c_str(), min);
         return min;
     }
-    const auto value = static_cast<std::int32_t>(settings::parseDecimal(entry->current));
+    // The default is ours, not range-checked ("notstarted" reads as 0).
+    const std::int32_t defaultValue = settings::parseInt32(entry->defaultText).value_or(0);
+    if (entry->current == entry->defaultText) {
+        return defaultValue;
+    }
+    // Text that is no 32-bit number is out of range, rather than cut down
+    // to some number that happens to be in range.
+    const std::optional<std::int32_t> value = settings::parseInt32(entry->current);
     // One unsigned comparison rejects values below min as well as above max.
-    const auto offset = static_cast<std::uint32_t>(static_cast<std::int64_t>(value) - min);
     const auto span = static_cast<std::uint32_t>(static_cast<std::int64_t>(max) - min);
-    if (offset <= span) {
-        return value;
+    if (value && static_cast<std::uint32_t>(static_cast<std::int64_t>(*value) - min) <= span) {
+        return *value;
     }
     MFW_LOG(CORE::kLogError,
             "mqttConfig::getIntInRange(): Registry setting %s out of range, returning default %s",
             CORE::toUtf8(name).c_str(), CORE::toUtf8(entry->defaultText).c_str());
-    return static_cast<std::int32_t>(settings::parseDecimal(entry->defaultText));
+    return defaultValue;
 }
 
 int mqttConfig::readInt(const wchar_t* name) {

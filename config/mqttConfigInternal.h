@@ -4,7 +4,8 @@
 #include "config/mqttConfig.h"
 
 #include <cstdint>
-#include <string>
+#include <optional>
+#include <string_view>
 
 namespace ndpx::settings {
 
@@ -12,9 +13,11 @@ namespace ndpx::settings {
 // such a name gets a row without range.
 const SettingDef& definition(const wchar_t* name);
 
-std::int64_t parseDecimal(const std::wstring& text);
+// A decimal integer: an optional sign and digits, nothing else, within the
+// signed 32-bit range.
+std::optional<std::int32_t> parseInt32(std::wstring_view text);
 
 // "true", "1" or "yes" in any case.
-bool isTrue(const std::wstring& text);
+bool isTrue(std::wstring_view text);
 
 }  // namespace ndpx::settings

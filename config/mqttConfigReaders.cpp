@@ -7,13 +7,11 @@
 #include <mfw/moduleLog.h>
 #include <mfw/registry.h>
 
-#include <cstdlib>
-
 namespace ndpx {
 namespace {
 
 using settings::isTrue;
-using settings::parseDecimal;
+using settings::parseInt32;
 
 // Where the clone composer reports how far it customised the machine.
 constexpr const char* kCustomizationStateValue = "CustomizationState";
@@ -87,15 +85,15 @@ int mqttConfig::getHubRequestTimeout() {
     if (text.empty()) {
         return kDefault;
     }
-    const std::int64_t value = parseDecimal(text);
-    if (value < kMin || value > kMax) {
+    const std::optional<std::int32_t> value = parseInt32(text);
+    if (!value || *value < kMin || *value > kMax) {
         MFW_LOG(CORE::kLogError,
                 "mqttConfig::getIntInRange(): Registry setting %s out of range, returning "
                 "default %d",
                 "mqtt_HubRequestTimeout", kDefault);
         return kDefault;
     }
-    return static_cast<int>(value);
+    return *value;
 }
 
 int mqttConfig::getStartupMaxCachedRetries() {
@@ -230,7 +228,7 @@ int mqttConfig::getCustomizationState() {
     if (!value) {
         return 0;
     }
-    return static_cast<int>(std::strtol(value->asText().c_str(), nullptr, 10));
+    return parseInt32(CORE::toWide(value->asText())).value_or(0);
 }
 
 bool mqttConfig::isCustomizationFinished() {
