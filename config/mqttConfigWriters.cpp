@@ -7,10 +7,36 @@
 #include <mfw/moduleLog.h>
 #include <mfw/registry.h>
 
+#include <algorithm>
+#include <iterator>
+#include <string_view>
+
 namespace ndpx {
 
+namespace {
+
+// Values that hold a secret: the one-time password, and the proxy addresses,
+// which may carry a user name and password.
+bool holdsSecret(std::string_view name) {
+    constexpr std::string_view kSecrets[] = {"mqtt_Otp", "HTTP Proxy Server",
+                                             "HTTP Proxy Auto Config URL"};
+    return std::find(std::begin(kSecrets), std::end(kSecrets), name) != std::end(kSecrets);
+}
+
+}  // namespace
+
 bool mqttConfig::writeString(const char* name, const std::string& value) {
-    return store().set(kNodeManagerKey, name, ndpx::platform::SettingValue::ofString(value));
+    const bool written =
+        store().set(kNodeManagerKey, name, ndpx::platform::SettingValue::ofString(value));
+    // The store's files must not keep an overwritten secret (a used password)
+    // beside the live value.
+    if (written && holdsSecret(name) && !store().scrub()) {
+        MFW_LOG(CORE::kLogWarning,
+                "mqttConfig::writeString(): Earlier values of %s may remain in the settings "
+                "store's files",
+                name);
+    }
+    return written;
 }
 
 void mqttConfig::setEdgeId(const std::string& v) {
