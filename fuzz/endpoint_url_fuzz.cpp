@@ -1,0 +1,50 @@
+// Broker endpoint URLs as the credential service or an endpoint change names
+// them: any text. An accepted URL reads back the same once rebuilt from its
+// parts, and the pairing data's own URL reader agrees with it.
+
+#include "certs/pairingConfig.h"
+#include "mqtt/EndpointUrl.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+[[noreturn]] void fail(const char* what, const std::string& url) {
+    std::fprintf(stderr, "invariant broken: %s: %s\n", what, url.c_str());
+    std::abort();
+}
+
+// The URL the parts describe; a host that would not read back bare (an IPv6
+// address, or one that itself begins with a bracket) goes in brackets.
+std::string rebuilt(const ndpx::EndpointUrl& parts) {
+    const bool bracket = parts.host.find(':') != std::string::npos || parts.host.front() == '[';
+    return parts.scheme + "://" + (bracket ? "[" + parts.host + "]" : parts.host) + ":" +
+           std::to_string(parts.port) + parts.path;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string url(reinterpret_cast<const char*>(data), size);
+    const auto parts = ndpx::parseEndpointUrl(url);
+    ndpx::EndpointParts stored;
+    const bool storedOk = ndpx::pairingConfig::parseEndpointUrl(url, stored);
+    if (!parts) {
+        return 0;
+    }
+    if (parts->host.empty() || parts->port < 1 || parts->port > 65535) {
+        fail("accepted without host or port", url);
+    }
+    const auto again = ndpx::parseEndpointUrl(rebuilt(*parts));
+    if (!again || again->scheme != parts->scheme || again->host != parts->host ||
+        again->port != parts->port || again->path != parts->path) {
+        fail("reads back differently", url);
+    }
+    if (!storedOk || stored.host != parts->host || std::stoi(stored.port) != parts->port) {
+        fail("the pairing data reads it differently", url);
+    }
+    return 0;
+}
