@@ -94,6 +94,17 @@ struct Secret {
     std::size_t valueEnd;
     bool quoted;    // the member sits in JSON text quoted inside a string
     bool isString;  // the value is a string (masked as one)
+
+    // Where the quote that closed a string value starts; nothing for other
+    // values and for a string cut off.
+    std::optional<std::size_t> closingQuote(std::string_view text) const {
+        const std::size_t width = quoted ? 2 : 1;
+        if (!isString || valueEnd - valueStart < 2 * width || text[valueEnd - 1] != '"' ||
+            (quoted && text[valueEnd - 2] != '\\')) {
+            return std::nullopt;
+        }
+        return valueEnd - width;
+    }
 };
 
 std::optional<Secret> secretAt(std::string_view text, std::size_t pos, bool quoted) {
@@ -172,6 +183,9 @@ private:
 std::string logSafePayload(std::string_view payload, std::size_t maxChars) {
     BoundedText out(maxChars);
     std::size_t pos = 0;
+    // A closing quote already shown as part of a mask, and the end of it.
+    std::optional<std::size_t> shownQuote;
+    std::size_t shownQuoteEnd = 0;
     while (pos < payload.size()) {
         if (const auto secret = secretAt(payload, pos)) {
             // The name as it stands, then the mask in place of the whole value.
@@ -185,6 +199,17 @@ std::string logSafePayload(std::string_view payload, std::size_t maxChars) {
                 break;
             }
             pos = secret->valueEnd;
+            // In text that is not well-formed the quote that closed the value
+            // may as well open the next member's name: look there again.
+            if (const auto quote = secret->closingQuote(payload)) {
+                shownQuote = quote;
+                shownQuoteEnd = pos;
+                pos = *quote;
+            }
+            continue;
+        }
+        if (pos == shownQuote) {
+            pos = shownQuoteEnd;
             continue;
         }
         if (!out.addByte(payload[pos])) {
