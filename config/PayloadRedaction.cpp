@@ -1,9 +1,12 @@
 // logSafePayload: a payload that did not parse, shown in a log line without
-// its secrets. Nothing here trusts the text to be JSON; every scan is bounded
-// by the input and moves forward only, so the cost is linear in what is shown.
+// its secrets. Nothing here trusts the text to be JSON. Text that is not
+// well-formed can be read in more than one way, so every place where a
+// redacted member could begin is looked at, also inside values already
+// masked, and the bytes of every value found are hidden.
 
 #include "config/Redaction.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace ndpx {
@@ -13,6 +16,11 @@ namespace {
 // redacted name, and the look-ahead for one stays short.
 constexpr std::size_t kLongestName = 64;
 
+// Steps allowed, per payload byte, for finding where masked values end.
+// Values nest, and overlap in text that is not well-formed; past this the
+// rest of the payload is hidden rather than scanned again and again.
+constexpr std::size_t kStepsPerByte = 8;
+
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }
@@ -20,18 +28,26 @@ bool isBlank(char c) {
 // Reads JSON text, either as it stands or as it sits quoted inside a JSON
 // string, where each quote and backslash carries one more backslash: peek()
 // gives the character the inner text has. Quoted text ends at the outer
-// string's own closing quote.
+// string's own closing quote. With a budget, each step spends one, and the
+// text ends when none is left.
 class Cursor {
 public:
     Cursor(std::string_view text, std::size_t pos, bool quoted)
         : text_(text), pos_(pos), quoted_(quoted) {}
 
-    bool atEnd() const { return pos_ >= text_.size() || (quoted_ && text_[pos_] == '"'); }
-    char peek() const {
-        return quoted_ && text_[pos_] == '\\' && pos_ + 1 < text_.size() ? text_[pos_ + 1]
-                                                                         : text_[pos_];
+    void spend(std::size_t& budget) { budget_ = &budget; }
+    bool exhausted() const { return budget_ != nullptr && *budget_ == 0; }
+
+    bool atEnd() const {
+        return pos_ >= text_.size() || (quoted_ && text_[pos_] == '"') || exhausted();
     }
-    void next() { pos_ += quoted_ && text_[pos_] == '\\' && pos_ + 1 < text_.size() ? 2 : 1; }
+    char peek() const { return escapePair() ? text_[pos_ + 1] : text_[pos_]; }
+    void next() {
+        pos_ += escapePair() ? 2 : 1;
+        if (budget_ != nullptr) {
+            --*budget_;
+        }
+    }
     std::size_t pos() const { return pos_; }
 
     void skipBlanks() {
@@ -53,9 +69,12 @@ public:
     }
 
 private:
+    bool escapePair() const { return quoted_ && text_[pos_] == '\\' && pos_ + 1 < text_.size(); }
+
     std::string_view text_;
     std::size_t pos_;
     bool quoted_;
+    std::size_t* budget_ = nullptr;
 };
 
 // Past one value: a string, an object or array with what it holds, or a bare
@@ -88,26 +107,15 @@ void skipValue(Cursor& c) {
     }
 }
 
-// A member with a redacted name whose quote opens at `pos`.
+// A member with a redacted name, and where its value lies.
 struct Secret {
     std::size_t valueStart;
     std::size_t valueEnd;
-    bool quoted;    // the member sits in JSON text quoted inside a string
-    bool isString;  // the value is a string (masked as one)
-
-    // Where the quote that closed a string value starts; nothing for other
-    // values and for a string cut off.
-    std::optional<std::size_t> closingQuote(std::string_view text) const {
-        const std::size_t width = quoted ? 2 : 1;
-        if (!isString || valueEnd - valueStart < 2 * width || text[valueEnd - 1] != '"' ||
-            (quoted && text[valueEnd - 2] != '\\')) {
-            return std::nullopt;
-        }
-        return valueEnd - width;
-    }
+    const char* mask;  // a string value is masked as a string
 };
 
-std::optional<Secret> secretAt(std::string_view text, std::size_t pos, bool quoted) {
+std::optional<Secret> secretAt(std::string_view text, std::size_t pos, bool quoted,
+                               std::size_t& budget) {
     Cursor c(text, pos, quoted);
     if (c.atEnd() || c.peek() != '"') {
         return std::nullopt;
@@ -131,21 +139,22 @@ std::optional<Secret> secretAt(std::string_view text, std::size_t pos, bool quot
     if (c.atEnd()) {
         return std::nullopt;  // nothing to hide
     }
-    Secret secret{c.pos(), 0, quoted, c.peek() == '"'};
+    const bool isString = c.peek() == '"';
+    Secret secret{c.pos(), 0, !isString ? "*****" : quoted ? R"(\"*****\")" : R"("*****")"};
+    c.spend(budget);
     skipValue(c);
-    secret.valueEnd = c.pos();
-    if (secret.valueEnd == secret.valueStart) {
-        return std::nullopt;
-    }
+    secret.valueEnd = c.exhausted() ? text.size() : c.pos();
     return secret;
 }
 
-std::optional<Secret> secretAt(std::string_view text, std::size_t pos) {
+// A redacted member whose name's opening quote is at `pos`, as the text
+// stands or quoted inside a string.
+std::optional<Secret> secretAt(std::string_view text, std::size_t pos, std::size_t& budget) {
     if (text[pos] == '"') {
-        return secretAt(text, pos, false);
+        return secretAt(text, pos, false, budget);
     }
     if (text[pos] == '\\' && pos + 1 < text.size() && text[pos + 1] == '"') {
-        return secretAt(text, pos, true);
+        return secretAt(text, pos, true, budget);
     }
     return std::nullopt;
 }
@@ -182,43 +191,34 @@ private:
 
 std::string logSafePayload(std::string_view payload, std::size_t maxChars) {
     BoundedText out(maxChars);
+    std::size_t budget = kStepsPerByte * payload.size();
+    std::size_t hiddenEnd = 0;  // the bytes before it belong to masked values
     std::size_t pos = 0;
-    // A closing quote already shown as part of a mask, and the end of it.
-    std::optional<std::size_t> shownQuote;
-    std::size_t shownQuoteEnd = 0;
-    while (pos < payload.size()) {
-        if (const auto secret = secretAt(payload, pos)) {
-            // The name as it stands, then the mask in place of the whole value.
-            while (pos < secret->valueStart && out.addByte(payload[pos])) {
-                ++pos;
+    while (pos < payload.size() && hiddenEnd < payload.size()) {
+        const bool hidden = pos < hiddenEnd;
+        if (const auto secret = secretAt(payload, pos, budget)) {
+            if (!hidden) {
+                // The name as it stands, then the mask in place of the value.
+                while (pos < secret->valueStart && out.addByte(payload[pos])) {
+                    ++pos;
+                }
+                if (pos < secret->valueStart || !out.add(secret->mask)) {
+                    break;
+                }
             }
-            const char* mask = !secret->isString ? "*****"
-                               : secret->quoted  ? R"(\"*****\")"
-                                                 : R"("*****")";
-            if (pos < secret->valueStart || !out.add(mask)) {
-                break;
-            }
-            pos = secret->valueEnd;
-            // In text that is not well-formed the quote that closed the value
-            // may as well open the next member's name: look there again.
-            if (const auto quote = secret->closingQuote(payload)) {
-                shownQuote = quote;
-                shownQuoteEnd = pos;
-                pos = *quote;
-            }
+            hiddenEnd = std::max(hiddenEnd, secret->valueEnd);
+            // The value is looked through too: where the text is not
+            // well-formed, a name may begin inside what was taken for it.
+            pos = secret->valueStart;
             continue;
         }
-        if (pos == shownQuote) {
-            pos = shownQuoteEnd;
-            continue;
-        }
-        if (!out.addByte(payload[pos])) {
+        if (!hidden && !out.addByte(payload[pos])) {
             break;
         }
         ++pos;
     }
     std::string text = out.take();
-    if (pos < payload.size()) {
+    if (pos < payload.size() && hiddenEnd < payload.size()) {
         text += "... (" + std::to_string(payload.size()) + " bytes)";
     }
     return text;

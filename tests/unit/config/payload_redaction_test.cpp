@@ -21,10 +21,13 @@ TEST(LogSafePayload, MasksSecretsOfAMessageCutOffInTransit) {
               R"({"msgType":"JOIN","username":"joiner","password":"*****", )"
               R"("auxiliaryPassword" : *****,"TOKEN":*****,"PASSWORD":*****,)"
               R"("note":"password","METADATA":"{\"otp\":\"*****\",\"n\":1}","otp":"*****")");
-    // In text that is not well-formed, the quote closing a secret may also
-    // open the next member's name.
-    EXPECT_EQ(logSafePayload(R"({"otp":"1"password":"2","x":"\"TICKET\":\"3\"TOKEN\":\"4\""})"),
-              R"({"otp":"*****""password":"*****","x":"\"TICKET\":\"*****\"\"TOKEN\":\"*****\""})");
+    // Text that is not well-formed reads more than one way: the quote that
+    // closes a secret may open the next name, and \\" may end a string or
+    // escape a quote. Every reading's secrets are hidden.
+    EXPECT_EQ(
+        logSafePayload(
+            R"({"otp":"1"password":"2","x":"\"TICKET\":\"3\"TOKEN\":\"4\"","y":"\"otp\":\"5\\"TOKEN\":\"6\""})"),
+        R"({"otp":"*****","x":"\"TICKET\":\"*****\"","y":"\"otp\":\"*****\""})");
     // Names match exactly, as in the redaction set.
     EXPECT_EQ(logSafePayload(R"({"Password":"shown")"), R"({"Password":"shown")");
 }
