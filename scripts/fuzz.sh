@@ -48,13 +48,15 @@ for target in "${targets[@]}"; do
   name=$(basename "$target")
   status=$(cat "$work/$name.status")
   echo "::: $name (exit $status)"
-  grep -E '^(stat::|Done )' "$work/$name.log" || true
+  grep -a -E '^(stat::|Done )' "$work/$name.log" || true
   if [[ "$status" != 0 ]]; then
     failed=1
-    report=$(grep -E -A12 '(==ERROR|runtime error|invariant broken|forbidden text|ALARM)' \
-      "$work/$name.log" | head -n 40 || true)
+    cp "$work/$name.log" "$artifacts/$name.log"
+    report=$(grep -a -E '(ERROR|runtime error|invariant broken|forbidden text|ALARM|SUMMARY)' \
+      "$work/$name.log" | head -n 20 || true)
     echo "${report:-$(tail -n 30 "$work/$name.log")}"
-    grep -E 'Test unit written to' "$work/$name.log" || true
+    grep -a -E 'Test unit written to' "$work/$name.log" || true
+    echo "full log: $artifacts/$name.log"
   fi
 done
 exit "$failed"
