@@ -2,6 +2,7 @@
 // HTTPS: any text. A parse that succeeds leaves an endpoint and both
 // certificates; one that fails leaves what was there.
 
+#include "FuzzCheck.h"
 #include "FuzzLog.h"
 #include "certs/pairingConfig.h"
 #include "config/mqttConfig.h"
@@ -9,8 +10,6 @@
 #include <platform/SettingsStore.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -22,10 +21,7 @@ std::shared_ptr<platform::SettingsStore> memoryStore() {
     std::string error;
     std::shared_ptr<platform::SettingsStore> store =
         platform::openSqliteSettingsStore(":memory:", error);
-    if (!store) {
-        std::fprintf(stderr, "%s\n", error.c_str());
-        std::abort();
-    }
+    fuzz::check(store != nullptr, "no store", error);
     return store;
 }
 
@@ -33,13 +29,6 @@ std::shared_ptr<platform::SettingsStore> memoryStore() {
 mqttConfig& config() {
     static mqttConfig instance(memoryStore());
     return instance;
-}
-
-void check(bool holds, const char* what) {
-    if (!holds) {
-        std::fprintf(stderr, "invariant broken: %s\n", what);
-        std::abort();
-    }
 }
 
 }  // namespace
@@ -55,6 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const CredentialsStatus status =
         pairing.InitCredentialsFromJSON(std::string(reinterpret_cast<const char*>(data), size));
     const bool parsed = status == CredentialsStatus::Success;
+    using fuzz::check;
     check(!pairing.endpointUrl().empty() == parsed, "endpoint set exactly on success");
     check(pairing.bootstrapTopic().empty() != parsed, "topic set exactly on success");
     check(pairing.caCert().empty() != parsed && pairing.clientCert().empty() != parsed,

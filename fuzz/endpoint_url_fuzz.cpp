@@ -2,20 +2,14 @@
 // them: any text. An accepted URL reads back the same once rebuilt from its
 // parts, and the pairing data's own URL reader agrees with it.
 
+#include "FuzzCheck.h"
 #include "certs/pairingConfig.h"
 #include "mqtt/EndpointUrl.h"
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
 namespace {
-
-[[noreturn]] void fail(const char* what, const std::string& url) {
-    std::fprintf(stderr, "invariant broken: %s: %s\n", what, url.c_str());
-    std::abort();
-}
 
 // The URL the parts describe; a host that would not read back bare (an IPv6
 // address, or one that itself begins with a bracket) goes in brackets.
@@ -36,15 +30,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     if (parts->host.empty() || parts->port < 1 || parts->port > 65535) {
-        fail("accepted without host or port", url);
+        ndpx::fuzz::fail("accepted without host or port", url);
     }
     const auto again = ndpx::parseEndpointUrl(rebuilt(*parts));
     if (!again || again->scheme != parts->scheme || again->host != parts->host ||
         again->port != parts->port || again->path != parts->path) {
-        fail("reads back differently", url);
+        ndpx::fuzz::fail("reads back differently", url);
     }
     if (!storedOk || stored.host != parts->host || std::stoi(stored.port) != parts->port) {
-        fail("the pairing data reads it differently", url);
+        ndpx::fuzz::fail("the pairing data reads it differently", url);
     }
     return 0;
 }

@@ -2,11 +2,10 @@
 // The line is printable ASCII within its bound, and a secret member planted
 // anywhere in the bytes (also in JSON quoted inside a string) never shows.
 
+#include "FuzzCheck.h"
 #include "config/Redaction.h"
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
@@ -20,12 +19,6 @@ constexpr std::string_view kMembers[] = {
     R"("certificate":{"pem":"s3cr3t-Vb7Qx2Lm9Tz"})",
 };
 
-[[noreturn]] void fail(const char* what, std::string_view input, const std::string& line) {
-    std::fprintf(stderr, "invariant broken: %s\n  input %.*s\n  line  %s\n", what,
-                 static_cast<int>(input.size()), input.data(), line.c_str());
-    std::abort();
-}
-
 void checkLine(std::string_view input, std::size_t bound) {
     const std::string line = ndpx::logSafePayload(input, bound);
     const std::string note = " bytes)";
@@ -34,14 +27,14 @@ void checkLine(std::string_view input, std::size_t bound) {
                      line.rfind("... (") != std::string::npos;
     for (const char c : line) {
         if (c < 0x20 || c > 0x7e) {
-            fail("a byte outside printable ASCII", input, line);
+            ndpx::fuzz::fail("a byte outside printable ASCII", line);
         }
     }
     if (line.size() > bound + (cut ? line.size() - line.rfind("... (") : 0)) {
-        fail("longer than its bound", input, line);
+        ndpx::fuzz::fail("longer than its bound", line);
     }
     if (line.find(kSecret) != std::string::npos) {
-        fail("the secret shows", input, line);
+        ndpx::fuzz::fail("the secret shows", line);
     }
 }
 

@@ -2,27 +2,18 @@
 // bytes, UTF-8 or UTF-16. What the parser accepts the store must take, each
 // operation in file order.
 
+#include "FuzzCheck.h"
 #include "regctl/RegFile.h"
 
 #include <platform/SettingsStore.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
-namespace {
-
-[[noreturn]] void fail(const char* what, const std::string& detail) {
-    std::fprintf(stderr, "invariant broken: %s: %s\n", what, detail.c_str());
-    std::abort();
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace ndpx;
+    using fuzz::fail;
     const std::string_view content(reinterpret_cast<const char*>(data), size);
     std::vector<regctl::RegOperation> operations;
     std::string error;
@@ -40,9 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         line = op.line;
     }
     auto store = platform::openSqliteSettingsStore(":memory:", error);
-    if (!store) {
-        fail("no store", error);
-    }
+    fuzz::check(store != nullptr, "no store", error);
     if (!regctl::applyRegOperations(*store, operations, error)) {
         fail("the store refused what the parser accepted", error);
     }

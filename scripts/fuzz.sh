@@ -52,7 +52,7 @@ for target in "${targets[@]}"; do
   if [[ "$status" != 0 ]]; then
     failed=1
     cp "$work/$name.log" "$artifacts/$name.log"
-    report=$(grep -a -E '(ERROR|runtime error|invariant broken|forbidden text|ALARM|SUMMARY)' \
+    report=$(grep -a -E '(ERROR|runtime error|invariant broken|ALARM|SUMMARY)' \
       "$work/$name.log" | head -n 20 || true)
     echo "${report:-$(tail -n 30 "$work/$name.log")}"
     grep -a -E 'Test unit written to' "$work/$name.log" || true
