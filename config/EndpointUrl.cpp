@@ -4,8 +4,31 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 
 namespace ndpx {
+namespace {
+
+bool isHostChar(unsigned char c) {
+    return std::isalnum(c) != 0 || c == '-' || c == '.' || c == '_';
+}
+
+// A name or IPv4 address; in brackets, an IPv6 address (with a zone).
+bool validHost(const std::string& host, bool bracketed) {
+    if (host.empty()) {
+        return false;
+    }
+    if (bracketed) {
+        return host.find(':') != std::string::npos &&
+               std::all_of(host.begin(), host.end(), [](unsigned char c) {
+                   return std::isxdigit(c) != 0 || c == ':' || c == '.' || c == '%' ||
+                          std::isalnum(c) != 0;
+               });
+    }
+    return std::all_of(host.begin(), host.end(), isHostChar);
+}
+
+}  // namespace
 
 std::optional<EndpointUrl> parseEndpointUrl(const std::string& url) {
     if (std::any_of(url.begin(), url.end(),
@@ -29,7 +52,8 @@ std::optional<EndpointUrl> parseEndpointUrl(const std::string& url) {
         authority.resize(slash);
     }
     std::string portText;
-    if (!authority.empty() && authority.front() == '[') {
+    const bool bracketed = !authority.empty() && authority.front() == '[';
+    if (bracketed) {
         const auto close = authority.find(']');
         if (close == std::string::npos || close + 1 >= authority.size() ||
             authority[close + 1] != ':') {
@@ -44,11 +68,9 @@ std::optional<EndpointUrl> parseEndpointUrl(const std::string& url) {
         }
         out.host = authority.substr(0, colon);
         portText = authority.substr(colon + 1);
-        if (out.host.find(':') != std::string::npos) {
-            return std::nullopt;  // an IPv6 address needs its brackets
-        }
     }
-    if (out.host.empty() || portText.empty() || portText.size() > 5 ||
+    // No user part, no stray brackets; an IPv6 address needs its brackets.
+    if (!validHost(out.host, bracketed) || portText.empty() || portText.size() > 5 ||
         !std::all_of(portText.begin(), portText.end(),
                      [](unsigned char c) { return c >= '0' && c <= '9'; })) {
         return std::nullopt;

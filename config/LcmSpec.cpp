@@ -2,7 +2,6 @@
 // the settings store, how the agent identity is formed from them, and the
 // clean-up of the values that pairing uses only once.
 
-#include "config/JsonUtil.h"
 #include "config/MqttManagerUtil.h"
 #include "config/mqttConfig.h"
 
@@ -10,8 +9,6 @@
 #include <mfw/moduleLog.h>
 #include <platform/Paths.h>
 #include <platform/SecureFile.h>
-
-#include <json/value.h>
 
 #include <cstddef>
 #include <string>
@@ -201,122 +198,29 @@ bool mqttConfig::ReadLCMSpecFromRegistry() {
 }
 
 bool mqttConfig::InitLCMSpecFromJSON(const std::string& text) {
-    Json::Value spec;
-    // A document that is not an object carries none of the members: treat it
-    // as unparsable rather than as a list of missing fields.
-    if (!MqttManagerUtil::parseJson(text, spec) || !spec.isObject()) {
-        MFW_LOG(CORE::kLogError,
-                "mqttConfig::InitLCMSpecFromJSON(): Failed to parse LCM Spec file");
+    const std::optional<LcmSpec> spec = ParseLCMSpec(text);
+    if (!spec) {
         return false;
     }
-
-    std::string name;
-    if (!JsonUtil::GetStringProperty(spec, "name", name)) {
-        MFW_LOG(CORE::kLogWarning, "mqttConfig::InitLCMSpecFromJSON(): Agent name is empty.");
+    if (!spec->monitoringEndpoint.empty()) {
+        setMonitoringEndpoint(spec->monitoringEndpoint);
     }
-    std::string shortTemplateId;
-    if (!JsonUtil::GetStringProperty(spec, "shortTemplateId", shortTemplateId)) {
-        MFW_LOG(CORE::kLogError,
-                "mqttConfig::InitLCMSpecFromJSON(): Agent shortTemplateId is empty.");
-        return false;
+    // Only what the LCM spec gives replaces the stored proxy settings.
+    for (const auto& [setting, value] : spec->proxySettings) {
+        writeString(setting, value);
     }
-    std::string vmId;
-    if (!JsonUtil::GetStringProperty(spec, "vmId", vmId)) {
-        MFW_LOG(CORE::kLogError, "mqttConfig::InitLCMSpecFromJSON(): Agent VM ID is empty.");
-        return false;
-    }
-    if (!spec.isMember("edgeGateway")) {
-        MFW_LOG(CORE::kLogInfo,
-                "mqttConfig::InitLCMSpecFromJSON(): Unable to find edge bootstrap information");
-        return false;
-    }
-    const Json::Value& edgeGateway = spec["edgeGateway"];
-    std::string edgeId;
-    if (!JsonUtil::GetStringProperty(edgeGateway, "id", edgeId)) {
-        MFW_LOG(CORE::kLogError,
-                "mqttConfig::InitLCMSpecFromJSON(): Unable to find edge id bootstrap information");
-        return false;
-    }
-
-    const std::string agentId = makeAgentIdentity(edgeId, shortTemplateId, vmId);
-    MFW_LOG(CORE::kLogInfo, "mqttConfig::InitLCMSpecFromJSON(): Agent ID: %s", agentId.c_str());
-    const std::string shortAgentId = makeShortAgentIdentity(shortTemplateId, vmId);
-    MFW_LOG(CORE::kLogInfo, "mqttConfig::InitLCMSpecFromJSON(): Monitoring short Agent ID: %s",
-            shortAgentId.c_str());
-
-    if (!spec.isMember("nexHub")) {
-        MFW_LOG(CORE::kLogError,
-                "mqttConfig::InitLCMSpecFromJSON(): Could not find nexHub property in JSON");
-        return false;
-    }
-    const Json::Value& nexHub = spec["nexHub"];
-    if (!nexHub.isObject()) {
-        // The text names vmId; operators' searches rely on it as it is.
-        MFW_LOG(CORE::kLogError,
-                "mqttConfig::InitLCMSpecFromJSON(): Could not find vmId property in JSON");
-        return false;
-    }
-    std::string url;
-    if (!JsonUtil::GetStringProperty(nexHub, "url", url)) {
-        MFW_LOG(CORE::kLogError, "mqttConfig::InitLCMSpecFromJSON(): url is empty.");
-        return false;
-    }
-    std::string otp;  // redacted by name when the reader logs it
-    if (!JsonUtil::GetStringProperty(nexHub, "oneTimePassword", otp)) {
-        MFW_LOG(CORE::kLogError, "mqttConfig::InitLCMSpecFromJSON(): OTP is empty.");
-        return false;
-    }
-
-    if (std::string endpoint; GetMonitoringBootstrap(edgeGateway, endpoint)) {
-        setMonitoringEndpoint(endpoint);
-    }
-
-    if (spec.isMember("proxyInfo")) {
-        const Json::Value& proxy = spec["proxyInfo"];
-        // Only what the LCM spec gives replaces the stored proxy settings.
-        static const std::pair<const char*, const char*> kProxyValues[] = {
-            {"server", "HTTP Proxy Server"},
-            {"bypass", "HTTP Proxy Bypass"},
-            {"autoConfig", "HTTP Proxy Auto Config URL"},
-        };
-        for (const auto& [member, value] : kProxyValues) {
-            if (std::string setting; JsonUtil::GetStringProperty(proxy, member, setting)) {
-                writeString(value, setting);
-            }
-        }
-    }
-
     // A false flag writes nothing, so an earlier "true" stays.
-    if (bool skip = false; JsonUtil::GetBooleanProperty(spec, "skipDomainJoin", skip) && skip) {
+    if (spec->skipDomainJoin) {
         writeString("mqtt_SkipDomainJoin", "true");
     }
-
-    writeString("mqtt_Name", name);
-    setShortTemplateIdPend(shortTemplateId);
-    setVmIdPend(vmId);
-    setEdgeIdPend(edgeId);
-    setAgentIdentityPend(agentId);
-    writeString("mqtt_ShortAgentIdentity", shortAgentId);
-    setOtpUrl(url);
-    setOtp(otp);
-    return true;
-}
-
-bool mqttConfig::GetMonitoringBootstrap(const Json::Value& edgeGateway, std::string& endpoint) {
-    endpoint.clear();
-    std::string port;
-    std::string fqdn;
-    std::string managementIp;
-    JsonUtil::GetStringProperty(edgeGateway, "port", port);
-    JsonUtil::GetStringProperty(edgeGateway, "fqdn", fqdn);
-    JsonUtil::GetStringProperty(edgeGateway, "managementIp", managementIp);
-    const std::string& host = fqdn.empty() ? managementIp : fqdn;
-    if (host.empty()) {
-        MFW_LOG(CORE::kLogError,
-                "mqttConfig::GetMonitoringBootstrap(): LmMon bootstrap information not found");
-        return false;
-    }
-    endpoint = port.empty() ? host : host + ":" + port;
+    writeString("mqtt_Name", spec->name);
+    setShortTemplateIdPend(spec->shortTemplateId);
+    setVmIdPend(spec->vmId);
+    setEdgeIdPend(spec->edgeId);
+    setAgentIdentityPend(spec->agentIdentity);
+    writeString("mqtt_ShortAgentIdentity", spec->shortAgentIdentity);
+    setOtpUrl(spec->otpUrl);
+    setOtp(spec->otp);
     return true;
 }
 

@@ -1,5 +1,7 @@
 #include "MetricsFile.h"
 
+#include <platform/Paths.h>
+
 #include <json/reader.h>
 #include <json/writer.h>
 
@@ -31,8 +33,18 @@ void MetricsFile::writeLockHeld() {
             Json::parseFromStream(builder, in, &parsed, &errors) ? parsed : Json::Value(r.value);
         root[key] = entry;
     }
-    std::error_code ec;
-    std::filesystem::create_directories(file_.parent_path(), ec);
+    // Meant for the monitoring tools, which need not run as this process's
+    // user: readable by everyone, with folders everyone may pass, set
+    // explicitly because the host's umask keeps everything else private.
+    namespace fs = std::filesystem;
+    constexpr auto kFolderMode =
+        fs::perms::all & ~(fs::perms::group_write | fs::perms::others_write);
+    constexpr auto kFileMode = fs::perms::owner_read | fs::perms::owner_write |
+                               fs::perms::group_read | fs::perms::others_read;
+    std::string error;
+    if (!platform::paths::createDirectories(file_.parent_path(), kFolderMode, error)) {
+        return;
+    }
     // Written aside and renamed, so a reader never sees half a file.
     const auto tmp = file_.string() + ".tmp";
     {
@@ -40,7 +52,9 @@ void MetricsFile::writeLockHeld() {
         Json::StreamWriterBuilder writer;
         out << Json::writeString(writer, root) << '\n';
     }
-    std::filesystem::rename(tmp, file_, ec);
+    std::error_code ec;
+    fs::permissions(tmp, kFileMode, ec);
+    fs::rename(tmp, file_, ec);
 }
 
 bool MetricsCollector::TimerCallback() {

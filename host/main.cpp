@@ -16,6 +16,7 @@
 #include <CLI/CLI.hpp>
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -25,6 +26,11 @@ constexpr const char* kSource = "agenthost";
 }
 
 int main(int argc, char** argv) {
+    // Before any thread or file exists: whatever this process creates (the
+    // client library's persistence files among them) is its own unless a
+    // file is meant for others and says so with a mode of its own.
+    ::umask(077);
+
     CLI::App app{"agenthost: runs agent plug-in modules"};
     std::string root = std::getenv("NDPX_ROOT") != nullptr ? std::getenv("NDPX_ROOT") : "/";
     std::vector<std::string> plugins;

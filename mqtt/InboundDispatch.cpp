@@ -4,6 +4,7 @@
 #include "config/JsonUtil.h"
 #include "config/MqttManagerUtil.h"
 #include "config/RedactWriter.h"
+#include "config/Redaction.h"
 #include "mqtt/MqttManager.h"
 
 #include <mfw/MessageFrameWork.h>
@@ -22,8 +23,10 @@ void MqttManager::OnMessage(const std::string& topic, const std::string& payload
     const SubscribeTopics topics = subscribeTopics();
     Json::Value root;
     if (!MqttManagerUtil::parseJson(payload, root)) {
+        // Masked, escaped and bounded: a malformed template may hold a
+        // password, and a garbage message may be megabytes long.
         MFW_LOG(CORE::kLogError, "MqttManager::OnMessage(): Failed to parse incoming message: %s.",
-                payload.c_str());
+                logSafePayload(payload).c_str());
         if (topic == topics.dtemplate) {
             Json::Value status;
             BuildStatusMessage(status, "TEMPLATE_PARSE_ERROR", 0, {});

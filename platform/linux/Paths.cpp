@@ -68,6 +68,12 @@ std::filesystem::path runDir() {
 }
 
 bool createSecureDirectories(const std::filesystem::path& dir, std::string& error) {
+    return createDirectories(dir, std::filesystem::perms::owner_all, error);
+}
+
+bool createDirectories(const std::filesystem::path& dir, std::filesystem::perms mode,
+                       std::string& error) {
+    const auto bits = static_cast<mode_t>(mode);
     if (dir.empty()) {
         error = "empty directory path";
         return false;
@@ -78,9 +84,9 @@ bool createSecureDirectories(const std::filesystem::path& dir, std::string& erro
         if (part.empty() || part == "." || part == "..") {
             continue;
         }
-        if (::mkdir(current.c_str(), 0700) == 0) {
-            // The umask may have taken bits away; the mode must be exactly 0700.
-            if (::chmod(current.c_str(), 0700) != 0) {
+        if (::mkdir(current.c_str(), bits) == 0) {
+            // The umask may have taken bits away; the mode must be exact.
+            if (::chmod(current.c_str(), bits) != 0) {
                 error = "cannot set the mode of " + current.string() + ": " + std::strerror(errno);
                 return false;
             }

@@ -133,6 +133,7 @@ public:
             {&listKeys_, "SELECT path FROM keys"},
             {&listSubtreeKeys_, "SELECT path FROM keys WHERE " + subtreeKeys},
             {&dataVersion_, "PRAGMA data_version"},
+            {&checkpoint_, "PRAGMA wal_checkpoint(TRUNCATE)"},
             {&begin_, "BEGIN IMMEDIATE"},
             {&commit_, "COMMIT"},
             {&rollback_, "ROLLBACK"},
@@ -299,6 +300,15 @@ public:
         return names;
     }
 
+    bool scrub() override {
+        std::lock_guard lock(mutex_);
+        // Copies the log's pages into the database file, where secure_delete
+        // has already zeroed freed space, and truncates the log to nothing:
+        // its frames would otherwise keep old page images until overwritten.
+        StmtUse q(checkpoint_.get());
+        return sqlite3_step(q.get()) == SQLITE_ROW && sqlite3_column_int(q.get(), 0) == 0;
+    }
+
     std::uint64_t changeCounter() override {
         std::lock_guard lock(mutex_);
         StmtUse q(dataVersion_.get());
@@ -377,7 +387,8 @@ private:
     // The connection outlives the statements declared after it.
     DbPtr db_;
     StmtPtr get_, insertKey_, upsert_, removeValue_, removeTreeVals_, removeTreeKeys_, keyExists_,
-        listValues_, listKeys_, listSubtreeKeys_, dataVersion_, begin_, commit_, rollback_;
+        listValues_, listKeys_, listSubtreeKeys_, dataVersion_, checkpoint_, begin_, commit_,
+        rollback_;
 };
 
 }  // namespace

@@ -3,11 +3,14 @@
 
 #include "support/Process.h"
 #include "support/TempDir.h"
+#include "support/WaitUntil.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 namespace ndpx::test {
@@ -126,6 +129,30 @@ TEST_F(AgentHostTest, StateIsPublishedAsAMetric) {
     EXPECT_NE(text.str().find("\"MQTTMetrics\""), std::string::npos) << text.str();
     EXPECT_NE(text.str().find("MQTT_STATE_"), std::string::npos) << text.str();
     stopHost(*host);
+}
+
+TEST_F(AgentHostTest, WhatTheHostCreatesIsTheOwnersAloneButTheMetricsFile) {
+    namespace fs = std::filesystem;
+    const fs::path root = root_.path();
+    auto host = startHost();
+    ASSERT_TRUE(host->waitForLine("Sent data to LmMonService. Key: MQTTMetrics"));
+    // The folder the registration thread watches for provisioning data.
+    ASSERT_TRUE(waitUntil([&] { return fs::exists(root / "AzureData"); }));
+    stopHost(*host);
+
+    // Monitoring tools read the metrics file, through the folders above it.
+    const std::map<fs::path, unsigned> forOthers = {
+        {root / "run", 0755},
+        {root / "run/Brasswick", 0755},
+        {root / "run/Brasswick/metrics.json", 0644},
+    };
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        const auto mode = static_cast<unsigned>(entry.symlink_status().permissions());
+        const auto it = forOthers.find(entry.path());
+        const unsigned expected = it != forOthers.end() ? it->second : mode & 0700;
+        EXPECT_EQ(mode, expected) << entry.path() << " has mode " << std::oct << mode;
+    }
+    EXPECT_TRUE(fs::exists(root / "var/lib/Brasswick/registry.sqlite"));
 }
 
 }  // namespace

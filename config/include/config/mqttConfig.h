@@ -10,7 +10,10 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Json {
@@ -80,6 +83,9 @@ public:
     void setLiveChangeHandlers(LiveChangeHandlers handlers);
 
     bool composerAgentDetected() const { return composerAgentDetected_; }
+
+    // Readers (config/mqttConfigReaders.cpp); the table of defaults and
+    // ranges is in config/mqttConfigDefaults.cpp.
 
     // Integer settings (range-checked).
     int getAsyncSessionSeconds();
@@ -159,7 +165,8 @@ public:
     std::string getMonitoringEndpoint();
     static bool isFipsMode();
 
-    // Writers: straight to the store, not through the settings list.
+    // Writers (config/mqttConfigWriters.cpp): straight to the store, not
+    // through the settings list.
     void setEdgeId(const std::string& v);
     void setEdgeIdPend(const std::string& v);
     void setAgentIdentity(const std::string& v);
@@ -213,6 +220,26 @@ public:
     bool ReadLCMSpecFromRegistry();
     // Parses one spec and writes its values (identity as pending values).
     bool InitLCMSpecFromJSON(const std::string& text);
+
+    // An LCM spec's values, checked but not yet stored.
+    struct LcmSpec {
+        std::string name;  // may be empty
+        std::string shortTemplateId;
+        std::string vmId;
+        std::string edgeId;
+        std::string agentIdentity;
+        std::string shortAgentIdentity;
+        std::string otpUrl;
+        std::string otp;                 // a secret: never logged
+        std::string monitoringEndpoint;  // empty when no host is given
+        // The proxy settings given, by setting name.
+        std::vector<std::pair<const char*, std::string>> proxySettings;
+        bool skipDomainJoin = false;
+    };
+    // Parses and checks one spec, logging as InitLCMSpecFromJSON does, and
+    // touches no store (config/LcmSpecParse.cpp). Nothing when the text is no
+    // spec or lacks a required value.
+    static std::optional<LcmSpec> ParseLCMSpec(std::string_view text);
     // Is the active identity complete (derives a missing edge id first)?
     bool EnsureLCMSpecInRegistry();
     // Derives "mqtt_EdgeId" for installations paired before it existed.

@@ -19,8 +19,12 @@ std::filesystem::path settingsStoreFile();  // .../Brasswick/registry.sqlite
 std::filesystem::path certStoreFile();      // .../Brasswick/certstore.sqlite
 std::filesystem::path runDir();             // $ROOT/run/Brasswick
 
-// Creates `dir` and its missing parents with mode 0700. An existing directory
-// is accepted as it is. Returns false (and sets `error`) on failure.
+// Creates `dir` and its missing parents with exactly `mode`, whatever the
+// process's umask. An existing directory is accepted as it is. Returns false
+// (and sets `error`) on failure.
+bool createDirectories(const std::filesystem::path& dir, std::filesystem::perms mode,
+                       std::string& error);
+// The same with mode 0700.
 bool createSecureDirectories(const std::filesystem::path& dir, std::string& error);
 
 // Where writePrivateFile failed: making its temporary file, or writing,

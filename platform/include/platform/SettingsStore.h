@@ -56,6 +56,13 @@ public:
     // Names (last path component) of the direct subkeys, in name order.
     virtual std::vector<std::string> listSubkeys(std::string_view key) = 0;
 
+    // Drops the copies of earlier contents that the backend keeps beside the
+    // live values (a write-ahead log or journal), so that a secret just
+    // overwritten or removed cannot be read back from the store's files. Call
+    // it after writing or removing a secret. A backend that keeps no such
+    // copies has nothing to do. False when the copies may still be there.
+    virtual bool scrub() { return true; }
+
     // A number that changes whenever anything in the store changed, whoever
     // wrote it (this process or another). Cheap: no value is read.
     virtual std::uint64_t changeCounter() = 0;

@@ -117,7 +117,8 @@ TEST_F(PairingConfigTest, EndpointDetailsComeFromTheStoredUrl) {
     EXPECT_EQ(out["hostname"], "fd00::1");
     EXPECT_EQ(out["port"], "443");
     EXPECT_EQ(out["wsEnabled"], true);
-    for (const char* bad : {"h:8883", "ssl://h", "ssl://:1", "ssl://h:99999", "ssl://fd00::1:1"}) {
+    for (const char* bad : {"h:8883", "ssl://h", "ssl://:1", "ssl://h:99999", "ssl://fd00::1:1",
+                            "ssl://user@h:1", "ssl://[[9[]:8"}) {
         reg_.setString(kNodeManagerKey, kEndpointUrlValue, bad);
         EXPECT_FALSE(pairing_.populateEndpointDetails(out)) << bad;
     }

@@ -6,6 +6,8 @@
 #include "config/mqttConfig.h"
 #include "support/TestRegistry.h"
 
+#include <platform/Paths.h>
+
 #include <gtest/gtest.h>
 #include <json/value.h>
 #include <sys/stat.h>
@@ -263,6 +265,17 @@ TEST_F(LcmSpecTest, CleanUpClearsOneTimeValuesAndSecretsButKeepsIdentities) {
     EXPECT_TRUE(cfg_.pairingSecrets().keyContainer.empty());
     EXPECT_EQ(cfg_.getAgentIdentity(), "OLD_ID");
     EXPECT_EQ(cfg_.getAgentIdentityPend(), "E1ST_VM9");
+}
+
+TEST_F(LcmSpecTest, UsedPasswordIsInNeitherTheStoreFileNorItsWriteAheadLog) {
+    ASSERT_TRUE(cfg_.InitLCMSpecFromJSON(text(goodSpec())));
+    cfg_.CleanLCMPairingConfiguration();
+    // Read with the store still open, as a crash would leave the files.
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        std::ifstream in(platform::paths::settingsStoreFile().string() + suffix, std::ios::binary);
+        const std::string bytes{std::istreambuf_iterator<char>(in), {}};
+        EXPECT_EQ(bytes.find(kOtp), std::string::npos) << "registry.sqlite" << suffix;
+    }
 }
 
 }  // namespace

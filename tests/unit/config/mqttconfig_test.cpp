@@ -65,6 +65,28 @@ TEST_F(MqttConfigTest, DefaultsApplyAndOutOfRangeValuesFallBackToThemWithALine) 
         "mqttConfig::getIntInRange(): Registry setting NotASetting not defined, returning 7"));
 }
 
+TEST_F(MqttConfigTest, NumbersBeyond32BitsAndTextsThatAreNoNumberAreOutOfRange) {
+    // 2^32 + 100 and -2^32 + 100 would read as an in-range 100 if cut to 32 bits.
+    for (const char* text : {"4294967396", "-4294967196", "100s", "1e2", "+-100", ""}) {
+        set("mqtt_ReconnectIntervalMax", text);
+        EXPECT_EQ(cfg_.getReconnectIntervalMax(), 600) << text;
+    }
+    EXPECT_EQ(reg_.log().count("mqttConfig::getIntInRange(): Registry setting "
+                               "mqtt_ReconnectIntervalMax out of range, returning default 600"),
+              6u);
+    set("mqtt_KeepAliveInterval", "none");  // not 0, which is in range
+    EXPECT_EQ(cfg_.getKeepAliveInterval(), 30);
+    set("mqtt_ReconnectIntervalMax", "+1800");
+    EXPECT_EQ(cfg_.getReconnectIntervalMax(), 1800);
+
+    // The readers outside the table follow the same rule.
+    set("mqtt_HubRequestTimeout", "20 seconds");
+    EXPECT_EQ(cfg_.getHubRequestTimeout(), 150);
+    reg_.setString("HKLM\\SOFTWARE\\Brasswick, Inc.\\NimbrelComposer\\ga\\AgentIntegration",
+                   "CustomizationState", "4294967300");  // 2^32 + 4 is not "completed"
+    EXPECT_FALSE(cfg_.isCustomizationFinished());
+}
+
 TEST_F(MqttConfigTest, MigrationStatusIsStoredAsDwordAndMutesTheOtherTransport) {
     EXPECT_EQ(cfg_.getMigrationStatus(), 0);
     EXPECT_FALSE(cfg_.isMigrationActive());
