@@ -1,5 +1,7 @@
 #include "devcloud/MqttClient.h"
 
+#include "mqtt/MqttClient.h"
+
 #include <platform/SocketTuning.h>
 
 #include <MQTTProperties.h>
@@ -40,6 +42,8 @@ bool topicMatches(const std::string& filter, const std::string& topic) {
 MqttClient::MqttClient(ClientOptions options) : options_(std::move(options)) {
     const std::string uri = std::string(options_.tls ? "ssl://" : "tcp://") + options_.host + ":" +
                             std::to_string(options_.port);
+    // The library is set up once per process, shared with any session in it.
+    initMqttClientLibrary();
     MQTTAsync_createOptions create = MQTTAsync_createOptions_initializer5;
     int rc = MQTTAsync_createWithOptions(&handle_, uri.c_str(), options_.clientId.c_str(),
                                          MQTTCLIENT_PERSISTENCE_NONE, nullptr, &create);
