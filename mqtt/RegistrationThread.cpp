@@ -114,6 +114,12 @@ void Registration::RegistrationThreadProc() {
                 if (result == ChainResult::Ended) {
                     return;  // the chain said why
                 }
+                if (result == ChainResult::Failed && manager_.isStopping()) {
+                    // Failed because the stop cancelled it: not a failed pass
+                    // (a migration under way is not marked failed for it).
+                    MFW_LOG(CORE::kLogDebug, "%s", kStopping);
+                    return;
+                }
                 if (result == ChainResult::Failed) {
                     registrationFailed(interval);
                     MFW_LOG(CORE::kLogDebug,
