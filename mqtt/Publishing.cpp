@@ -108,7 +108,7 @@ void MqttManager::BuildStatusMessage(Json::Value& out, const std::string& status
         }
     }
     out["seqno"] = Json::UInt(seq);
-    out["guid"] = connectionGuid();
+    out["guid"] = info_.guid();
 }
 
 bool MqttManager::PublishDesktopStatus(const std::string& status, int qos, int detailKind,

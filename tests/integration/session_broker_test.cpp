@@ -177,8 +177,9 @@ TEST_F(SessionBrokerTest, ACertificateFromAnotherAuthorityFailsAsATlsFailure) {
         reg_.log().waitFor("MqttManager::OnConnectionFailure(): MQTT connection failed", 20s))
         << broker_.log();
     // The agent repeats the handshake to classify the failure, then records it.
-    EXPECT_TRUE(test::waitUntil([&] { return manager_->lastEndpointResult(endpoint) != -1; }));
-    EXPECT_EQ(manager_->lastEndpointResult(endpoint), kEndpointTlsFailed);
+    EXPECT_TRUE(test::waitUntil(
+        [&] { return MqttManagerTestPeer(*manager_).lastEndpointResult(endpoint) != -1; }));
+    EXPECT_EQ(MqttManagerTestPeer(*manager_).lastEndpointResult(endpoint), kEndpointTlsFailed);
     EXPECT_NE(manager_->GetState(), MQTT_STATE_CONNECTED);
 }
 

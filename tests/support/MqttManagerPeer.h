@@ -22,6 +22,13 @@ public:
         return m_.pendingCommands_.size();
     }
     std::string lastFailureReason() { return m_.registration_.lastFailureReason(); }
+    bool started() const { return m_.started_.load(); }
+    bool stopping() const { return m_.isStopping(); }
+    std::string connectionGuid() const { return m_.info_.guid(); }
+    int lastEndpointResult(const std::string& endpoint) const {
+        return m_.info_.lastResult(endpoint);
+    }
+    void clearDuplicateFilter() { m_.duplicates_->Clear(); }
     bool paired() const { return m_.pairedFlag_.load(); }
 
     // The chain's store step on a later pass, after an earlier pass

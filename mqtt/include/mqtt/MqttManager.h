@@ -115,19 +115,9 @@ public:
     void UpdateIDs();
     bool StartIPCServer();
     void requestReboot() { registration_.requestReboot(); }
-    bool registrationCompleted() const { return registration_.registrationCompleted(); }
 
-    bool isStarted() const { return started_.load(); }
-    bool isStopping() const { return shutdownEvent_.isSet(); }
-    CORE::coreevent& shutdownEvent() { return shutdownEvent_; }
-    DuplicateMessageHandler& duplicateFilter() { return *duplicates_; }
     MqttLmMonConsumer& metricsConsumer() { return metrics_; }
     std::shared_ptr<mqttConfig> config() const;
-    std::string connectionGuid() const { return info_.guid(); }
-    std::string currentEndpoint() const { return info_.currentEndpoint(); }
-    int lastEndpointResult(const std::string& endpoint) const { return info_.lastResult(endpoint); }
-    // Publications the library failed after a session was lost (see docs).
-    std::uint64_t failedPublications() const { return failedPublications_.load(); }
 
 protected:
     void StartAgentRegistrationThread() MFW_EXCLUDES(registrationThreadLock_);
@@ -167,6 +157,9 @@ private:
     // they leave STOPPING alone.
     void setRunState(std::int32_t state);
     void changeState(std::int32_t state, bool unlessStopping) MFW_EXCLUDES(stateLock_);
+    bool isStopping() const { return shutdownEvent_.isSet(); }
+    CORE::coreevent& shutdownEvent() { return shutdownEvent_; }
+    std::string currentEndpoint() const { return info_.currentEndpoint(); }
     void ResetRunData();
     void postConnectWork();
     void classifyConnectFailure();
@@ -208,6 +201,7 @@ private:
 
     ConnectionInfo info_;
     std::atomic<bool> endpointOnly_{false};
+    // Publications the library failed after a session was lost (see docs).
     std::atomic<std::uint64_t> failedPublications_{0};
 
     // Commands handed to the desktop manager and not yet answered.

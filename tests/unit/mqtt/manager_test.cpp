@@ -1,6 +1,7 @@
 // The manager's state, start and stop, root folder and publishing refusals.
 
 #include "mqtt/MqttManager.h"
+#include "support/MqttManagerPeer.h"
 #include "support/TestRegistry.h"
 
 #include <gtest/gtest.h>
@@ -57,7 +58,7 @@ TEST_F(ManagerTest, StopBeforeAnyConnectionRefusesTheStatusAndEndsTheThread) {
         "MqttManager::RegistrationThreadProc(): Registration thread is now exiting."));
     EXPECT_TRUE(reg_.log().contains("MqttManager::Stop(): MQTT Stop successful."));
     EXPECT_EQ(manager_.GetState(), MQTT_STATE_STOPPING);
-    EXPECT_FALSE(manager_.isStarted());
+    EXPECT_FALSE(MqttManagerTestPeer(manager_).started());
 
     // After stop every publish is refused as stopping, and a new start works.
     int token = 0;
@@ -65,7 +66,7 @@ TEST_F(ManagerTest, StopBeforeAnyConnectionRefusesTheStatusAndEndsTheThread) {
     EXPECT_TRUE(
         reg_.log().contains("MqttManager::DoPublishMessage(): Not publishing message, stopping"));
     ASSERT_TRUE(manager_.Start());
-    EXPECT_FALSE(manager_.isStopping());
+    EXPECT_FALSE(MqttManagerTestPeer(manager_).stopping());
     ASSERT_TRUE(manager_.Stop());
 }
 

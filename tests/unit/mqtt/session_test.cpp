@@ -107,14 +107,14 @@ TEST_F(SessionTest, ConnectOptionsSubscriptionMaskAndConnectionLoss) {
     EXPECT_EQ(fake_.connected.willTopic, kStatus);
     const Json::Value will = parse(fake_.connected.willPayload);
     EXPECT_EQ(will["status"].asString(), "GONE");
-    EXPECT_EQ(will["guid"].asString(), manager_->connectionGuid());
+    EXPECT_EQ(will["guid"].asString(), peer().connectionGuid());
     EXPECT_EQ(will.size(), 2u);
-    EXPECT_EQ(manager_->connectionGuid().size(), 36u);
+    EXPECT_EQ(peer().connectionGuid().size(), 36u);
     struct stat st {};
     ASSERT_EQ(::stat(fake_.connected.privateKeyFile.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
     EXPECT_EQ(manager_->GetState(), MQTT_STATE_CONNECTED);
-    EXPECT_EQ(manager_->lastEndpointResult(kBroker), kEndpointConnected);
+    EXPECT_EQ(peer().lastEndpointResult(kBroker), kEndpointConnected);
 
     const auto confirm = fake_.subscribeCallbacks();
     for (std::size_t i = 0; i + 1 < confirm.size(); ++i) {
@@ -143,12 +143,12 @@ TEST_F(SessionTest, ConnectFailuresAreClassifiedAndRefusedWithoutCallbacksOrMate
     fake_.fire([](MqttClientListener& l) {
         l.onConnectFailure({-1, 0, "tls handshake failed", 3});
     });
-    EXPECT_TRUE(test::waitUntil(
-        [&] { return manager_->lastEndpointResult(kBroker) == kEndpointTlsFailed; }));
+    EXPECT_TRUE(
+        test::waitUntil([&] { return peer().lastEndpointResult(kBroker) == kEndpointTlsFailed; }));
     fake_.fire([](MqttClientListener& l) { l.onConnectFailure({-1, 0, "connection refused", 4}); });
     // Classified off the library's thread (the broker is unreachable here).
     EXPECT_TRUE(
-        test::waitUntil([&] { return manager_->lastEndpointResult(kBroker) == kEndpointFailed; }));
+        test::waitUntil([&] { return peer().lastEndpointResult(kBroker) == kEndpointFailed; }));
     EXPECT_TRUE(reg_.log().contains(
         "MqttManager::OnConnectionFailure(): MQTT connection failed. Error code: -1. MQTT Reason "
         "Code: 0. Error message: connection refused. Token: 4"));
