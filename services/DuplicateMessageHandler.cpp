@@ -12,7 +12,7 @@ DuplicateMessageHandler::DuplicateMessageHandler(std::int64_t retentionSeconds,
                                                  std::uint32_t timerPeriodMs,
                                                  ndpx::platform::TimeSource& time)
     // The timer's thread is one of the module's: PluginExit waits for it.
-    : CORE::coretimer(time, CORE::corethread::factory()),
+    : CORE::coretimer(time, CORE::corethread::factory(), "DuplicateFilter"),
       retention_(retentionSeconds),
       time_(time) {
     if (retention_ == 0) {

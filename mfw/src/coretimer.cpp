@@ -37,9 +37,10 @@ std::unique_ptr<ownedthread> makePlainThread() {
     return std::make_unique<PlainThread>();
 }
 
-coretimer::coretimer(ndpx::platform::TimeSource& time, ownedthreadFactory threads)
+coretimer::coretimer(ndpx::platform::TimeSource& time, ownedthreadFactory threads, std::string name)
     : stopEvent_(coreevent::Reset::Manual, false, time),
-      thread_(threads ? threads() : makePlainThread()) {}
+      thread_(threads ? threads() : makePlainThread()),
+      name_(std::move(name)) {}
 
 coretimer::~coretimer() {
     stop();
@@ -50,8 +51,7 @@ bool coretimer::start(std::uint32_t periodMs) {
         return false;
     }
     stopEvent_.reset();
-    return thread_->start("coretimer",
-                          [this, periodMs] { run(std::chrono::milliseconds(periodMs)); });
+    return thread_->start(name_, [this, periodMs] { run(std::chrono::milliseconds(periodMs)); });
 }
 
 void coretimer::stop() {

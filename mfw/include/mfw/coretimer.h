@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 namespace CORE {
 
@@ -18,8 +19,9 @@ public:
     // `threads` makes the timer's thread; by default a plain one. Code in a
     // module passes corethread::factory() so that the thread is one of the
     // module's.
+    // `name` names the thread (as the module's thread list shows it).
     explicit coretimer(ndpx::platform::TimeSource& time = ndpx::platform::TimeSource::real(),
-                       ownedthreadFactory threads = {});
+                       ownedthreadFactory threads = {}, std::string name = "coretimer");
     ~coretimer() override;
 
     // Starts calling TimerCallback every `periodMs`. False if already running.
@@ -37,6 +39,7 @@ private:
 
     coreevent stopEvent_;
     std::unique_ptr<ownedthread> thread_;
+    const std::string name_;
 };
 
 }  // namespace CORE
