@@ -64,7 +64,7 @@ void setUp() {
     }
     platform::paths::setRoot(dir);
     std::string error;
-    auto store =
+    std::shared_ptr<platform::SettingsStore> store =
         platform::openSqliteSettingsStore(platform::paths::settingsStoreFile().string(), error);
     fuzz::check(store != nullptr, "no settings store", error);
     CORE::setRegistry(store);
