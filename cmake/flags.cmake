@@ -6,6 +6,12 @@ target_compile_options(ndpx_options INTERFACE
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   target_compile_options(ndpx_options INTERFACE -Wthread-safety)
 endif()
+# CI turns warnings into errors; users building with another compiler
+# version should not be stopped by a warning it adds.
+option(NDPX_WERROR "Treat compiler warnings as errors" OFF)
+if(NDPX_WERROR)
+  target_compile_options(ndpx_options INTERFACE -Werror)
+endif()
 
 if(NDPX_SANITIZE STREQUAL "address")
   target_compile_options(ndpx_options INTERFACE -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
