@@ -14,8 +14,9 @@ namespace {
 constexpr int kNoRange = 0;
 
 // The settings in the order of the defaults list handed to the host.
-// Strings and booleans carry no range.
-const std::vector<SettingDef> kTable = {
+// Strings and booleans carry no range. Constant data: nothing to build (or
+// fail) while the module loads.
+constexpr SettingDef kTable[] = {
     {L"AsyncSessionSeconds", L"150", 5, 600},
     {L"HTTP Proxy Server", L"", kNoRange, kNoRange},
     {L"HTTP Proxy Bypass", L"", kNoRange, kNoRange},
@@ -183,13 +184,13 @@ std::shared_ptr<mqttConfig> mqttConfig::current() {
     return g_instance;
 }
 
-const std::vector<SettingDef>& mqttConfig::table() {
+std::span<const SettingDef> mqttConfig::table() {
     return kTable;
 }
 
 std::vector<std::wstring> mqttConfig::defaultsList() {
     std::vector<std::wstring> list;
-    list.reserve(kTable.size());
+    list.reserve(std::size(kTable));
     for (const auto& d : kTable) {
         list.push_back(std::wstring(d.name) + L"=" + d.defaultText);
     }

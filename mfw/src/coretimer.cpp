@@ -37,7 +37,7 @@ std::unique_ptr<ownedthread> makePlainThread() {
     return std::make_unique<PlainThread>();
 }
 
-coretimer::coretimer(ndpx::platform::TimeSource& time, ownedthreadFactory threads)
+coretimer::coretimer(ndpx::platform::TimeSource& time, const ownedthreadFactory& threads)
     : stopEvent_(coreevent::Reset::Manual, false, time),
       thread_(threads ? threads() : makePlainThread()) {}
 

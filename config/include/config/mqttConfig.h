@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -73,7 +74,7 @@ public:
 
     // The defaults list, "name=default" in table order.
     static std::vector<std::wstring> defaultsList();
-    static const std::vector<SettingDef>& table();
+    static std::span<const SettingDef> table();
 
     int getIntInRange(const std::wstring& name, int min, int max);
 

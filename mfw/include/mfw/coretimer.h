@@ -19,7 +19,7 @@ public:
     // module passes corethread::factory() so that the thread is one of the
     // module's.
     explicit coretimer(ndpx::platform::TimeSource& time = ndpx::platform::TimeSource::real(),
-                       ownedthreadFactory threads = {});
+                       const ownedthreadFactory& threads = {});
     ~coretimer() override;
 
     // Starts calling TimerCallback every `periodMs`. False if already running.
