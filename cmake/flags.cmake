@@ -6,6 +6,17 @@ target_compile_options(ndpx_options INTERFACE
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   target_compile_options(ndpx_options INTERFACE -Wthread-safety)
 endif()
+# CI turns warnings into errors; users building with another compiler
+# version should not be stopped by a warning it adds.
+option(NDPX_WERROR "Treat compiler warnings as errors" OFF)
+if(NDPX_WERROR)
+  target_compile_options(ndpx_options INTERFACE -Werror)
+  # GCC warns that sanitizers bring false -Wmaybe-uninitialized reports (one
+  # in <regex> under ASan); the plain build still fails on that warning.
+  if(NOT NDPX_SANITIZE STREQUAL "" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(ndpx_options INTERFACE -Wno-error=maybe-uninitialized)
+  endif()
+endif()
 
 if(NDPX_SANITIZE STREQUAL "address")
   target_compile_options(ndpx_options INTERFACE -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)

@@ -11,8 +11,9 @@ namespace {
 constexpr int kNoRange = 0;
 
 // The settings in the order of the defaults list handed to the host.
-// Strings and booleans carry no range.
-const std::vector<SettingDef> kTable = {
+// Strings and booleans carry no range. Constant data: nothing to build (or
+// fail) while the module loads.
+constexpr SettingDef kTable[] = {
     {L"AsyncSessionSeconds", L"150", 5, 600},
     {L"HTTP Proxy Server", L"", kNoRange, kNoRange},
     {L"HTTP Proxy Bypass", L"", kNoRange, kNoRange},
@@ -83,17 +84,18 @@ const SettingDef& settings::definition(const wchar_t* name) {
             return d;
         }
     }
+    // Only reachable through a typo in the settings code; the table is fixed.
     static const SettingDef kMissing{L"", L"0", 0, 0};
     return kMissing;
 }
 
-const std::vector<SettingDef>& mqttConfig::table() {
+std::span<const SettingDef> mqttConfig::table() {
     return kTable;
 }
 
 std::vector<std::wstring> mqttConfig::defaultsList() {
     std::vector<std::wstring> list;
-    list.reserve(kTable.size());
+    list.reserve(std::size(kTable));
     for (const auto& d : kTable) {
         list.push_back(std::wstring(d.name) + L"=" + d.defaultText);
     }

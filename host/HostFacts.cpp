@@ -98,6 +98,7 @@ HostFacts collectHostFacts() {
 std::vector<LoginSession> collectLoginSessions(const std::string& utmpFile) {
     std::vector<LoginSession> sessions;
     const std::lock_guard lock(utmpMutex);
+    // NOLINTBEGIN(concurrency-mt-unsafe): utmpMutex serialises the utmp cursor
     if (!utmpFile.empty() && ::utmpxname(utmpFile.c_str()) != 0) {
         return sessions;
     }
@@ -118,6 +119,7 @@ std::vector<LoginSession> collectLoginSessions(const std::string& utmpFile) {
     if (!utmpFile.empty()) {
         ::utmpxname(_PATH_UTMPX);  // back to the system's file for other readers
     }
+    // NOLINTEND(concurrency-mt-unsafe)
     return sessions;
 }
 

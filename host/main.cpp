@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     ndpx::platform::paths::setRoot(root);
-    ::setenv("NDPX_ROOT", root.c_str(), 1);
+    ::setenv("NDPX_ROOT", root.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): no thread yet
 
     CORE::setLogLevel(logLevel);
     CORE::addLogSink(CORE::makeStderrSink());

@@ -313,11 +313,11 @@ void MqttManager::classifyConnectFailure() {
     const std::filesystem::path dir = persistenceFolder();
     net::CancelToken stopping;
     CORE::coreevent::Waker cancelOnStop(shutdownEvent_, [&stopping] { stopping.cancel(); });
-    const bool tls = !broker.host.empty() &&
-                     probeTls(broker.host, broker.port, (dir / "mqtt-trust.pem").string(),
-                              (dir / "mqtt-client.pem").string(),
-                              (dir / "mqtt-client.key").string(),
-                              &stopping) == TlsProbeResult::Refused;
+    const bool tls =
+        !broker.host.empty() &&
+        probeTls(broker.host, broker.port, (dir / "mqtt-trust.pem").string(),
+                 (dir / "mqtt-client.pem").string(), (dir / "mqtt-client.key").string(),
+                 &stopping) == TlsProbeResult::Refused;
     if (tls) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::OnConnectionFailure(): The broker refused the TLS handshake");

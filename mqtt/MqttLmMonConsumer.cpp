@@ -46,7 +46,9 @@ bool MqttLmMonConsumer::DoSetMetricCallback() {
                     MqttManagerUtil::writeCompact(root));
 }
 
-void MqttLmMonConsumer::ReportError(std::string /*message*/) {}
+// By value, as its callers hand texts over; deliberately not forwarded.
+void MqttLmMonConsumer::ReportError(std::string /*message*/) {
+}  // NOLINT(performance-unnecessary-value-param)
 
 bool MqttLmMonConsumer::SendData(const std::string& key, const std::string& source,
                                  const std::string& category, int dataType,

@@ -23,7 +23,9 @@ CORE::PropertyBag readKeyAsBag(platform::SettingsStore& store, const std::string
         bag.add(CORE::toWide(name), CORE::toWide(value.asText()));
     }
     for (const auto& sub : store.listSubkeys(key)) {
-        bag.addBag(CORE::toWide(sub), readKeyAsBag(store, key + "\\" + sub));
+        std::string path = key;
+        path.append("\\").append(sub);
+        bag.addBag(CORE::toWide(sub), readKeyAsBag(store, path));
     }
     return bag;
 }

@@ -294,6 +294,7 @@ duk_ret_t jsSortIpAddressList(duk_context* ctx) {
     std::sort(v6.begin(), v6.end());
     std::sort(v4.begin(), v4.end());
     std::vector<std::string> sorted;
+    sorted.reserve(v6.size() + v4.size());
     for (const auto& [bytes, text] : v6) {
         sorted.push_back(text);
     }

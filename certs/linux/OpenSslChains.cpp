@@ -169,7 +169,7 @@ CertChainPtr OpenSslCertStore::Impl::buildChain(const Options& options, const Ce
     }
     for (auto& cert : others) {
         if (sk_X509_push(untrusted.get(), cert.get()) > 0) {
-            cert.release();  // owned by the stack now
+            (void)cert.release();  // owned by the stack now
         }
     }
     ERR_clear_error();  // duplicate anchors are reported as errors and are harmless

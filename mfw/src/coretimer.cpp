@@ -37,7 +37,8 @@ std::unique_ptr<ownedthread> makePlainThread() {
     return std::make_unique<PlainThread>();
 }
 
-coretimer::coretimer(ndpx::platform::TimeSource& time, ownedthreadFactory threads, std::string name)
+coretimer::coretimer(ndpx::platform::TimeSource& time, const ownedthreadFactory& threads,
+                     std::string name)
     : stopEvent_(coreevent::Reset::Manual, false, time),
       thread_(threads ? threads() : makePlainThread()),
       name_(std::move(name)) {}

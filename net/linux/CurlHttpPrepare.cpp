@@ -96,7 +96,9 @@ CurlSlistPtr buildHeaders(const HeaderMap& headers) {
             return nullptr;
         }
         contentType = contentType || curl_strequal(name.c_str(), "Content-Type") != 0;
-        const std::string line = value.empty() ? name + ";" : name + ": " + value;
+        std::string line = name;
+        line += value.empty() ? ";" : ": ";
+        line += value;
         curl_slist* next = curl_slist_append(list, line.c_str());
         if (next == nullptr) {
             curl_slist_free_all(list);

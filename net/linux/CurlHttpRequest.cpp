@@ -55,7 +55,7 @@ HttpRequestFactory curlHttpRequestFactory() {
 }
 
 HttpRequestFactory curlHttpRequestFactory(std::shared_ptr<certs::CertUtilityInterface> store) {
-    return [store] { return std::make_shared<CurlHttpRequest>(store); };
+    return [store = std::move(store)] { return std::make_shared<CurlHttpRequest>(store); };
 }
 
 CurlHttpRequest::CurlHttpRequest(std::shared_ptr<certs::CertUtilityInterface> machineStore)

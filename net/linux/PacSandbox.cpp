@@ -22,6 +22,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 
 namespace ndpx::net {
 
@@ -31,7 +32,7 @@ namespace {
 constexpr char kResult = 'R';
 constexpr char kError = 'E';
 constexpr char kAlert = 'A';
-constexpr std::size_t kMaxMessage = 64 * 1024;
+constexpr std::size_t kMaxMessage = std::size_t{64} * 1024;
 constexpr int kMaxAlerts = 32;
 
 void writeAll(int fd, const char* data, std::size_t size) {
@@ -169,14 +170,16 @@ PacStatus runPacScript(const std::string& script, const std::string& url, const 
 
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) != 0) {
-        MFW_LOG(4, "PacScript::run(): pipe failed: %s", std::strerror(errno));
+        MFW_LOG(4, "PacScript::run(): pipe failed: %s",
+                std::generic_category().message(errno).c_str());
         return PacStatus::SandboxFailed;
     }
     platform::UniqueFd readEnd(fds[0]);
     platform::UniqueFd writeEnd(fds[1]);
     const pid_t pid = ::fork();
     if (pid < 0) {
-        MFW_LOG(4, "PacScript::run(): fork failed: %s", std::strerror(errno));
+        MFW_LOG(4, "PacScript::run(): fork failed: %s",
+                std::generic_category().message(errno).c_str());
         return PacStatus::SandboxFailed;
     }
     if (pid == 0) {

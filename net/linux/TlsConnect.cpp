@@ -14,9 +14,9 @@
 #include <cerrno>
 #include <climits>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <optional>
+#include <system_error>
 
 namespace ndpx::net {
 namespace {
@@ -116,12 +116,12 @@ TcpConnectResult connectTcp(const std::string& host, int port, const ConnectLimi
         platform::UniqueFd fd(
             ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol));
         if (!fd) {
-            lastError = std::strerror(errno);
+            lastError = std::generic_category().message(errno);
             continue;
         }
         if (::connect(fd.get(), a->ai_addr, a->ai_addrlen) != 0) {
             if (errno != EINPROGRESS) {
-                lastError = std::strerror(errno);
+                lastError = std::generic_category().message(errno);
                 continue;
             }
             const WaitEnd end = waiter.wait(fd.get(), POLLOUT,
@@ -137,7 +137,7 @@ TcpConnectResult connectTcp(const std::string& host, int port, const ConnectLimi
             int error = 0;
             socklen_t len = sizeof error;
             if (::getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &error, &len) != 0 || error != 0) {
-                lastError = std::strerror(error != 0 ? error : errno);
+                lastError = std::generic_category().message(error != 0 ? error : errno);
                 continue;
             }
         }

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
 namespace ndpx::platform {
 
@@ -34,14 +34,14 @@ FileCreationWaiter::Result FileCreationWaiter::wait(const std::filesystem::path&
     const UniqueFd notify(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (!notify) {
         failedStep = 2;
-        error = std::strerror(errno);
+        error = std::generic_category().message(errno);
         return Result::Failed;
     }
     const auto dir = file.parent_path();
     if (::inotify_add_watch(notify.get(), dir.c_str(),
                             IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE_SELF) < 0) {
         failedStep = 1;
-        error = std::strerror(errno);
+        error = std::generic_category().message(errno);
         return Result::Failed;
     }
     // Checked after the watch is in place, so a file made in between is not missed.
@@ -57,7 +57,7 @@ FileCreationWaiter::Result FileCreationWaiter::wait(const std::filesystem::path&
                 continue;
             }
             failedStep = 3;
-            error = std::strerror(errno);
+            error = std::generic_category().message(errno);
             return Result::Failed;
         }
         if ((fds[1].revents & POLLIN) != 0) {

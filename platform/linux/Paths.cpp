@@ -7,8 +7,8 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
+#include <system_error>
 
 namespace ndpx::platform::paths {
 
@@ -87,7 +87,8 @@ bool createDirectories(const std::filesystem::path& dir, std::filesystem::perms 
         if (::mkdir(current.c_str(), bits) == 0) {
             // The umask may have taken bits away; the mode must be exact.
             if (::chmod(current.c_str(), bits) != 0) {
-                error = "cannot set the mode of " + current.string() + ": " + std::strerror(errno);
+                error = "cannot set the mode of " + current.string() + ": " +
+                        std::generic_category().message(errno);
                 return false;
             }
             continue;
@@ -98,7 +99,7 @@ bool createDirectories(const std::filesystem::path& dir, std::filesystem::perms 
             continue;
         }
         error = "cannot create directory " + current.string() + ": " +
-                std::strerror(mkdirErrno == EEXIST ? ENOTDIR : mkdirErrno);
+                std::generic_category().message(mkdirErrno == EEXIST ? ENOTDIR : mkdirErrno);
         return false;
     }
     return true;
@@ -110,7 +111,7 @@ bool writePrivateFile(const std::filesystem::path& path, const std::string& text
     // mkostemp: mode 0600 whatever the umask, and a name no other writer uses.
     UniqueFd fd(::mkostemp(tmp.data(), O_CLOEXEC));
     if (!fd) {
-        error = std::strerror(errno);
+        error = std::generic_category().message(errno);
         if (failedStep != nullptr) {
             *failedStep = WriteStep::Create;
         }
@@ -138,7 +139,7 @@ bool writePrivateFile(const std::filesystem::path& path, const std::string& text
     }
     if (err != 0) {
         ::unlink(tmp.c_str());
-        error = std::strerror(err);
+        error = std::generic_category().message(err);
         if (failedStep != nullptr) {
             *failedStep = WriteStep::Write;
         }

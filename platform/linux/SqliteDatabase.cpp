@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
+#include <system_error>
 
 namespace ndpx::platform::sqlite {
 
@@ -37,11 +37,11 @@ bool createPrivateFile(const std::string& file, std::string& error) {
             }
             return true;
         }
-        error = "cannot create " + file + ": " + std::strerror(errno);
+        error = "cannot create " + file + ": " + std::generic_category().message(errno);
         return false;
     }
     if (::fchmod(fd.get(), 0600) != 0) {
-        error = "cannot set the mode of " + file + ": " + std::strerror(errno);
+        error = "cannot set the mode of " + file + ": " + std::generic_category().message(errno);
         return false;
     }
     return true;

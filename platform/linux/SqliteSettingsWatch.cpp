@@ -145,11 +145,12 @@ private:
     // the last event: a commit whose events were drained together with an
     // earlier one may become visible only after that earlier one was reported.
     void run() {
-        bool active = false;  // events seen less than kConfirmWindow ago
-        bool forced = false;  // report without asking the data version
-        std::optional<Clock::time_point> burstStart;
-        Clock::time_point last;       // latest event
-        Clock::time_point nextCheck;  // when to look at the data version
+        bool active = false;           // events seen less than kConfirmWindow ago
+        bool forced = false;           // report without asking the data version
+        bool inBurst = false;          // events seen since the last check
+        Clock::time_point burstStart;  // the first of them
+        Clock::time_point last;        // latest event
+        Clock::time_point nextCheck;   // when to look at the data version
         milliseconds step = kConfirmStep;
         while (true) {
             int timeoutMs = -1;
@@ -171,13 +172,14 @@ private:
             if ((fds[1].revents & POLLIN) != 0) {
                 const Seen seen = drainEvents();
                 if (seen != Seen::Nothing) {
-                    if (!burstStart) {
+                    if (!inBurst) {
+                        inBurst = true;
                         burstStart = now;
                     }
                     active = true;
                     last = now;
                     step = kConfirmStep;
-                    nextCheck = std::min(last + kQuietPeriod, *burstStart + kMaxDelay);
+                    nextCheck = std::min(last + kQuietPeriod, burstStart + kMaxDelay);
                     if (seen == Seen::Replaced) {
                         forced = true;
                         probe_.reopen();
@@ -187,7 +189,7 @@ private:
             if (!active || now < nextCheck) {
                 continue;
             }
-            burstStart.reset();
+            inBurst = false;
             if (probe_.changed() || forced) {
                 forced = false;
                 notify();

@@ -399,7 +399,7 @@ std::string CertificateAuthority::crlPem() const {
             X509_CRL_add0_revoked(crl.get(), entry.get()) != 1) {
             fail("cannot add a revoked serial");
         }
-        entry.release();  // owned by the CRL now
+        (void)entry.release();  // owned by the CRL now
     }
     X509V3_CTX ctx;
     X509V3_set_ctx_nodb(&ctx);

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <sstream>
 #include <stdexcept>
 
@@ -15,8 +16,12 @@ namespace ndpx::devcloud {
 namespace {
 
 std::string currentUser() {
-    if (const passwd* pw = ::getpwuid(::geteuid())) {
-        return pw->pw_name;
+    passwd entry{};
+    passwd* found = nullptr;
+    std::array<char, 4096> buffer{};
+    if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 &&
+        found != nullptr) {
+        return entry.pw_name;
     }
     return "root";
 }

@@ -106,7 +106,7 @@ bool BrokerProcess::start(const fs::path& confFile, const fs::path& logFile,
         // must see SIGTERM.
         sigset_t none;
         sigemptyset(&none);
-        ::sigprocmask(SIG_SETMASK, &none, nullptr);
+        ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
         ::execl(kMosquittoPath, kMosquittoPath, "-c", conf.c_str(), static_cast<char*>(nullptr));
         ::_exit(127);
     }

@@ -95,7 +95,7 @@ std::string derOf(X509* cert) {
 // folder's CA, matches its key and has a day left; otherwise a new one is
 // issued (and agents must pin the new thumbprint).
 bool usable(X509* cert, EVP_PKEY* key, const devca::CertificateAuthority& ca) {
-    std::time_t dayAhead = std::time(nullptr) + 24 * 3600;
+    std::time_t dayAhead = std::time(nullptr) + std::time_t{24} * 3600;
     const bool ok = cert != nullptr && key != nullptr &&
                     X509_verify(cert, X509_get0_pubkey(ca.cert())) == 1 &&
                     X509_check_private_key(cert, key) == 1 &&
@@ -232,7 +232,7 @@ bool CredentialService::start() {
     // otherwise hold a serving thread (and stop()) for seconds.
     server_->set_keep_alive_max_count(1);
     server_->set_read_timeout(std::chrono::seconds(10));
-    server_->set_payload_max_length(64 * 1024);
+    server_->set_payload_max_length(std::size_t{64} * 1024);
     server_->Post(".*", [this](const httplib::Request& req, httplib::Response& res) {
         if (options_.fault == Fault::Silent) {
             log("credsvc: " + req.remote_addr + ": fault silent: holding the request unanswered");

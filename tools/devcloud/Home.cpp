@@ -35,7 +35,7 @@ void writeOrThrow(const fs::path& path, const std::string& text) {
 
 }  // namespace
 
-Home::Home(fs::path dir) : dir_(fs::absolute(std::move(dir))) {}
+Home::Home(const fs::path& dir) : dir_(fs::absolute(dir)) {}
 
 bool Home::hasCa() const {
     return fs::exists(caFile()) && fs::exists(caKeyFile());

@@ -7,8 +7,8 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
+#include <system_error>
 
 namespace ndpx::devcloud {
 namespace {
@@ -30,7 +30,7 @@ void makePrivateDirectory(const fs::path& dir) {
     makePrivateDirectory(dir.parent_path());
     if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
         throw std::runtime_error("devcloud: cannot create " + dir.string() + ": " +
-                                 std::strerror(errno));
+                                 std::generic_category().message(errno));
     }
 }
 
@@ -94,7 +94,7 @@ ProvisionResult provision(const ProvisionRequest& r) {
         if (!devca::writePrivateFile(result.specFile.string(),
                                      Json::writeString(writer, spec) + "\n")) {
             throw std::runtime_error("devcloud: cannot write " + result.specFile.string() + ": " +
-                                     std::strerror(errno));
+                                     std::generic_category().message(errno));
         }
     } catch (...) {
         try {

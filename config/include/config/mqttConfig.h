@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -76,7 +77,7 @@ public:
 
     // The defaults list, "name=default" in table order.
     static std::vector<std::wstring> defaultsList();
-    static const std::vector<SettingDef>& table();
+    static std::span<const SettingDef> table();
 
     int getIntInRange(const std::wstring& name, int min, int max);
 

@@ -21,7 +21,7 @@ public:
     // module's.
     // `name` names the thread (as the module's thread list shows it).
     explicit coretimer(ndpx::platform::TimeSource& time = ndpx::platform::TimeSource::real(),
-                       ownedthreadFactory threads = {}, std::string name = "coretimer");
+                       const ownedthreadFactory& threads = {}, std::string name = "coretimer");
     ~coretimer() override;
 
     // Starts calling TimerCallback every `periodMs`. False if already running.

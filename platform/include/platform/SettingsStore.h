@@ -68,7 +68,8 @@ public:
     virtual std::uint64_t changeCounter() = 0;
 
     // Calls `onChange` soon after anyone wrote the store; nullptr when this
-    // store cannot be watched.
+    // store cannot be watched. By value: a store that can be watched keeps it.
+    // NOLINTNEXTLINE(performance-unnecessary-value-param)
     virtual std::unique_ptr<class SettingsWatch> watch(std::function<void()> onChange) {
         (void)onChange;
         return nullptr;

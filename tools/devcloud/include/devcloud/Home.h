@@ -19,7 +19,7 @@ struct IssuedPem {
 
 class Home {
 public:
-    explicit Home(std::filesystem::path dir);
+    explicit Home(const std::filesystem::path& dir);
 
     const std::filesystem::path& dir() const { return dir_; }
     std::filesystem::path caFile() const { return dir_ / "ca.pem"; }
