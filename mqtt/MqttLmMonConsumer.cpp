@@ -47,8 +47,8 @@ bool MqttLmMonConsumer::DoSetMetricCallback() {
 }
 
 // By value, as its callers hand texts over; deliberately not forwarded.
-void MqttLmMonConsumer::ReportError(std::string /*message*/) {
-}  // NOLINT(performance-unnecessary-value-param)
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
+void MqttLmMonConsumer::ReportError(std::string /*message*/) {}
 
 bool MqttLmMonConsumer::SendData(const std::string& key, const std::string& source,
                                  const std::string& category, int dataType,
