@@ -42,6 +42,14 @@ protected:
         ASSERT_TRUE(clock_.awaitWaiters(2));
         clock_.advance(by);
     }
+    // An unreadable provisioning file that is kept: step 1 fails every pass.
+    void provisionBrokenFile() {
+        reg_.setString(kNodeManagerKey, "mqtt_DeleteLCMSpec", "false");
+        const auto file = mqttConfig::cloudProvisioningFilePath();
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file) << "{broken";
+        ::chmod(file.c_str(), 0600);
+    }
     // The wait set after the n-th failed pass.
     bool waitedFor(int seconds, std::size_t n = 1) {
         return reg_.log().waitFor("Wait interval set to " + std::to_string(seconds) + " secs", 10s,
@@ -57,11 +65,7 @@ protected:
 };
 
 TEST_F(RegistrationTest, AFailingPassIsRetriedAfterADoublingWaitInVirtualTime) {
-    // An unreadable provisioning file that is kept: step 1 fails every pass.
-    reg_.setString(kNodeManagerKey, "mqtt_DeleteLCMSpec", "false");
-    std::filesystem::create_directories(mqttConfig::cloudProvisioningFilePath().parent_path());
-    std::ofstream(mqttConfig::cloudProvisioningFilePath()) << "{broken";
-    ::chmod(mqttConfig::cloudProvisioningFilePath().c_str(), 0600);
+    provisionBrokenFile();
     start();
 
     ASSERT_TRUE(waitedFor(10));
@@ -81,10 +85,7 @@ TEST_F(RegistrationTest, AFailingPassIsRetriedAfterADoublingWaitInVirtualTime) {
 // Stop then Start in one process runs the chain again from a clean slate: a
 // reboot asked for in the first run does not end the second.
 TEST_F(RegistrationTest, AStopAndStartRunsTheChainAgainWithFreshRunValues) {
-    reg_.setString(kNodeManagerKey, "mqtt_DeleteLCMSpec", "false");
-    std::filesystem::create_directories(mqttConfig::cloudProvisioningFilePath().parent_path());
-    std::ofstream(mqttConfig::cloudProvisioningFilePath()) << "{broken";
-    ::chmod(mqttConfig::cloudProvisioningFilePath().c_str(), 0600);
+    provisionBrokenFile();
     start();
     ASSERT_TRUE(waitedFor(10));
     manager_->requestReboot();
