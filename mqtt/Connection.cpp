@@ -327,6 +327,7 @@ void MqttManager::classifyConnectFailure() {
 }
 
 void MqttManager::OnConnectionLost(const std::string& cause) {
+    certMonitor_->Stop();
     setRunState(MQTT_STATE_NOT_CONNECTED);
     duplicates_->SetConnected(false);
     metrics_.ReportError("Connection lost");

@@ -7,69 +7,15 @@
 #include "mqtt/ManagerDependencies.h"
 #include "net/HttpRequest.h"
 
-#include <mfw/corelock.h>
+#include <mfw/coreevent.h>
 #include <mfw/moduleLog.h>
 
-#include <openssl/pem.h>
-#include <openssl/x509.h>
-
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 
 namespace ndpx {
 namespace {
-
-struct X509Free {
-    void operator()(X509* p) const { X509_free(p); }
-};
-
-// Present, within its validity period and issued to `identity`.
-bool certificateValid(const char* which, const std::string& pem, const std::string& identity) {
-    constexpr const char* kPrefix =
-        "CertMonitor::CheckCertificateValidity::<lambda_1>::operator ()(): ";
-    std::unique_ptr<BIO, decltype(&BIO_free)> bio(
-        BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), &BIO_free);
-    std::unique_ptr<X509, X509Free> cert(
-        bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
-    if (!cert) {
-        return false;
-    }
-    char cn[256] = {};
-    X509_NAME_get_text_by_NID(X509_get_subject_name(cert.get()), NID_commonName, cn, sizeof cn);
-    if (identity != cn) {
-        MFW_LOG(CORE::kLogWarning, "%s%s certificate identity doesn't match agent identity.",
-                kPrefix, which);
-        return false;
-    }
-    if (X509_cmp_current_time(X509_get0_notBefore(cert.get())) >= 0 ||
-        X509_cmp_current_time(X509_get0_notAfter(cert.get())) <= 0) {
-        MFW_LOG(CORE::kLogWarning, "%s%s certificate has expired or is not yet valid.", kPrefix,
-                which);
-        return false;
-    }
-    MFW_LOG(CORE::kLogDebug, "%s%s certificate is valid.", kPrefix, which);
-    return true;
-}
-
-// The current client certificate, or else the pending one, is usable for
-// the active identity.
-bool checkCertificateValidity(certs::CertificateUtil& certificates, const std::string& identity) {
-    certs::ClientCredentials current;
-    if (certificates.RetrieveCertificates(false, identity, current) &&
-        certificateValid("Current", current.clientCertPem, identity)) {
-        return true;
-    }
-    if (current.clientCertPem.empty()) {
-        MFW_LOG(CORE::kLogWarning,
-                "CertMonitor::CheckCertificateValidity(): Unable to retrieve client certificate");
-    }
-    certs::ClientCredentials pending;
-    if (!certificates.RetrieveCertificates(true, identity, pending)) {
-        MFW_LOG(CORE::kLogDebug,
-                "CertMonitor::CheckCertificateValidity(): Pending client certificate not present.");
-        return false;
-    }
-    return certificateValid("Pending", pending.clientCertPem, identity);
-}
 
 std::optional<ConnectionMaterial> storedMaterial(certs::CertificateUtil& certificates,
                                                  const std::shared_ptr<mqttConfig>& cfg) {
@@ -98,19 +44,13 @@ std::optional<ConnectionMaterial> storedMaterial(certs::CertificateUtil& certifi
     return material;
 }
 
-// The credential service over a fresh HTTPS request per exchange; cancel()
-// ends the one in flight.
+// The credential service over a fresh HTTPS request per exchange. The
+// request runs on the HTTPS client's own thread, so that an abort, whenever
+// it comes, finds it running and cancels it.
 class HttpsCredentialRequester : public CredentialRequester {
 public:
-    bool request(const OtpRequest& r, std::string& response) override {
+    bool request(const OtpRequest& r, std::string& response, CORE::coreevent& abort) override {
         const net::HttpRequestPtr request = net::curlHttpRequestFactory()();
-        {
-            CORE::MutexLock lock(mutex_);
-            if (std::exchange(cancelled_, false)) {
-                return false;  // cancelled before it began
-            }
-            active_ = request;
-        }
         request->setTimeout(r.timeoutSeconds);
         if (!r.thumbprint.empty()) {
             request->setPinnedThumbprint(r.thumbprint);
@@ -127,28 +67,47 @@ public:
         if (!r.proxyAutoConfigUrl.empty()) {
             request->setPacUrl(r.proxyAutoConfigUrl);
         }
-        const bool ok = request->postSync(net::ContentType::Json, r.url, r.body, response);
-        CORE::MutexLock lock(mutex_);
-        active_.reset();
-        return ok && !std::exchange(cancelled_, false);
-    }
-
-    void cancel() override {
-        net::HttpRequestPtr active;
+        struct Exchange {
+            std::mutex mutex;
+            std::condition_variable ended;
+            bool done = false;
+            bool aborted = false;
+            bool ok = false;
+            std::string body;
+        };
+        auto exchange = std::make_shared<Exchange>();
+        const bool started =
+            request->postAsync(net::ContentType::Json, r.url, r.body,
+                               [exchange](net::HttpRequest* req, std::string body) {
+                                   std::lock_guard lock(exchange->mutex);
+                                   exchange->ok = req->isSuccess();
+                                   exchange->body = std::move(body);
+                                   exchange->done = true;
+                                   exchange->ended.notify_all();
+                               });
+        if (!started) {
+            return false;
+        }
         {
-            CORE::MutexLock lock(mutex_);
-            cancelled_ = true;
-            active = active_;
+            CORE::coreevent::Waker stop(abort, [exchange] {
+                std::lock_guard lock(exchange->mutex);
+                exchange->aborted = true;
+                exchange->ended.notify_all();
+            });
+            std::unique_lock lock(exchange->mutex);
+            // The overall budget, as a synchronous request keeps it.
+            exchange->ended.wait_for(lock, std::chrono::seconds(r.timeoutSeconds),
+                                     [&] { return exchange->done || exchange->aborted; });
         }
-        if (active) {
-            active->cancelRequest();
+        // Ends a request still running; no callback runs once this returns.
+        request->cancelRequest();
+        std::lock_guard lock(exchange->mutex);
+        if (!exchange->done) {
+            return false;
         }
+        response = std::move(exchange->body);
+        return exchange->ok;
     }
-
-private:
-    CORE::Mutex mutex_;
-    net::HttpRequestPtr active_ MFW_GUARDED_BY(mutex_);
-    bool cancelled_ MFW_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace
@@ -160,10 +119,6 @@ MqttManagerDependencies defaultDependencies() {
     deps.connectionMaterial = [certificates] {
         auto cfg = mqttConfig::current();
         return cfg ? storedMaterial(*certificates, cfg) : std::nullopt;
-    };
-    deps.clientCertificateUsable = [certificates] {
-        auto cfg = mqttConfig::current();
-        return cfg && checkCertificateValidity(*certificates, cfg->getAgentIdentity());
     };
     deps.credentials = std::make_shared<HttpsCredentialRequester>();
     return deps;

@@ -47,6 +47,14 @@ void Healing::StartTearDownThread(bool reconnect) {
     });
 }
 
+void Healing::ReconnectNow() {
+    if (tearDown_.start([this] { PerformReconnect(); }) == CORE::TaskThread::Started::Busy) {
+        // A running tear-down reconnects with the newest material anyway.
+        MFW_LOG(CORE::kLogDebug,
+                "MqttManager::ReconnectNow(): A tear-down runs already; it reconnects");
+    }
+}
+
 void Healing::StopTearDownThread() {
     MFW_LOG(CORE::kLogDebug, "MqttManager::StopTearDownThread(): Stopping the tear down thread.");
     tearDown_.close();
@@ -54,11 +62,11 @@ void Healing::StopTearDownThread() {
 
 bool Healing::StartHealingThread(const std::string& reason) {
     switch (healing_.start([this, reason] { HealConnection(reason); })) {
-        case TaskThread::Started::Yes:
-        case TaskThread::Started::Busy:  // already healing
+        case CORE::TaskThread::Started::Yes:
+        case CORE::TaskThread::Started::Busy:  // already healing
             return true;
-        case TaskThread::Started::Closed:
-        case TaskThread::Started::Failed:
+        case CORE::TaskThread::Started::Closed:
+        case CORE::TaskThread::Started::Failed:
             break;
     }
     return false;
@@ -81,8 +89,7 @@ void Healing::HealConnection(const std::string& reason) {
     if (!waitBeforeReconnect()) {
         return;
     }
-    const auto& usable = manager_.deps_.clientCertificateUsable;
-    if (usable && !usable()) {
+    if (!manager_.clientCertificateUsable(false)) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::HealConnection(): The client certificate cannot be used or renewed; "
                 "a new pairing is required.");

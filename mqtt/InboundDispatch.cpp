@@ -52,6 +52,8 @@ void MqttManager::OnMessage(const std::string& topic, const std::string& payload
     } else if (topic == topics.otpToken) {
         if (deps_.otpTokenHandler) {
             deps_.otpTokenHandler(root);
+        } else {
+            certMonitor_->HandleOTPTokenResponseMessage(root);
         }
     } else {
         MFW_LOG(CORE::kLogWarning,

@@ -36,16 +36,18 @@ void MqttManager::ReleaseInstance() {
 
 MqttManager::MqttManager(MqttManagerDependencies deps)
     : deps_(std::move(deps)),
+      certificates_(deps_.certificates ? deps_.certificates
+                                       : std::make_shared<certs::CertificateUtil>()),
       shutdownEvent_(CORE::coreevent::Reset::Manual, false, *deps_.time),
       metrics_([this] { return GetStateName(); }),
       connection_(
           deps_.clientFactory ? deps_.clientFactory : pahoClientFactory(), *this,
           [this](std::function<void()> work) { return executor_.post(std::move(work)); },
           *deps_.time),
-      registration_(
-          *this,
-          deps_.certificates ? deps_.certificates : std::make_shared<certs::CertificateUtil>(),
-          deps_.credentials) {
+      registration_(*this, certificates_, deps_.credentials),
+      certMonitor_(std::make_unique<certs::CertMonitor>(
+          static_cast<certs::CertMonitorHost&>(*this), [this] { return config(); }, certificates_,
+          *deps_.time)) {
     // The filter's settings are read once, when the manager is built.
     auto cfg = config();
     duplicates_ = std::make_unique<DuplicateMessageHandler>(
@@ -57,6 +59,7 @@ MqttManager::MqttManager(MqttManagerDependencies deps)
 MqttManager::~MqttManager() {
     // Threads must not outlive the object; Stop is normally called before.
     shutdownEvent_.set();
+    certMonitor_->Stop();
     registration_.interrupt();
     std::unique_ptr<CORE::corethread> registration;
     {
@@ -149,6 +152,13 @@ bool MqttManager::Start() {
 
     shutdownEvent_.reset();
     healing_.reopen();
+    // A swap a crash interrupted: certificate and pairing values agree again
+    // before anything reads them.
+    certMonitor_->RepairInterruptedSwap();
+    config()->setLiveChangeHandlers(
+        {.asyncSessionSecondsChanged = {},
+         .triggerCertRefresh = [this](bool forced) { certMonitor_->TriggerRefresh(forced); },
+         .triggerCertSwap = [this] { certMonitor_->TriggerRefreshAndSwap(); }});
     metrics_.load();
     executor_.start();
     if (deps_.runRegistrationThread) {
@@ -203,6 +213,8 @@ bool MqttManager::Stop() {
     }
 
     healing_.StopHealingThread();
+    certMonitor_->Stop();
+    config()->setLiveChangeHandlers({});
     duplicates_->Clear();
     healing_.StopTearDownThread();
     TearDownConnection();

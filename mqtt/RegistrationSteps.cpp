@@ -110,8 +110,7 @@ bool Registration::ReadAndValidatePairingData() {
     }
     MFW_LOG(CORE::kLogDebug,
             "MqttManager::ReadAndValidatePairingData(): Checking certificate validity.");
-    const auto& usable = manager_.deps_.clientCertificateUsable;
-    if (usable && usable()) {
+    if (manager_.clientCertificateUsable(true)) {
         manager_.pairedFlag_ = true;
         return true;
     }
@@ -186,11 +185,12 @@ bool Registration::CreateAgentKeyPair() {
     return true;
 }
 
-bool Registration::MakeOTPRequest(const std::string& vmId, const std::string& csrBase64,
-                                  std::string& response) {
+bool Registration::MakeOTPRequest(const std::string& url, const std::string& vmId,
+                                  const std::string& otp, const std::string& csrBase64,
+                                  std::string& response, CORE::coreevent& abort) {
     auto cfg = manager_.config();
     OtpRequest request;
-    request.url = cfg->getOtpUrl();
+    request.url = url;
     request.thumbprint = cfg->getSslCertThumbprint();
     request.checkRevocation = cfg->getCertRevocation();
     request.proxyServer = CORE::toUtf8(cfg->getHttpProxyServer());
@@ -199,7 +199,7 @@ bool Registration::MakeOTPRequest(const std::string& vmId, const std::string& cs
     request.timeoutSeconds = static_cast<std::uint32_t>(cfg->getHubRequestTimeout());
     Json::Value body(Json::objectValue);
     body["vmId"] = vmId;
-    body["otp"] = cfg->getOtp();
+    body["otp"] = otp;
     body["clientCsr"] = csrBase64;
     request.body = MqttManagerUtil::writeCompact(body);
     MFW_LOG(CORE::kLogDebug,
@@ -210,13 +210,8 @@ bool Registration::MakeOTPRequest(const std::string& vmId, const std::string& cs
             "%s. PACURL: %s.",
             net::redactUrl(request.proxyServer).c_str(), request.proxyBypass.c_str(),
             net::redactUrl(request.proxyAutoConfigUrl).c_str());
-    if (!credentials_) {
-        return false;
-    }
-    // Stopping cancels the request: the service may hold it for minutes.
-    CORE::coreevent::Waker cancelOnStop(manager_.shutdownEvent(),
-                                        [this] { credentials_->cancel(); });
-    return credentials_->request(request, response);
+    // `abort` cancels the request: the service may hold it for minutes.
+    return credentials_ && credentials_->request(request, response, abort);
 }
 
 bool Registration::RequestCredentials() {
@@ -227,7 +222,8 @@ bool Registration::RequestCredentials() {
     MFW_LOG(CORE::kLogDebug, "MqttManager::RequestCredentials(): Requesting credentials from hub.");
     auto cfg = manager_.config();
     std::string response;
-    if (!MakeOTPRequest(cfg->getVmIdPend(), cfg->pairingSecrets().csr, response)) {
+    if (!MakeOTPRequest(cfg->getOtpUrl(), cfg->getVmIdPend(), cfg->getOtp(),
+                        cfg->pairingSecrets().csr, response, manager_.shutdownEvent())) {
         MFW_LOG(CORE::kLogError,
                 "MqttManager::RequestCredentials(): Failed to register with REST API.");
         HandlePendingRetries();

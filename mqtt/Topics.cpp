@@ -183,6 +183,9 @@ void MqttManager::OnSubscribeSuccess(int index) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::OnSubscribeSuccess(): Subscribed to unknown topic");
     }
+    if (index == kSubOtpToken) {
+        certMonitor_->Start();
+    }
     if (index == kSubDTemplate && needIdFlag_) {
         Json::Value status;
         BuildStatusMessage(status, "NEED_ID", 0, {});

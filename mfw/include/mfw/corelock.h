@@ -69,6 +69,9 @@ public:
     void wait(std::condition_variable& cv, Predicate pred) {
         cv.wait(lock_, pred);
     }
+    // The lock underneath, for waits that take a std::unique_lock (a
+    // TimeSource's, say); it must be held again when they return.
+    std::unique_lock<std::mutex>& native() { return lock_; }
     template <class Rep, class Period, class Predicate>
     bool waitFor(std::condition_variable& cv, std::chrono::duration<Rep, Period> limit,
                  Predicate pred) {

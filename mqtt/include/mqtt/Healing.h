@@ -4,7 +4,7 @@
 // count of TLS failures that starts healing, and the endpoint change under
 // way. Reconnects and tear-downs run only on these tasks.
 
-#include "mqtt/TaskThread.h"
+#include <mfw/TaskThread.h>
 
 #include <mfw/PropertyBag.h>
 #include <mfw/corelock.h>
@@ -29,6 +29,9 @@ public:
     // True when healing runs (started now or already running).
     bool StartHealingThread(const std::string& reason);
     void StartTearDownThread(bool reconnect);
+    // Tears the client down and connects again at once, with the stored
+    // material (after a certificate swap).
+    void ReconnectNow();
     // Wait for the running task; no new task starts until reopen().
     void StopHealingThread();
     void StopTearDownThread();
@@ -45,8 +48,8 @@ private:
     bool waitBeforeReconnect();
 
     MqttManager& manager_;
-    TaskThread healing_{"MqttHealing"};
-    TaskThread tearDown_{"MqttTearDown"};
+    CORE::TaskThread healing_{"MqttHealing"};
+    CORE::TaskThread tearDown_{"MqttTearDown"};
     std::atomic<int> consecutiveTlsFailures_{0};
 
     CORE::Mutex changeLock_;

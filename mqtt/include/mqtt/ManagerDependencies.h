@@ -8,6 +8,7 @@
 #include "mqtt/MqttClient.h"
 
 #include <mfw/PropertyBag.h>
+#include <mfw/coreevent.h>
 #include <platform/TimeSource.h>
 
 #include <json/value.h>
@@ -49,14 +50,14 @@ struct OtpRequest {
     std::uint32_t timeoutSeconds = 150;
 };
 
-// Sends the one-time-password request. One request at a time; cancel() may
-// come from any thread and makes a running request return false promptly.
+// Sends the one-time-password request. Requests may run at once (pairing and
+// renewal); each ends, returning false, as soon as its `abort` is set.
 class CredentialRequester {
 public:
     virtual ~CredentialRequester() = default;
     // True and the answer body when the exchange itself worked.
-    virtual bool request(const OtpRequest& request, std::string& response) = 0;
-    virtual void cancel() = 0;
+    virtual bool request(const OtpRequest& request, std::string& response,
+                         CORE::coreevent& abort) = 0;
 };
 
 struct MqttManagerDependencies {
@@ -87,7 +88,7 @@ struct MqttManagerDependencies {
     std::function<void(CORE::PropertyBag&)> startSessionEnricher;
     // Is the current (or else the pending) client certificate present, valid
     // and issued to the agent identity? Healing goes back to requiring a new
-    // pairing when it is not.
+    // pairing when it is not. By default the certificate monitor answers.
     std::function<bool()> clientCertificateUsable;
     // The credential service.
     std::shared_ptr<CredentialRequester> credentials;

@@ -9,6 +9,7 @@
 //
 // Threads and locks: docs/architecture.md, "Threading contract".
 
+#include "certs/CertMonitor.h"
 #include "mqtt/ConnectionInfo.h"
 #include "mqtt/Healing.h"
 #include "mqtt/ManagerDependencies.h"
@@ -35,7 +36,7 @@
 
 namespace ndpx {
 
-class MqttManager : private MqttClientListener {
+class MqttManager : private MqttClientListener, private certs::CertMonitorHost {
 public:
     static MqttManager& GetInstance();
     // Destroys the process's manager, whose threads (the duplicate filter's
@@ -153,6 +154,16 @@ private:
     void onDisconnectFailure(const MqttFailure& failure) override;
     void onSslError(const std::string& text) override;
 
+    // certs::CertMonitorHost: what the certificate monitor needs (RenewalHost.cpp).
+    bool publishCredentialsRequest(const Json::Value& request) override;
+    bool requestCredentials(const std::string& url, const std::string& vmId, const std::string& otp,
+                            const std::string& csrBase64, std::string& response,
+                            CORE::coreevent& abort) override;
+    bool brokerAccepts(const std::string& certPem, const std::string& keyPem,
+                       CORE::coreevent& abort) override;
+    CORE::Mutex& pairingLock() override;
+    void certificateSwapped() override;
+
     // The state as the session's own threads move it: once Stop has begun
     // they leave STOPPING alone.
     void setRunState(std::int32_t state);
@@ -161,6 +172,9 @@ private:
     CORE::coreevent& shutdownEvent() { return shutdownEvent_; }
     std::string currentEndpoint() const { return info_.currentEndpoint(); }
     void ResetRunData();
+    // The current (or pending) client certificate can be used; the
+    // certificate monitor answers unless a test gave its own answer.
+    bool clientCertificateUsable(bool pairingLockHeld);
     void postConnectWork();
     void classifyConnectFailure();
     // The connection material, and what Connect takes from it for later.
@@ -173,6 +187,7 @@ private:
     std::string persistenceFolder() MFW_EXCLUDES(materialLock_);
 
     MqttManagerDependencies deps_;
+    const std::shared_ptr<certs::CertificateUtil> certificates_;
     CORE::coreevent shutdownEvent_;
     std::atomic<bool> started_{false};
     // From the first step of Stop: connection events no longer move the
@@ -225,6 +240,9 @@ private:
 
     CORE::Mutex registrationThreadLock_;
     std::unique_ptr<CORE::corethread> registrationThread_ MFW_GUARDED_BY(registrationThreadLock_);
+
+    // Declared last: its thread, which calls into the rest, goes first.
+    std::unique_ptr<certs::CertMonitor> certMonitor_;
 };
 
 }  // namespace ndpx

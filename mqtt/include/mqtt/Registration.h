@@ -48,8 +48,11 @@ public:
     bool ReadAndValidatePairingData() MFW_REQUIRES(mutex_);
     bool CreateAgentKeyPair() MFW_REQUIRES(mutex_);
     bool RequestCredentials() MFW_REQUIRES(mutex_);
-    bool MakeOTPRequest(const std::string& vmId, const std::string& csrBase64,
-                        std::string& response);
+    // The one-time-password exchange, for pairing and for renewal alike;
+    // it ends when `abort` is set.
+    bool MakeOTPRequest(const std::string& url, const std::string& vmId, const std::string& otp,
+                        const std::string& csrBase64, std::string& response,
+                        CORE::coreevent& abort);
     bool StorePairingData() MFW_REQUIRES(mutex_);
     bool MarkPairedState() MFW_REQUIRES(mutex_);
     bool HandleActiveRetries() MFW_REQUIRES(mutex_);

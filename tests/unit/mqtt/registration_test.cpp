@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <fstream>
 #include <future>
 
@@ -108,32 +107,17 @@ TEST_F(RegistrationTest, AStopAndStartRunsTheChainAgainWithFreshRunValues) {
 TEST_F(RegistrationTest, StoppingCancelsACredentialRequestInFlight) {
     class HeldRequester : public CredentialRequester {
     public:
-        bool request(const OtpRequest&, std::string&) override {
-            std::unique_lock lock(mutex_);
-            entered_ = true;
-            changed_.notify_all();
-            changed_.wait_for(lock, 30s, [&] { return cancelled_; });
+        bool request(const OtpRequest&, std::string&, CORE::coreevent& abort) override {
+            entered_.set();
+            cancelled_ = abort.wait(30s);
             return false;
         }
-        void cancel() override {
-            std::lock_guard lock(mutex_);
-            cancelled_ = true;
-            changed_.notify_all();
-        }
-        bool waitEntered() {
-            std::unique_lock lock(mutex_);
-            return changed_.wait_for(lock, 30s, [&] { return entered_; });
-        }
-        bool cancelled() {
-            std::lock_guard lock(mutex_);
-            return cancelled_;
-        }
+        bool waitEntered() { return entered_.wait(30s); }
+        bool cancelled() const { return cancelled_.load(); }
 
     private:
-        std::mutex mutex_;
-        std::condition_variable changed_;
-        bool entered_ = false;
-        bool cancelled_ = false;
+        CORE::coreevent entered_;
+        std::atomic<bool> cancelled_{false};
     };
     // Complete provisioning values: the chain pairs without a spec file.
     for (const auto& [name, value] : {std::pair{"mqtt_VmId_pend", "vm7"},

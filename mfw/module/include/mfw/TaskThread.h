@@ -12,7 +12,7 @@
 #include <memory>
 #include <string>
 
-namespace ndpx {
+namespace CORE {
 
 class TaskThread {
 public:
@@ -29,10 +29,10 @@ public:
 
 private:
     const std::string name_;
-    CORE::Mutex mutex_;
-    std::unique_ptr<CORE::corethread> thread_ MFW_GUARDED_BY(mutex_);
+    Mutex mutex_;
+    std::unique_ptr<corethread> thread_ MFW_GUARDED_BY(mutex_);
     std::shared_ptr<std::atomic<bool>> done_ MFW_GUARDED_BY(mutex_);
     bool closed_ MFW_GUARDED_BY(mutex_) = false;
 };
 
-}  // namespace ndpx
+}  // namespace CORE

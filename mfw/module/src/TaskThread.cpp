@@ -1,11 +1,11 @@
-#include "mqtt/TaskThread.h"
+#include <mfw/TaskThread.h>
 
-namespace ndpx {
+namespace CORE {
 
 TaskThread::Started TaskThread::start(std::function<void()> task) {
-    std::unique_ptr<CORE::corethread> finished;
+    std::unique_ptr<corethread> finished;
     {
-        CORE::MutexLock lock(mutex_);
+        MutexLock lock(mutex_);
         if (closed_) {
             return Started::Closed;
         }
@@ -14,7 +14,7 @@ TaskThread::Started TaskThread::start(std::function<void()> task) {
         }
         finished = std::move(thread_);
         auto done = std::make_shared<std::atomic<bool>>(false);
-        auto thread = std::make_unique<CORE::corethread>();
+        auto thread = std::make_unique<corethread>();
         const bool started = thread->start(name_, [task = std::move(task), done] {
             // Marked done even when the task throws (the thread logs it).
             struct MarkDone {
@@ -36,10 +36,10 @@ TaskThread::Started TaskThread::start(std::function<void()> task) {
 }
 
 bool TaskThread::close() {
-    std::unique_ptr<CORE::corethread> running;
+    std::unique_ptr<corethread> running;
     bool unfinished = false;
     {
-        CORE::MutexLock lock(mutex_);
+        MutexLock lock(mutex_);
         closed_ = true;
         running = std::move(thread_);
         unfinished = running && !done_->load();
@@ -51,8 +51,8 @@ bool TaskThread::close() {
 }
 
 void TaskThread::reopen() {
-    CORE::MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     closed_ = false;
 }
 
-}  // namespace ndpx
+}  // namespace CORE
