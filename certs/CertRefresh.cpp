@@ -312,8 +312,15 @@ bool CertMonitor::ActivatePendingCertificate(bool swapForced, bool pairingLockHe
     // Proven before it is committed to: a certificate the broker refuses
     // would strand the desktop, the current one keeps working meanwhile.
     ClientCredentials pending;
-    if (!certificates_->RetrieveCertificates(true, config_()->getAgentIdentity(), pending) ||
-        !host_.brokerAccepts(pending.clientCertPem, pending.privateKeyPem, stopEvent_)) {
+    if (!certificates_->RetrieveCertificates(true, config_()->getAgentIdentity(), pending)) {
+        MFW_LOG(CORE::kLogError,
+                "CertMonitor::ActivatePendingCertificate(): No pending certificate of the agent "
+                "identity; keeping the current one");
+        sendEvent(kEventSwapFailed, "NO PENDING CERTIFICATE");
+        noteRenewal("no pending certificate of the agent identity");
+        return false;
+    }
+    if (!host_.brokerAccepts(pending.clientCertPem, pending.privateKeyPem, stopEvent_)) {
         MFW_LOG(CORE::kLogError,
                 "CertMonitor::ActivatePendingCertificate(): The broker does not accept the "
                 "pending certificate; keeping the current one");
