@@ -10,8 +10,9 @@ namespace {
 constexpr int kDataTypeJson = 4;
 }
 
-MqttLmMonConsumer::MqttLmMonConsumer(std::function<std::string()> stateName)
-    : stateName_(std::move(stateName)) {}
+MqttLmMonConsumer::MqttLmMonConsumer(std::function<std::string()> stateName,
+                                     std::function<Json::Value()> certificate)
+    : stateName_(std::move(stateName)), certificate_(std::move(certificate)) {}
 
 MqttLmMonConsumer::~MqttLmMonConsumer() {
     unload();
@@ -42,6 +43,11 @@ bool MqttLmMonConsumer::DoSetMetricCallback() {
     MFW_LOG(CORE::kLogDebug, "MqttLmMonConsumer::DoSetMetricCallback(): state=%s", name.c_str());
     Json::Value root(Json::objectValue);
     root["mqttState"]["state"] = name;
+    if (certificate_) {
+        if (Json::Value certificate = certificate_(); !certificate.isNull()) {
+            root["clientCertificate"] = std::move(certificate);
+        }
+    }
     return SendData("MQTTMetrics", "ndpx_mqtt", "MQTTMetrics", kDataTypeJson,
                     MqttManagerUtil::writeCompact(root));
 }

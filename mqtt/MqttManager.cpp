@@ -39,7 +39,7 @@ MqttManager::MqttManager(MqttManagerDependencies deps)
       certificates_(deps_.certificates ? deps_.certificates
                                        : std::make_shared<certs::CertificateUtil>()),
       shutdownEvent_(CORE::coreevent::Reset::Manual, false, *deps_.time),
-      metrics_([this] { return GetStateName(); }),
+      metrics_([this] { return GetStateName(); }, [this] { return certificateMetric(); }),
       connection_(
           deps_.clientFactory ? deps_.clientFactory : pahoClientFactory(), *this,
           [this](std::function<void()> work) { return executor_.post(std::move(work)); },
@@ -58,6 +58,7 @@ MqttManager::MqttManager(MqttManagerDependencies deps)
 
 MqttManager::~MqttManager() {
     // Threads must not outlive the object; Stop is normally called before.
+    metrics_.unload();
     shutdownEvent_.set();
     certMonitor_->Stop();
     registration_.interrupt();

@@ -7,7 +7,9 @@
 
 #include "TlsRefusalProbe.h"
 
+#include <mfw/corestring.h>
 #include <mfw/moduleLog.h>
+#include <platform/CalendarTime.h>
 #include <platform/Paths.h>
 
 namespace ndpx {
@@ -17,6 +19,22 @@ bool MqttManager::clientCertificateUsable(bool pairingLockHeld) {
         return deps_.clientCertificateUsable();
     }
     return certMonitor_->CheckCertificateValidity(pairingLockHeld);
+}
+
+Json::Value MqttManager::certificateMetric() {
+    Json::Value out(Json::objectValue);
+    if (const auto left = certMonitor_->secondsToExpiry()) {
+        out["secondsToExpiry"] = Json::Int64(*left);
+    }
+    if (const auto renewal = certMonitor_->lastRenewal()) {
+        const std::tm t =
+            platform::utcCalendarTime(std::chrono::system_clock::to_time_t(renewal->when));
+        out["lastRenewal"] =
+            CORE::format("%04d-%02d-%02dT%02d:%02d:%02dZ", t.tm_year + 1900, t.tm_mon + 1,
+                         t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+        out["lastRenewalResult"] = renewal->result;
+    }
+    return out.empty() ? Json::Value() : out;
 }
 
 bool MqttManager::publishCredentialsRequest(const Json::Value& request) {

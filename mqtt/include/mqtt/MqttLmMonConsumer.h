@@ -1,6 +1,8 @@
 #pragma once
 // Reports the session state to the agent's metrics service.
 
+#include <json/value.h>
+
 #include <functional>
 #include <string>
 
@@ -8,8 +10,11 @@ namespace ndpx {
 
 class MqttLmMonConsumer {
 public:
-    // `stateName` reads the current state's name when a metric is collected.
-    explicit MqttLmMonConsumer(std::function<std::string()> stateName);
+    // `stateName` reads the current state's name when a metric is collected;
+    // `certificate`, when given, what is known of the client certificate
+    // (a JSON object, or null when nothing is).
+    explicit MqttLmMonConsumer(std::function<std::string()> stateName,
+                               std::function<Json::Value()> certificate = {});
     ~MqttLmMonConsumer();
     MqttLmMonConsumer(const MqttLmMonConsumer&) = delete;
     MqttLmMonConsumer& operator=(const MqttLmMonConsumer&) = delete;
@@ -30,6 +35,7 @@ private:
                   int dataType, const std::string& value);
 
     std::function<std::string()> stateName_;
+    std::function<Json::Value()> certificate_;
     int collectorId_ = 0;
 };
 

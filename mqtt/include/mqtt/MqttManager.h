@@ -175,6 +175,8 @@ private:
     // The current (or pending) client certificate can be used; the
     // certificate monitor answers unless a test gave its own answer.
     bool clientCertificateUsable(bool pairingLockHeld);
+    // The client certificate's time left and last renewal, for the metric.
+    Json::Value certificateMetric();
     void postConnectWork();
     void classifyConnectFailure();
     // The connection material, and what Connect takes from it for later.
