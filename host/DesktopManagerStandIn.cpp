@@ -62,7 +62,7 @@ void listSessions(CORE::PropertyBag& response) {
 void relayEvent(const CORE::PropertyBag& request, CORE::PropertyBag& response) {
     const long long type = request.getInt64(L"Type").value_or(0);
     if (CORE::MessageHandler::PostMsg(L"MQTT", L"SendEvent", request)) {
-        CORE::__SysMessage(kSource, CORE::kLogDebug, "DesktopManager: event %lld relayed to MQTT",
+        CORE::__SysMessage(kSource, CORE::kLogInfo, "DesktopManager: event %lld relayed to MQTT",
                            type);
     } else {
         CORE::__SysMessage(kSource, CORE::kLogWarning,
