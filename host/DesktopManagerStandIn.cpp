@@ -54,6 +54,23 @@ void listSessions(CORE::PropertyBag& response) {
     response.set(L"RESULT", L"OK");
 }
 
+// The module reports the agent's events (certificate renewal among them) to
+// the desktop manager, which hands them back to the module's worker to be
+// published, as the agent's own desktop worker does. Posted, not sent: the
+// sender gets its answer at once and a busy or stopping module never holds
+// up this worker or the host's shutdown.
+void relayEvent(const CORE::PropertyBag& request, CORE::PropertyBag& response) {
+    const long long type = request.getInt64(L"Type").value_or(0);
+    if (CORE::MessageHandler::PostMsg(L"MQTT", L"SendEvent", request)) {
+        CORE::__SysMessage(kSource, CORE::kLogInfo, "DesktopManager: event %lld relayed to MQTT",
+                           type);
+    } else {
+        CORE::__SysMessage(kSource, CORE::kLogWarning,
+                           "DesktopManager: event %lld dropped, no worker MQTT", type);
+    }
+    response.set(L"RESULT", L"OK");
+}
+
 class DesktopManagerOperation : public CORE::serviceOperation {
 public:
     bool handleMessage(const std::wstring& operation, CORE::PropertyBag& request,
@@ -64,6 +81,10 @@ public:
         }
         if (CORE::iequals(operation, L"ListSessions")) {
             listSessions(response);
+            return true;
+        }
+        if (CORE::iequals(operation, L"SendEvent")) {
+            relayEvent(request, response);
             return true;
         }
         if (CORE::iequals(operation, L"Echo")) {

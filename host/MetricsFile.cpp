@@ -1,38 +1,53 @@
-#include "MetricsFile.h"
+#include "host/MetricsFile.h"
 
 #include <platform/Paths.h>
 
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <exception>
 #include <fstream>
+#include <memory>
 
 namespace ndpx::host {
+namespace {
+
+// Strict, so that text which only starts like JSON ("2024-05-01", "1.2.3")
+// stays the text it is; a lone number or string is still JSON.
+Json::Value valueOf(const std::string& text) {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    builder["strictRoot"] = false;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value parsed;
+    std::string errors;
+    try {
+        if (reader->parse(text.data(), text.data() + text.size(), &parsed, &errors)) {
+            return parsed;
+        }
+    } catch (const std::exception&) {
+        // Nested deeper than the reader's limit: not for the file as JSON.
+    }
+    return Json::Value(text);
+}
+
+}  // namespace
 
 MetricsFile::MetricsFile(std::filesystem::path file) : file_(std::move(file)) {}
 
 bool MetricsFile::sendData(const CORE::MetricRecord& record) {
+    Json::Value entry(Json::objectValue);
+    entry["source"] = record.source;
+    entry["category"] = record.category;
+    entry["dataType"] = record.dataType;
+    entry["value"] = valueOf(record.value);
     std::lock_guard lock(mutex_);
-    latest_[record.key] = record;
+    latest_[record.key] = std::move(entry);
     writeLockHeld();
     return true;
 }
 
 void MetricsFile::writeLockHeld() {
-    Json::Value root(Json::objectValue);
-    for (const auto& [key, r] : latest_) {
-        Json::Value entry(Json::objectValue);
-        entry["source"] = r.source;
-        entry["category"] = r.category;
-        entry["dataType"] = r.dataType;
-        Json::Value parsed;
-        Json::CharReaderBuilder builder;
-        std::string errors;
-        std::istringstream in(r.value);
-        entry["value"] =
-            Json::parseFromStream(builder, in, &parsed, &errors) ? parsed : Json::Value(r.value);
-        root[key] = entry;
-    }
     // Meant for the monitoring tools, which need not run as this process's
     // user: readable by everyone, with folders everyone may pass, set
     // explicitly because the host's umask keeps everything else private.
@@ -50,7 +65,7 @@ void MetricsFile::writeLockHeld() {
     {
         std::ofstream out(tmp, std::ios::trunc);
         Json::StreamWriterBuilder writer;
-        out << Json::writeString(writer, root) << '\n';
+        out << Json::writeString(writer, latest_) << '\n';
     }
     std::error_code ec;
     fs::permissions(tmp, kFileMode, ec);

@@ -2,9 +2,9 @@
 // (workers, messages, settings watch, log, metrics) and stops cleanly on
 // SIGINT or SIGTERM.
 
-#include "MetricsFile.h"
 #include "SystemWorker.h"
 #include "host/DesktopManagerStandIn.h"
+#include "host/MetricsFile.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/PluginLoader.h>

@@ -13,6 +13,7 @@
 
 #include <csignal>
 #include <fstream>
+#include <sstream>
 
 namespace ndpx::test {
 namespace {
@@ -142,6 +143,23 @@ TEST_F(PairingTest, ProvisionedDesktopPairsConnectsAnswersAndReconnectsFromItsCa
     // The client certificate carries the agent identity; the password is gone.
     const auto certs = run({CERTCTL_PATH, "--root", root_.path().string(), "list"});
     EXPECT_NE(certs.output.find("CN=e1t3_vm7"), std::string::npos) << certs.output;
+    EXPECT_NE(certs.output.find("Role:          current client certificate (in use)"),
+              std::string::npos)
+        << certs.output;
+    const auto listed = run({CERTCTL_PATH, "--root", root_.path().string(), "list", "--json"});
+    Json::Value json;
+    std::istringstream jsonText(listed.output);
+    ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), jsonText, &json, nullptr))
+        << listed.output;
+    std::size_t current = 0;
+    for (const auto& c : json["certificates"]) {
+        if (c["role"].asString() == "current") {
+            ++current;
+            EXPECT_EQ(c["subject"].asString(), "CN=e1t3_vm7");
+            EXPECT_GT(c["secondsToExpiry"].asInt64(), 0);
+        }
+    }
+    EXPECT_EQ(current, 1u) << listed.output;
     const auto otpValue =
         run({REGCTL_PATH, "--root", root_.path().string(), "get", kNodeManager, "mqtt_Otp"});
     EXPECT_EQ(otpValue.output.find(otp), std::string::npos);

@@ -1,8 +1,10 @@
 // certctl: lists, shows and deletes the certificates of the agent's
-// certificate store, imports CA certificates (into "Root" to trust them) and
-// adds CRLs for revocation checks, the way an operator uses the certificate
-// manager on Windows. Key material is never printed.
+// certificate store (the agent's client certificates with their time left),
+// imports CA certificates (into "Root" to trust them) and adds CRLs for
+// revocation checks, the way an operator uses the certificate manager on
+// Windows. Key material is never printed.
 
+#include "certctl/CertListing.h"
 #include "certs/OpenSslUtil.h"
 #include "certs/linux/OpenSslCertStore.h"
 
@@ -10,16 +12,16 @@
 #include <mfw/moduleLog.h>
 #include <platform/Paths.h>
 
+#include <json/writer.h>
 #include <CLI/CLI.hpp>
 
-#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 
 namespace {
 
-using ndpx::certs::CertContext;
+namespace certctl = ndpx::certctl;
 using ndpx::certs::OpenSslCertStore;
 
 constexpr int kFailure = 1;  // nothing found, or the store refused
@@ -30,45 +32,22 @@ int fail(int code, const std::string& message) {
     return code;
 }
 
-std::string timeText(const ASN1_TIME* time) {
-    std::tm tm{};
-    if (time == nullptr || ASN1_TIME_to_tm(time, &tm) != 1) {
-        return "(unreadable)";
-    }
-    char buf[32];
-    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S UTC", &tm);
-    return buf;
-}
-
-void printCertificate(const CertContext& c, OpenSslCertStore& store, bool details) {
-    X509* cert = ndpx::certs::x509Of(c);
-    std::cout << "Friendly name: " << (c.friendlyName.empty() ? "(none)" : c.friendlyName) << '\n'
-              << "Subject:       " << ndpx::certs::nameToText(X509_get_subject_name(cert)) << '\n'
-              << "Issuer:        " << ndpx::certs::nameToText(X509_get_issuer_name(cert)) << '\n'
-              << "Valid from:    " << timeText(X509_get0_notBefore(cert)) << '\n'
-              << "Valid to:      " << timeText(X509_get0_notAfter(cert)) << '\n'
-              << "SHA-256:       " << ndpx::certs::thumbprintOf(cert) << '\n';
-    if (details) {
-        std::cout << "Serial:        " << ndpx::certs::serialHexOf(cert) << '\n';
-        if (c.keyContainer.empty()) {
-            std::cout << "Private key:   (none)\n";
-        } else {
-            std::cout << "Private key:   " << c.keyContainer
-                      << (store.KeyExists(c.keyContainer) ? "" : " (missing)") << '\n';
-        }
-        std::cout << ndpx::certs::x509ToPem(cert);
-    }
-}
-
-int runList(OpenSslCertStore& store, const std::string& storeName) {
+int runList(OpenSslCertStore& store, const std::string& storeName, bool json) {
     const auto handle = store.OpenCertificateStore(storeName);
     if (!handle) {
         return fail(kFailure, "cannot open store " + storeName + " in " + store.databaseFile());
     }
     const auto certs = store.EnumerateCertificates(handle);
+    const certctl::Time now = certctl::currentTime();
+    if (json) {
+        Json::StreamWriterBuilder writer;
+        writer["indentation"] = "  ";
+        std::cout << Json::writeString(writer, certctl::toJson(storeName, certs, now)) << '\n';
+        return 0;
+    }
     for (std::size_t i = 0; i < certs.size(); ++i) {
         std::cout << (i == 0 ? "" : "\n");
-        printCertificate(certs[i], store, false);
+        certctl::printText(std::cout, certs[i], storeName, store, false, now);
     }
     if (certs.empty()) {
         std::cout << "store " << storeName << " is empty\n";
@@ -86,7 +65,7 @@ int runShow(OpenSslCertStore& store, const std::string& storeName,
     for (const auto& c : store.EnumerateCertificates(handle)) {
         if (c.friendlyName == friendlyName) {
             std::cout << (shown++ == 0 ? "" : "\n");
-            printCertificate(c, store, true);
+            certctl::printText(std::cout, c, storeName, store, true, certctl::currentTime());
         }
     }
     if (shown == 0) {
@@ -172,11 +151,13 @@ int main(int argc, char** argv) {
     bool verbose = false;
     std::string storeName = "My";
     std::string friendlyName;
+    bool json = false;
     app.add_option("--root", root, "Root prefix of the machine paths (default: $NDPX_ROOT or /)");
     app.add_flag("--verbose,-v", verbose, "Print the store's log lines");
 
     auto* list = app.add_subcommand("list", "List the certificates of a store");
     list->add_option("--store", storeName, "Store name")->capture_default_str();
+    list->add_flag("--json", json, "Print JSON for scripts");
     auto* show = app.add_subcommand("show", "Show the certificates with a friendly name");
     show->add_option("FRIENDLYNAME", friendlyName, "Friendly name")->required();
     show->add_option("--store", storeName, "Store name")->capture_default_str();
@@ -219,7 +200,7 @@ int main(int argc, char** argv) {
 
     OpenSslCertStore store;
     if (list->parsed()) {
-        return runList(store, storeName);
+        return runList(store, storeName, json);
     }
     if (show->parsed()) {
         return runShow(store, storeName, friendlyName);

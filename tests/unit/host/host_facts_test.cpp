@@ -1,8 +1,10 @@
 // The desktop manager stand-in reports real facts about the machine and its
-// login sessions, and echoes requests unchanged.
+// login sessions, echoes requests unchanged and hands events on to the
+// module.
 
 #include "host/DesktopManagerStandIn.h"
 #include "host/HostFacts.h"
+#include "support/StubWorker.h"
 #include "support/TempDir.h"
 
 #include <mfw/MessageFrameWork.h>
@@ -136,6 +138,30 @@ TEST_F(DesktopManagerStandInTest, EchoReturnsTheRequestUnchangedAndUnknownComman
     CORE::PropertyBag unknown;
     EXPECT_EQ(send(L"NoSuchCommand", {}, unknown), CORE::kErrorNotImplemented);
     EXPECT_EQ(unknown.get(L"ERROR", L""), L"Unknown command NoSuchCommand");
+}
+
+// A certificate event from the module comes back to the module's worker
+// unchanged, to be published; the sender is answered without waiting for it,
+// and also when the module is gone.
+TEST_F(DesktopManagerStandInTest, SendEventIsHandedOnToTheModuleUnchanged) {
+    CORE::PropertyBag event;
+    event.setInt64(L"Type", 1016);
+    CORE::PropertyBag attributes;
+    attributes.set(L"Description", L"NO OTP");
+    event.addBag(L"attributes", attributes);
+    {
+        test::StubWorker mqtt(L"MQTT");
+        CORE::PropertyBag response;
+        ASSERT_EQ(send(L"SendEvent", event, response), CORE::kErrorSuccess);
+        EXPECT_EQ(response.get(L"RESULT", L""), L"OK");
+        const auto relayed = mqtt.nextMessage();
+        ASSERT_TRUE(relayed);
+        EXPECT_EQ(relayed->operation, L"SendEvent");
+        EXPECT_EQ(relayed->request, event);
+        EXPECT_EQ(relayed->request.getInt64(L"Type"), 1016);
+    }
+    CORE::PropertyBag response;
+    EXPECT_EQ(send(L"sendevent", event, response), CORE::kErrorSuccess);
 }
 
 }  // namespace

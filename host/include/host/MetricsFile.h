@@ -1,12 +1,16 @@
 #pragma once
 // The host's metrics sink: keeps the latest record of every key and writes
-// them all to a JSON file that operators and tests can read.
+// them all to a JSON file that operators and tests can read. Each key maps
+// to {"source", "category", "dataType", "value"}; a value that is JSON as a
+// whole (the module's metric is an object) is written as that JSON, any
+// other text as a string.
 
 #include <mfw/coretimer.h>
 #include <mfw/metrics.h>
 
+#include <json/value.h>
+
 #include <filesystem>
-#include <map>
 #include <mutex>
 
 namespace ndpx::host {
@@ -21,7 +25,7 @@ private:
 
     const std::filesystem::path file_;
     std::mutex mutex_;
-    std::map<std::string, CORE::MetricRecord> latest_;
+    Json::Value latest_{Json::objectValue};  // the file's content, by key
 };
 
 // Runs every registered collector once per period.
