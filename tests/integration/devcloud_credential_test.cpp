@@ -256,9 +256,9 @@ TEST_F(CredentialServiceTest, IssuesAClientCertificateForTheIdentityToTheCsrsKey
     EXPECT_EQ(postNew(*svc, kVmId, otp), 403);
 }
 
-TEST_F(CredentialServiceTest, ValidityAndWebSocketFlagsShapeTheAnswer) {
-    auto svc = startService({"--broker-host", "localhost", "--broker-port", "8443",
-                             "--validity-seconds", "120", "--ws"});
+TEST_F(CredentialServiceTest, LifetimeAndWebSocketFlagsShapeWhatIsIssued) {
+    auto svc = startService(
+        {"--broker-host", "localhost", "--broker-port", "8443", "--client-validity", "2m", "--ws"});
     const std::string otp = provision(*svc, {"--bootstrap-topic", "custom/topic"});
     const Reply r = post(*svc, requestBody(kVmId, otp, makeCsr(kIdentity).pem));
     ASSERT_EQ(r.status, 200) << r.body;
@@ -271,6 +271,18 @@ TEST_F(CredentialServiceTest, ValidityAndWebSocketFlagsShapeTheAnswer) {
     ASSERT_TRUE(cert);
     EXPECT_TRUE(expiresWithin(cert.get(), 100, 140));
     EXPECT_EQ(X509_cmp_current_time(X509_get0_notBefore(cert.get())), -1);
+
+    // Certificates issued by hand take the same lifetimes.
+    const std::string prefix = (tmp_.path() / "short").string();
+    const auto issue = [&](const char* lifetime) {
+        return run({DEVCLOUD_PATH, "client-cert", "--dir", dir(), "--cn", "short", "--out", prefix,
+                    "--validity", lifetime});
+    };
+    ASSERT_EQ(issue("90s").status, 0);
+    const auto shortLived = certFromPem(readFile(prefix + ".pem"));
+    ASSERT_TRUE(shortLived);
+    EXPECT_TRUE(expiresWithin(shortLived.get(), 70, 110));
+    EXPECT_NE(issue("90x").status, 0);
 }
 
 TEST_F(CredentialServiceTest, FaultsBreakTheAnswerAsAskedAndTheServiceStillStopsCleanly) {

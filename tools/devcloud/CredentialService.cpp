@@ -342,10 +342,9 @@ CredentialService::Answer CredentialService::issue(const std::string& vmId, cons
     RedeemResult result = RedeemResult::Unknown;
     try {
         result = OtpStore(home_.dir()).redeem(otp, vmId, [&](const OtpGrant& grant) {
-            const devca::Validity validity{std::chrono::seconds(-60),
-                                           options_.validity + std::chrono::seconds(60)};
             std::lock_guard lock(caMutex_);
-            issued = ca_.signCsr(csrPem, grant.agentIdentity, validity);
+            issued =
+                ca_.signCsr(csrPem, grant.agentIdentity, devca::validForNext(options_.validity));
             granted = grant;
             return issued.has_value();
         });

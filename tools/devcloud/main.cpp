@@ -11,6 +11,7 @@
 #include "devcloud/BrokerProcess.h"
 #include "devcloud/EchoResponder.h"
 #include "devcloud/Home.h"
+#include "devcloud/Lifetime.h"
 #include "devcloud/MqttClient.h"
 #include "devcloud/Topics.h"
 
@@ -211,8 +212,9 @@ int provisionDesktop(const ndpx::devcloud::ProvisionRequest& request) {
     return 0;
 }
 
-int clientCert(const Home& home, const std::string& cn, const std::string& prefix) {
-    const auto files = home.writeClient(cn, prefix);
+int clientCert(const Home& home, const std::string& cn, const std::string& prefix,
+               std::optional<std::chrono::seconds> lifetime) {
+    const auto files = home.writeClient(cn, prefix, lifetime);
     std::cout << "certificate " << files.certFile << "\nkey " << files.keyFile << "\nca "
               << files.caFile << "\n";
     return 0;
@@ -349,6 +351,14 @@ int main(int argc, char** argv) {
     certCmd->add_option("--dir", dir, "The devcloud folder")->required();
     certCmd->add_option("--cn", cn, "Subject common name")->required();
     certCmd->add_option("--out", prefix, "Writes PREFIX.pem and PREFIX.key")->required();
+    const CLI::Validator lifetime(
+        [](std::string& text) {
+            return ndpx::devcloud::parseLifetime(text) ? std::string()
+                                                       : "a lifetime such as 300s, 5m, 2h or 30d";
+        },
+        "LIFETIME");
+    std::string certValidity;
+    certCmd->add_option("--validity", certValidity, "Lifetime (default: a year)")->check(lifetime);
 
     std::string desktop;
     std::string command;
@@ -394,9 +404,15 @@ int main(int argc, char** argv) {
                            "Broker host for agents (default: from the folder's broker.json)");
     credsvcCmd->add_option("--broker-port", brokerPort, "Broker port for agents")
         ->check(CLI::Range(1, 65535));
-    credsvcCmd->add_option("--validity-seconds", validitySeconds, "Lifetime of issued certificates")
+    std::string clientValidity;
+    credsvcCmd
+        ->add_option("--client-validity", clientValidity,
+                     "Lifetime of issued client certificates, e.g. 300s, 5m, 2h (default 30d)")
+        ->check(lifetime);
+    // The older spelling, in seconds; --client-validity wins.
+    credsvcCmd->add_option("--validity-seconds", validitySeconds)
         ->check(CLI::Range(1LL, 10LL * 365 * 24 * 3600))
-        ->capture_default_str();
+        ->group("");
     credsvcCmd->add_flag("--ws", svc.webSocket, "Tell agents to use MQTT over WebSocket");
     credsvcCmd->add_option("--fault", fault, "Misbehave on purpose: none, 500, garbage, silent")
         ->check(CLI::IsMember({"none", "500", "garbage", "silent"}))
@@ -447,7 +463,8 @@ int main(int argc, char** argv) {
                 svc.broker = ndpx::devcloud::BrokerEndpoint{
                     brokerHost.empty() ? "127.0.0.1" : brokerHost, brokerPort};
             }
-            svc.validity = std::chrono::seconds(validitySeconds);
+            svc.validity = clientValidity.empty() ? std::chrono::seconds(validitySeconds)
+                                                  : *ndpx::devcloud::parseLifetime(clientValidity);
             svc.fault = *ndpx::devcloud::parseFault(fault);
             Home h = home;
             h.initCa();
@@ -469,7 +486,9 @@ int main(int argc, char** argv) {
             return provisionDesktop(prov);
         }
         if (certCmd->parsed()) {
-            return clientCert(home, cn, prefix);
+            return clientCert(
+                home, cn, prefix,
+                certValidity.empty() ? std::nullopt : ndpx::devcloud::parseLifetime(certValidity));
         }
         if (sendCmd->parsed()) {
             return send(home, host, port, cn, desktop, command, args, metadata, timeout);
