@@ -59,11 +59,14 @@ std::string freshId() {
 
 // Signals are taken with sigwait; block them before any thread starts so
 // that Paho's threads inherit the mask.
-sigset_t blockStopSignals() {
+sigset_t blockStopSignals(std::initializer_list<int> more = {}) {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
+    for (const int sig : more) {
+        sigaddset(&set, sig);
+    }
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     return set;
 }
@@ -111,7 +114,21 @@ int caCrl(const Home& home, const std::vector<std::string>& revokeFiles, const s
     return 0;
 }
 
-int broker(Home home, int port, bool noDelay, const std::string& bind) {
+// mosquitto reads its configuration and CRL again on SIGHUP. It logs
+// "Reloading config." first, but serves nobody before it is done: the next
+// connection is judged by what it read.
+void reloadBroker(const ndpx::devcloud::BrokerProcess& process, const std::string& logFile) {
+    const std::size_t offset = ndpx::devcloud::readTextFile(logFile).size();
+    ::kill(process.pid(), SIGHUP);
+    if (ndpx::devcloud::waitForFileText(logFile, "Reloading config.", offset,
+                                        std::chrono::seconds(10), process.exitFd())) {
+        std::cout << "devcloud: broker reloaded its configuration" << std::endl;
+    } else {
+        std::cerr << "devcloud: the broker did not confirm the reload; see " << logFile << "\n";
+    }
+}
+
+int broker(Home home, int port, bool noDelay, const std::string& bind, const std::string& crl) {
     home.initCa();
     const fs::path dir = home.dir() / "broker";
     fs::create_directories(dir / "store");
@@ -131,13 +148,21 @@ int broker(Home home, int port, bool noDelay, const std::string& bind) {
     config.certFile = cert.string();
     config.keyFile = key.string();
     config.noDelay = noDelay;
+    if (!crl.empty()) {
+        config.crlFile = fs::absolute(crl).string();
+        if (!fs::is_regular_file(config.crlFile)) {
+            std::cerr << "devcloud: no CRL file " << config.crlFile << "\n";
+            return 2;
+        }
+    }
     config.persistenceDir = (dir / "store").string();
     config.logFile = (dir / "mosquitto.log").string();
     config.logToStdout = true;  // on the terminal, next to our own lines
     const fs::path conf = dir / "mosquitto.conf";
 
-    // Signals are forwarded to the broker; the broker's exit ends us.
-    const sigset_t signals = blockStopSignals();
+    // SIGHUP reloads the broker, a stop signal is forwarded to it; the
+    // broker's exit ends us.
+    const sigset_t signals = blockStopSignals({SIGHUP});
     ndpx::devcloud::BrokerProcess process;
     // A port we chose may be taken before mosquitto binds it: choose again.
     for (int attempt = 0; !process.running() && attempt < (port != 0 ? 1 : 5); ++attempt) {
@@ -159,7 +184,15 @@ int broker(Home home, int port, bool noDelay, const std::string& bind) {
               << "port " << config.port << std::endl;
     const ndpx::platform::UniqueFd sigFd(::signalfd(-1, &signals, SFD_CLOEXEC));
     pollfd fds[2] = {{sigFd.get(), POLLIN, 0}, {process.exitFd(), POLLIN, 0}};
-    while (::poll(fds, 2, -1) < 0 && errno == EINTR) {
+    for (;;) {
+        while (::poll(fds, 2, -1) < 0 && errno == EINTR) {
+        }
+        signalfd_siginfo info{};
+        if ((fds[1].revents & POLLIN) != 0 ||
+            ::read(sigFd.get(), &info, sizeof info) != sizeof info || info.ssi_signo != SIGHUP) {
+            break;
+        }
+        reloadBroker(process, config.logFile);
     }
     ndpx::devcloud::removeBrokerEndpoint(home.dir(), endpoint);
     const auto status = process.stop(SIGTERM);
@@ -345,6 +378,10 @@ int main(int argc, char** argv) {
     brokerCmd->add_option("--port", port, "Listener port (default: a free one)");
     brokerCmd->add_option("--bind", bind, "Listener address")->capture_default_str();
     brokerCmd->add_flag("--no-nodelay", noNoDelay, "Leave Nagle's algorithm on");
+    std::string brokerCrl;
+    brokerCmd->add_option("--crl", brokerCrl,
+                          "CRL of the CA (PEM, e.g. from ca crl): listed client certificates are "
+                          "refused; SIGHUP reads it again");
 
     std::string prefix;
     auto* certCmd = app.add_subcommand("client-cert", "Issue a client certificate");
@@ -452,7 +489,7 @@ int main(int argc, char** argv) {
             return caCrl(home, revokeFiles, crlOut);
         }
         if (brokerCmd->parsed()) {
-            return broker(home, port, !noNoDelay, bind);
+            return broker(home, port, !noNoDelay, bind, brokerCrl);
         }
         if (credsvcCmd->parsed()) {
             if (!brokerHost.empty() || brokerPort != 0) {
