@@ -5,6 +5,7 @@
 #include "support/Process.h"
 #include "support/TempDir.h"
 
+#include <certs/linux/OpenSslCertStore.h>
 #include <devca/DevCa.h>
 #include <mfw/corestring.h>
 
@@ -69,6 +70,28 @@ bool expiresWithin(X509* cert, std::time_t low, std::time_t high) {
     std::time_t upper = std::time(nullptr) + high;
     return X509_cmp_time(X509_get0_notAfter(cert), &lower) > 0 &&
            X509_cmp_time(X509_get0_notAfter(cert), &upper) < 0;
+}
+
+// Whether the agent under `root` takes `certPem` as a server's certificate
+// with no pin, as its HTTPS client checks one: a chain to a root it trusts,
+// for the name, and a CRL of the issuer that does not list it.
+bool agentTrusts(const fs::path& root, const std::string& certPem) {
+    certs::OpenSslCertStore::Options options;
+    options.databaseFile = (root / "var/lib/Brasswick/certstore.sqlite").string();
+    certs::OpenSslCertStore store(options);
+    const auto memory = store.OpenMemoryStore();
+    if (!store.ImportCertificate(certPem, memory, "", {}, "")) {
+        return false;
+    }
+    const auto server = store.EnumerateCertificates(memory).at(0);
+    const auto chain = store.BuildCertificateChain(&server, memory);
+    std::uint32_t policy = 0;
+    std::uint32_t revocation = 0;
+    std::uint32_t info = 0;
+    return chain && !chain->simpleChains.empty() &&
+           store.VerifyCertChain(chain.get(), "localhost", false, false, policy) &&
+           policy == certs::policy::kOk && chain->simpleChains.front().errorStatus == 0 &&
+           store.VerifyCertRevocation(&server, {}, revocation, info) && revocation == 0;
 }
 
 // An agent's key pair and CSR (subject: `cn`).
@@ -355,6 +378,9 @@ TEST_F(CredentialServiceTest, ProvisioningWritesAPrivateDocumentOverHttpsOnly) {
     EXPECT_NE(lastProvisionOutput_.find(std::string("identity ") + kIdentity), std::string::npos)
         << lastProvisionOutput_;
     EXPECT_NE(lastProvisionOutput_.find(documentFile().string()), std::string::npos);
+    // The desktop trusts the service's certificate without its pin (after
+    // pairing, renewal needs that).
+    EXPECT_TRUE(agentTrusts(agentRoot(), readFile(fs::path(dir()) / "credsvc" / "server.pem")));
 
     // A second provisioning replaces the document with a new password; a
     // document may also be written elsewhere. Every password stays valid.

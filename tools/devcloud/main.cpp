@@ -15,6 +15,8 @@
 #include "devcloud/MqttClient.h"
 #include "devcloud/Topics.h"
 
+#include <mfw/log.h>
+#include <mfw/moduleLog.h>
 #include <platform/UniqueFd.h>
 
 #include <json/json.h>
@@ -238,6 +240,9 @@ int provisionDesktop(const ndpx::devcloud::ProvisionRequest& request) {
     const auto result = ndpx::devcloud::provision(request);
     std::cout << "identity " << result.agentIdentity << "\nbootstrap topic "
               << result.bootstrapTopic << "\nspec " << result.specFile.string() << "\n";
+    if (!result.trustStore.empty()) {
+        std::cout << "trusted CA in " << result.trustStore << "\n";
+    }
     if (::geteuid() != 0 && request.specFile.empty()) {
         std::cerr << "devcloud: note: the agent trusts " << result.specFile.string()
                   << " only when root owns it\n";
@@ -517,6 +522,10 @@ int main(int argc, char** argv) {
                 std::cerr << "devcloud: provision needs --root or --spec-file\n";
                 return 2;
             }
+            // The certificate store explains its refusals.
+            CORE::setModuleSourceName("devcloud");
+            CORE::setLogLevel(CORE::kLogError);
+            CORE::addLogSink(CORE::makeStderrSink());
             prov.devcloudDir = home.dir();
             prov.agentRoot = agentRoot;
             prov.specFile = specFile;
