@@ -5,7 +5,10 @@
 
 #include "BrokerEndpoint.h"
 #include "CredentialService.h"
+#include "OtpStore.h"
 #include "Provision.h"
+#include "Renewal.h"
+#include "RenewalResponder.h"
 #include "devca/DevCa.h"
 #include "devcloud/BrokerConfig.h"
 #include "devcloud/BrokerProcess.h"
@@ -352,6 +355,54 @@ int watch(const Home& home, const std::string& host, int port, const std::string
     return 0;
 }
 
+int renewer(const Home& home, const std::string& host, int port, const std::string& cn,
+            const ndpx::devcloud::TokenOptions& token) {
+    const sigset_t signals = blockStopSignals();
+    ClientOptions options = controlPlaneOptions(home, host, port, cn, "devcloud-renewer");
+    // Subscriptions and requests queued meanwhile outlive a lost connection,
+    // and a broker restarted with its store.
+    options.automaticReconnect = true;
+    options.cleanStart = false;
+    options.sessionExpirySeconds = 300;
+    ndpx::devcloud::RenewalResponder responder(options, home.dir(), token, say);
+    if (!responder.start()) {
+        std::cerr << "devcloud: cannot start: " << responder.client().lastError() << "\n";
+        return 1;
+    }
+    say("devcloud: renewer ready; tokens name " + token.url +
+        (token.forceSwap ? " and force the swap" : ""));
+    int sig = 0;
+    sigwait(&signals, &sig);
+    responder.stop();
+    say("devcloud: renewer stopped after " + std::to_string(responder.answered()) + " tokens");
+    return 0;
+}
+
+// The identity and vm id are those of the desktop's last pairing or renewal.
+int renew(const Home& home, const std::string& host, int port, const std::string& cn,
+          const std::string& desktop, const ndpx::devcloud::TokenOptions& token) {
+    ndpx::devcloud::OtpStore store(home.dir());
+    const auto pairing = store.lastRedeemed([&](const ndpx::devcloud::OtpGrant& g) {
+        return ndpx::devcloud::desktopNames(desktop, g);
+    });
+    if (!pairing) {
+        std::cerr << "devcloud: no pairing of desktop " << desktop << " on record in "
+                  << store.file().string() << "\n";
+        return 1;
+    }
+    MqttClient client(controlPlaneOptions(home, host, port, cn, "devcloud-renew"));
+    std::string error;
+    if (!client.connect()) {
+        error = "cannot reach the broker: " + client.lastError();
+    } else if (ndpx::devcloud::sendToken(client, home.dir(), desktop, *pairing, token, error)) {
+        std::cout << "devcloud: token sent to " << desktop << " for " << pairing->agentIdentity
+                  << " (vmId " << pairing->vmId << ")" << std::endl;
+        return 0;
+    }
+    std::cerr << "devcloud: " << error << "\n";
+    return 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -460,6 +511,28 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember({"none", "500", "garbage", "silent"}))
         ->capture_default_str();
 
+    ndpx::devcloud::TokenOptions token;
+    const auto tokenCommand = [&](const std::string& name, const std::string& description) {
+        auto* cmd = app.add_subcommand(name, description);
+        cmd->add_option("--dir", dir, "The devcloud folder")->required();
+        cmd->add_option("--host", host, "Broker address")->capture_default_str();
+        cmd->add_option("--port", port, "Broker port")->required();
+        cmd->add_option("--cn", cn, "The control plane's certificate name")->capture_default_str();
+        cmd->add_option("--url", token.url, "The credential service URL agents post to")
+            ->required()
+            ->check([](const std::string& url) {
+                return url.rfind("https://", 0) == 0 ? std::string()
+                                                     : "the agent speaks HTTPS only: https://...";
+            });
+        cmd->add_flag("--force-swap", token.forceSwap,
+                      "Tell agents to swap in the new certificate at once");
+        return cmd;
+    };
+    auto* renewerCmd =
+        tokenCommand("renewer", "Answer every desktop's certificate renewal requests (foreground)");
+    auto* renewCmd = tokenCommand("renew", "Send one desktop a renewal token unasked");
+    renewCmd->add_option("--desktop", desktop, "Desktop identifier (as in its topics)")->required();
+
     ndpx::devcloud::ProvisionRequest prov;
     std::string agentRoot;
     std::string specFile;
@@ -535,6 +608,12 @@ int main(int argc, char** argv) {
             return clientCert(
                 home, cn, prefix,
                 certValidity.empty() ? std::nullopt : ndpx::devcloud::parseLifetime(certValidity));
+        }
+        if (renewerCmd->parsed()) {
+            return renewer(home, host, port, cn, token);
+        }
+        if (renewCmd->parsed()) {
+            return renew(home, host, port, cn, desktop, token);
         }
         if (sendCmd->parsed()) {
             return send(home, host, port, cn, desktop, command, args, metadata, timeout);
