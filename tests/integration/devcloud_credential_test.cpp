@@ -1,11 +1,16 @@
 // Pairing against the development control plane as an agent does it: the
 // operator provisions a desktop, the agent posts its one-time password and
-// CSR over HTTPS and gets a client certificate for its identity, once.
+// CSR over HTTPS and gets a client certificate for its identity, once. For a
+// renewal the control plane hands the agent a fresh password over MQTT.
 
 #include "support/Process.h"
 #include "support/TempDir.h"
 
+#include <certs/linux/OpenSslCertStore.h>
 #include <devca/DevCa.h>
+#include <devcloud/Home.h>
+#include <devcloud/MqttClient.h>
+#include <devcloud/Topics.h>
 #include <mfw/corestring.h>
 
 #include <gtest/gtest.h>
@@ -69,6 +74,28 @@ bool expiresWithin(X509* cert, std::time_t low, std::time_t high) {
     std::time_t upper = std::time(nullptr) + high;
     return X509_cmp_time(X509_get0_notAfter(cert), &lower) > 0 &&
            X509_cmp_time(X509_get0_notAfter(cert), &upper) < 0;
+}
+
+// Whether the agent under `root` takes `certPem` as a server's certificate
+// with no pin, as its HTTPS client checks one: a chain to a root it trusts,
+// for the name, and a CRL of the issuer that does not list it.
+bool agentTrusts(const fs::path& root, const std::string& certPem) {
+    certs::OpenSslCertStore::Options options;
+    options.databaseFile = (root / "var/lib/Brasswick/certstore.sqlite").string();
+    certs::OpenSslCertStore store(options);
+    const auto memory = store.OpenMemoryStore();
+    if (!store.ImportCertificate(certPem, memory, "", {}, "")) {
+        return false;
+    }
+    const auto server = store.EnumerateCertificates(memory).at(0);
+    const auto chain = store.BuildCertificateChain(&server, memory);
+    std::uint32_t policy = 0;
+    std::uint32_t revocation = 0;
+    std::uint32_t info = 0;
+    return chain && !chain->simpleChains.empty() &&
+           store.VerifyCertChain(chain.get(), "localhost", false, false, policy) &&
+           policy == certs::policy::kOk && chain->simpleChains.front().errorStatus == 0 &&
+           store.VerifyCertRevocation(&server, {}, revocation, info) && revocation == 0;
 }
 
 // An agent's key pair and CSR (subject: `cn`).
@@ -256,9 +283,9 @@ TEST_F(CredentialServiceTest, IssuesAClientCertificateForTheIdentityToTheCsrsKey
     EXPECT_EQ(postNew(*svc, kVmId, otp), 403);
 }
 
-TEST_F(CredentialServiceTest, ValidityAndWebSocketFlagsShapeTheAnswer) {
-    auto svc = startService({"--broker-host", "localhost", "--broker-port", "8443",
-                             "--validity-seconds", "120", "--ws"});
+TEST_F(CredentialServiceTest, LifetimeAndWebSocketFlagsShapeWhatIsIssued) {
+    auto svc = startService(
+        {"--broker-host", "localhost", "--broker-port", "8443", "--client-validity", "2m", "--ws"});
     const std::string otp = provision(*svc, {"--bootstrap-topic", "custom/topic"});
     const Reply r = post(*svc, requestBody(kVmId, otp, makeCsr(kIdentity).pem));
     ASSERT_EQ(r.status, 200) << r.body;
@@ -271,6 +298,18 @@ TEST_F(CredentialServiceTest, ValidityAndWebSocketFlagsShapeTheAnswer) {
     ASSERT_TRUE(cert);
     EXPECT_TRUE(expiresWithin(cert.get(), 100, 140));
     EXPECT_EQ(X509_cmp_current_time(X509_get0_notBefore(cert.get())), -1);
+
+    // Certificates issued by hand take the same lifetimes.
+    const std::string prefix = (tmp_.path() / "short").string();
+    const auto issue = [&](const char* lifetime) {
+        return run({DEVCLOUD_PATH, "client-cert", "--dir", dir(), "--cn", "short", "--out", prefix,
+                    "--validity", lifetime});
+    };
+    ASSERT_EQ(issue("90s").status, 0);
+    const auto shortLived = certFromPem(readFile(prefix + ".pem"));
+    ASSERT_TRUE(shortLived);
+    EXPECT_TRUE(expiresWithin(shortLived.get(), 70, 110));
+    EXPECT_NE(issue("90x").status, 0);
 }
 
 TEST_F(CredentialServiceTest, FaultsBreakTheAnswerAsAskedAndTheServiceStillStopsCleanly) {
@@ -343,6 +382,9 @@ TEST_F(CredentialServiceTest, ProvisioningWritesAPrivateDocumentOverHttpsOnly) {
     EXPECT_NE(lastProvisionOutput_.find(std::string("identity ") + kIdentity), std::string::npos)
         << lastProvisionOutput_;
     EXPECT_NE(lastProvisionOutput_.find(documentFile().string()), std::string::npos);
+    // The desktop trusts the service's certificate without its pin (after
+    // pairing, renewal needs that).
+    EXPECT_TRUE(agentTrusts(agentRoot(), readFile(fs::path(dir()) / "credsvc" / "server.pem")));
 
     // A second provisioning replaces the document with a new password; a
     // document may also be written elsewhere. Every password stays valid.
@@ -354,6 +396,147 @@ TEST_F(CredentialServiceTest, ProvisioningWritesAPrivateDocumentOverHttpsOnly) {
     EXPECT_EQ(postNew(*svc, "VM7", third), 200);
     EXPECT_EQ(postNew(*svc, kVmId, second), 200);
     EXPECT_EQ(postNew(*svc, kVmId, first), 200);
+}
+
+// A paired desktop E1/VM9 (an MQTT client with its certificate) on the
+// devcloud broker, with the credential service that paired it.
+class RenewalTest : public CredentialServiceTest {
+protected:
+    static constexpr const char* kDesktop = "E1/VM9";
+    static constexpr const char* kBootstrap = "custom/E1ST_VM9";
+
+    void SetUp() override {
+        CredentialServiceTest::SetUp();
+        broker_ = std::make_unique<Process>(
+            std::vector<std::string>{DEVCLOUD_PATH, "broker", "--dir", dir()});
+        ASSERT_TRUE(broker_->waitForLine("devcloud: broker ready")) << broker_->output();
+        port_ = broker_->valueAfter("port");
+        svc_ = startService({});
+        const std::string otp = provision(*svc_, {"--bootstrap-topic", kBootstrap});
+        ASSERT_EQ(postNew(*svc_, kVmId, otp), 200);
+
+        devcloud::ClientOptions o;
+        o.port = std::stoi(port_);
+        o.clientId = kIdentity;
+        o.tls = devcloud::Home(dir()).clientFiles(kIdentity);
+        desktop_ = std::make_unique<devcloud::MqttClient>(o);
+        ASSERT_TRUE(desktop_->connect()) << desktop_->lastError();
+        // Every desktop's tokens: none may go astray.
+        for (const char* filter :
+             {"desktop/+/agent/credentials/token", "desktop/+/+/agent/credentials/token"}) {
+            ASSERT_TRUE(desktop_->subscribe(filter, 1)) << desktop_->lastError();
+        }
+    }
+    void TearDown() override {
+        desktop_.reset();
+        // Stopped, not killed, so that its mosquitto goes too.
+        if (broker_) {
+            broker_->signal(SIGTERM);
+            EXPECT_EQ(broker_->wait(), 0) << broker_->output();
+        }
+    }
+
+    // DEVCLOUD_PATH, a subcommand and its options, with the broker's and the
+    // service's.
+    std::vector<std::string> withBroker(std::vector<std::string> argv) const {
+        argv.insert(argv.begin() + 2,
+                    {"--dir", dir(), "--port", port_, "--url", svc_->value("url")});
+        return argv;
+    }
+
+    // The token on `desktop`'s topic: a fresh password the service takes for
+    // a new certificate of the desktop's identity, with what pairing gave.
+    std::string expectWorkingToken(const std::string& desktop, bool forceSwap) {
+        const auto token = desktop_->waitForMessage(devcloud::credentialsTokenTopic(desktop), 10s);
+        if (!token) {
+            ADD_FAILURE() << "no token for " << desktop;
+            return {};
+        }
+        const Json::Value v = parseJson(token->payload);
+        EXPECT_EQ(v["nexHubUrl"].asString(), svc_->value("url"));
+        EXPECT_EQ(v["forceCertSwap"], Json::Value(forceSwap));
+        const std::string otp = v["otp"].asString();
+        const Reply r = post(*svc_, requestBody(kVmId, otp, makeCsr(kIdentity).pem));
+        EXPECT_EQ(r.status, 200) << r.body;
+        const Json::Value answer = parseJson(r.body);
+        EXPECT_EQ(answer["agentBootstrapTopic"].asString(), kBootstrap);
+        const auto cert = certFromPem(decode64(answer["clientCrt"]));
+        char subject[256] = "";
+        if (cert) {
+            X509_NAME_oneline(X509_get_subject_name(cert.get()), subject, sizeof subject);
+        }
+        EXPECT_STREQ(subject, "/CN=E1ST_VM9");
+        return otp;
+    }
+
+    std::unique_ptr<Process> broker_;
+    std::string port_;
+    std::unique_ptr<CredSvc> svc_;
+    std::unique_ptr<devcloud::MqttClient> desktop_;
+};
+
+std::string renewalRequest(const std::string& identity, const std::string& vmId,
+                           const std::string& notAfter = "2031-01-02T03:04:05Z") {
+    return R"({"agentIdentity":")" + identity + R"(","vmId":")" + vmId +
+           R"(","reason":"expires soon","certificateNotAfter":")" + notAfter + R"("})";
+}
+
+// The desktop asks by either of its identifiers (edge/vm, or its identity
+// when it has no edge id); a bad request, or one for a desktop never paired
+// here, is refused with a line and answered with nothing.
+TEST_F(RenewalTest, TheRenewerAnswersGoodRequestsWithWorkingTokensAndRefusesBadOnes) {
+    Process renewer(withBroker({DEVCLOUD_PATH, "renewer"}));
+    ASSERT_TRUE(renewer.waitForLine("devcloud: renewer ready")) << renewer.output();
+    const std::pair<std::string, const char*> refused[] = {
+        {"not json {", "refused: the request is not a JSON object"},
+        {R"({"agentIdentity":"E1ST_VM9","vmId":"VM9","reason":"r"})",
+         "refused: certificateNotAfter is missing"},
+        {renewalRequest(kIdentity, kVmId, "2031-13-02T03:04:05Z"),
+         R"(refused: certificateNotAfter "2031-13-02T03:04:05Z" is not an RFC 3339 UTC time)"},
+        {renewalRequest("E1ST_VM8", "VM8"), "refused: the request names E1ST_VM8 (vmId VM8)"},
+        {std::string(5000, ' '), "refused: the request has 5000 bytes"},
+    };
+    const auto ask = [&](const std::string& desktop, const std::string& body) {
+        EXPECT_TRUE(desktop_->publish(devcloud::credentialsRequestTopic(desktop), body, 2))
+            << desktop_->lastError();
+    };
+    for (const auto& [body, line] : refused) {
+        ask(kDesktop, body);
+    }
+    ask("E1/VM5", renewalRequest("E1ST_VM5", "VM5"));
+    ask(kDesktop, renewalRequest(kIdentity, kVmId));
+    ask(kIdentity, renewalRequest(kIdentity, kVmId));
+
+    const std::string otps[] = {expectWorkingToken(kDesktop, false),
+                                expectWorkingToken(kIdentity, false)};
+    for (const auto& [body, line] : refused) {
+        EXPECT_TRUE(renewer.waitForLine(std::string("renewer: E1/VM9: ") + line)) << line;
+    }
+    EXPECT_TRUE(renewer.waitForLine("renewer: E1/VM5: refused: no pairing of E1ST_VM5 (vmId VM5)"));
+    EXPECT_TRUE(renewer.waitForLine(
+        "renewer: E1/VM9: token sent for E1ST_VM9 (vmId VM9, reason \"expires soon\", "
+        "certificate valid until 2031-01-02T03:04:05Z)"));
+    EXPECT_EQ(renewer.countLines("token sent"), 2u);
+    EXPECT_FALSE(desktop_->waitForMessage("#", 0ms)) << "a token for a refused request";
+    for (const auto& otp : otps) {
+        EXPECT_EQ(renewer.output().find(otp), std::string::npos);
+    }
+}
+
+TEST_F(RenewalTest, RenewPushesATokenToADesktopPairedHere) {
+    const auto sent =
+        run(withBroker({DEVCLOUD_PATH, "renew", "--desktop", kDesktop, "--force-swap"}));
+    ASSERT_EQ(sent.status, 0) << sent.output;
+    EXPECT_NE(sent.output.find("devcloud: token sent to E1/VM9 for E1ST_VM9 (vmId VM9)"),
+              std::string::npos)
+        << sent.output;
+    const std::string otp = expectWorkingToken(kDesktop, true);
+    EXPECT_EQ(sent.output.find(otp), std::string::npos);
+
+    const auto unknown = run(withBroker({DEVCLOUD_PATH, "renew", "--desktop", "E1/VM5"}));
+    EXPECT_EQ(unknown.status, 1);
+    EXPECT_NE(unknown.output.find("no pairing of desktop E1/VM5"), std::string::npos)
+        << unknown.output;
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The development control plane as an operator uses it: a broker from its
-// folder, a command sent to a desktop and the desktop's answer printed.
+// folder that admits certificates its CRL does not revoke, a command sent to
+// a desktop and the desktop's answer printed.
 
 #include "support/Process.h"
 #include "support/TempDir.h"
@@ -16,6 +17,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <csignal>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -30,8 +32,9 @@ protected:
     void SetUp() override {
         const auto init = run({DEVCLOUD_PATH, "ca", "init", "--dir", dir()});
         ASSERT_EQ(init.status, 0) << init.output;
+        writeCrl({});
         broker_ = std::make_unique<Process>(
-            std::vector<std::string>{DEVCLOUD_PATH, "broker", "--dir", dir()});
+            std::vector<std::string>{DEVCLOUD_PATH, "broker", "--dir", dir(), "--crl", crl()});
         ASSERT_TRUE(broker_->waitForLine("devcloud: broker ready")) << broker_->output();
         const std::string port = broker_->valueAfter("port");
         ASSERT_FALSE(port.empty()) << broker_->output();
@@ -45,6 +48,17 @@ protected:
     }
 
     std::string dir() const { return (tmp_.path() / "devcloud").string(); }
+    std::string crl() const { return (tmp_.path() / "broker.crl").string(); }
+
+    // The broker's CRL, revoking the certificates of these desktops.
+    void writeCrl(const std::vector<std::string>& desktops) {
+        std::vector<std::string> argv{DEVCLOUD_PATH, "ca", "crl", "--dir", dir(), "--out", crl()};
+        for (const auto& desktop : desktops) {
+            argv.insert(argv.end(), {"--revoke", desktopOptions(desktop).tls->certFile});
+        }
+        const auto r = run(argv);
+        ASSERT_EQ(r.status, 0) << r.output;
+    }
 
     devcloud::ClientOptions desktopOptions(const std::string& desktop) const {
         devcloud::ClientOptions o;
@@ -64,6 +78,7 @@ protected:
     TempDir tmp_;
     std::unique_ptr<Process> broker_;
     int port_ = 0;
+    int connections_ = 0;
 };
 
 TEST_F(DevcloudTest, SendPrintsTheAnswerWithTheCommandsIdAndMetadataOrTimesOut) {
@@ -86,6 +101,24 @@ TEST_F(DevcloudTest, SendPrintsTheAnswerWithTheCommandsIdAndMetadataOrTimesOut) 
     const auto silent = send("silent", {"--command", "Ping", "--timeout", "1"});
     EXPECT_EQ(silent.status, 1);
     EXPECT_NE(silent.output.find("no answer to Ping"), std::string::npos) << silent.output;
+}
+
+// A reload makes the broker read its CRL again, on the same port.
+TEST_F(DevcloudTest, BrokerRefusesACertificateItsReloadedCrlRevokesAndAdmitsOthers) {
+    const auto connects = [this](const std::string& desktop) {
+        devcloud::ClientOptions o = desktopOptions(desktop);
+        o.clientId += "-" + std::to_string(++connections_);
+        devcloud::MqttClient client(o);
+        return client.connect(10s);
+    };
+    EXPECT_TRUE(connects("revoked"));
+
+    writeCrl({"revoked"});
+    broker_->signal(SIGHUP);
+    ASSERT_TRUE(broker_->waitForLine("devcloud: broker reloaded its configuration"))
+        << broker_->output();
+    EXPECT_FALSE(connects("revoked"));
+    EXPECT_TRUE(connects("admitted"));
 }
 
 // Certificate-only admission of this configuration is tested in broker_fixture_test.

@@ -61,23 +61,20 @@ protected:
                                                                   MODULE_PATH, "--log-level", "0"});
     }
 
-    // Provisions the desktop `vmId` under `root`, with extra provisioning options.
+    // Provisions the desktop `vmId` under `root`, with extra provisioning
+    // options. Provisioning in the root also makes the desktop trust the
+    // devcloud CA; an untrusting desktop is given only its document.
     void provisionInto(const TempDir& root, const std::string& url, const std::string& vmId,
-                       const std::vector<std::string>& extra = {}) {
-        std::vector<std::string> argv{DEVCLOUD_PATH,
-                                      "provision",
-                                      "--dir",
-                                      cloud_.path().string(),
-                                      "--url",
-                                      url,
-                                      "--vm-id",
-                                      vmId,
-                                      "--edge-id",
-                                      "e1",
-                                      "--short-template-id",
-                                      "t3",
-                                      "--root",
-                                      root.path().string()};
+                       const std::vector<std::string>& extra = {}, bool trustCa = true) {
+        std::vector<std::string> argv{DEVCLOUD_PATH,          "provision", "--dir",
+                                      cloud_.path().string(), "--url",     url};
+        argv.insert(argv.end(), {"--vm-id", vmId, "--edge-id", "e1", "--short-template-id", "t3"});
+        if (trustCa) {
+            argv.insert(argv.end(), {"--root", root.path().string()});
+        } else {
+            const auto document = root.path() / "AzureData" / "CustomData.bin";
+            argv.insert(argv.end(), {"--spec-file", document.string()});
+        }
         argv.insert(argv.end(), extra.begin(), extra.end());
         const auto r = run(argv);
         ASSERT_EQ(r.status, 0) << r.output;
@@ -259,7 +256,7 @@ TEST_F(PairingTest, AnUnpinnedServiceMustBeTrustedAndNotRevoked) {
     regctlSet("mqtt_StartupMaxJitter", "0");
     auto agent = startAgent();
     ASSERT_TRUE(agent->waitForLine("MQTT_STATE_WAITING_CONFIG")) << agent->output();
-    provisionInto(root_, url_, "vm7");
+    provisionInto(root_, url_, "vm7", {}, false);
     ASSERT_TRUE(agent->waitForLine(
         "CurlHttpRequest::RequestCallback(): Certificate Authority is unrecognized", 60s))
         << agent->output();
@@ -285,7 +282,7 @@ TEST_F(PairingTest, AnUnpinnedServiceMustBeTrustedAndNotRevoked) {
             {"add-crl", crl("revoked.crl", {(cloud_.path() / "credsvc" / "server.pem").string()})});
     auto refused = startAgent(revokedRoot);
     ASSERT_TRUE(refused->waitForLine("MQTT_STATE_WAITING_CONFIG")) << refused->output();
-    provisionInto(revokedRoot, url_, "vm8");
+    provisionInto(revokedRoot, url_, "vm8", {}, false);
     EXPECT_TRUE(refused->waitForLine(
         "CurlHttpRequest::RequestCallback(): Certificate has been revoked", 60s))
         << refused->output();

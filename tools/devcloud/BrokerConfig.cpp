@@ -41,6 +41,9 @@ std::string mosquittoConf(const BrokerConfig& c) {
         out << "cafile " << c.caFile << "\n";
         out << "certfile " << c.certFile << "\n";
         out << "keyfile " << c.keyFile << "\n";
+        if (!c.crlFile.empty()) {
+            out << "crlfile " << c.crlFile << "\n";
+        }
         out << "require_certificate true\n";
         // The certificate is the only credential: its common name becomes
         // the user name, and clients without one are refused.

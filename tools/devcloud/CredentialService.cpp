@@ -1,6 +1,7 @@
 #include "CredentialService.h"
 
 #include <mfw/corestring.h>
+#include "LogText.h"
 #include "OtpStore.h"
 
 #include <httplib.h>
@@ -103,15 +104,6 @@ bool usable(X509* cert, EVP_PKEY* key, const devca::CertificateAuthority& ca) {
                     X509_cmp_current_time(X509_get0_notBefore(cert)) < 0;
     ERR_clear_error();
     return ok;
-}
-
-// Attacker-supplied text goes to the log only printable and short.
-std::string printable(const std::string& text) {
-    std::string out;
-    for (const char c : text.substr(0, 96)) {
-        out += (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) ? '?' : c;
-    }
-    return text.size() > 96 ? out + "..." : out;
 }
 
 std::string compactJson(const Json::Value& v) {
@@ -342,10 +334,9 @@ CredentialService::Answer CredentialService::issue(const std::string& vmId, cons
     RedeemResult result = RedeemResult::Unknown;
     try {
         result = OtpStore(home_.dir()).redeem(otp, vmId, [&](const OtpGrant& grant) {
-            const devca::Validity validity{std::chrono::seconds(-60),
-                                           options_.validity + std::chrono::seconds(60)};
             std::lock_guard lock(caMutex_);
-            issued = ca_.signCsr(csrPem, grant.agentIdentity, validity);
+            issued =
+                ca_.signCsr(csrPem, grant.agentIdentity, devca::validForNext(options_.validity));
             granted = grant;
             return issued.has_value();
         });

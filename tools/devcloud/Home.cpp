@@ -65,8 +65,10 @@ devca::CertificateAuthority Home::loadCa() const {
     }
 }
 
-IssuedPem Home::issueClient(const std::string& commonName) const {
-    return pemOf(loadCa().issueClient(commonName));
+IssuedPem Home::issueClient(const std::string& commonName,
+                            std::optional<std::chrono::seconds> lifetime) const {
+    return pemOf(lifetime ? loadCa().issueClient(commonName, devca::validForNext(*lifetime))
+                          : loadCa().issueClient(commonName));
 }
 
 IssuedPem Home::issueServer(const std::string& commonName, const std::vector<std::string>& dnsNames,
@@ -74,8 +76,9 @@ IssuedPem Home::issueServer(const std::string& commonName, const std::vector<std
     return pemOf(loadCa().issueServer(commonName, dnsNames, ipAddresses));
 }
 
-TlsFiles Home::writeClient(const std::string& commonName, const std::string& prefix) const {
-    const IssuedPem issued = issueClient(commonName);
+TlsFiles Home::writeClient(const std::string& commonName, const std::string& prefix,
+                           std::optional<std::chrono::seconds> lifetime) const {
+    const IssuedPem issued = issueClient(commonName, lifetime);
     TlsFiles files{caFile().string(), prefix + ".pem", prefix + ".key"};
     writeOrThrow(files.keyFile, issued.keyPem);
     writeOrThrow(files.certFile, issued.certPem);

@@ -110,6 +110,11 @@ void save(const fs::path& file, const Json::Value& v) {
     }
 }
 
+OtpGrant grantOf(const Json::Value& entry) {
+    return {entry["vmId"].asString(), entry["agentIdentity"].asString(),
+            entry["bootstrapTopic"].asString()};
+}
+
 }  // namespace
 
 OtpStore::OtpStore(const fs::path& dir)
@@ -151,8 +156,7 @@ RedeemResult OtpStore::redeem(const std::string& otp, const std::string& vmId,
     if (entry["used"].asBool()) {
         return RedeemResult::Used;
     }
-    const OtpGrant grant{entry["vmId"].asString(), entry["agentIdentity"].asString(),
-                         entry["bootstrapTopic"].asString()};
+    const OtpGrant grant = grantOf(entry);
     if (grant.vmId != vmId) {
         return RedeemResult::WrongVmId;
     }
@@ -163,6 +167,28 @@ RedeemResult OtpStore::redeem(const std::string& otp, const std::string& vmId,
     entry["usedAt"] = utcNow();
     save(file_, store);
     return RedeemResult::Accepted;
+}
+
+std::optional<OtpGrant> OtpStore::lastRedeemed(const std::function<bool(const OtpGrant&)>& match) {
+    const StoreLock lock(lockFile_);
+    const Json::Value store = load(file_);
+    std::optional<OtpGrant> found;
+    std::string foundAt;
+    for (const auto& entry : store["otps"]) {
+        if (!entry.isObject() || !entry["used"].asBool()) {
+            continue;
+        }
+        // The UTC times sort as text.
+        const std::string usedAt = entry["usedAt"].asString();
+        if (found && usedAt < foundAt) {
+            continue;
+        }
+        if (OtpGrant grant = grantOf(entry); match(grant)) {
+            found = std::move(grant);
+            foundAt = usedAt;
+        }
+    }
+    return found;
 }
 
 }  // namespace ndpx::devcloud

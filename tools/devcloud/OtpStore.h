@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace ndpx::devcloud {
@@ -50,6 +51,11 @@ public:
     // `use` produced).
     RedeemResult redeem(const std::string& otp, const std::string& vmId,
                         const std::function<bool(const OtpGrant&)>& use);
+
+    // The grant of the most recently redeemed password that `match` accepts:
+    // what the desktop's pairing, or its last renewal, gave it. nullopt when
+    // there is none. Throws as issue().
+    std::optional<OtpGrant> lastRedeemed(const std::function<bool(const OtpGrant&)>& match);
 
 private:
     std::filesystem::path file_;

@@ -1,7 +1,9 @@
 #include "Provision.h"
 
+#include "AgentTrust.h"
 #include "OtpStore.h"
 #include "devca/DevCa.h"
+#include "devcloud/Home.h"
 
 #include <json/json.h>
 #include <sys/stat.h>
@@ -65,6 +67,12 @@ ProvisionResult provision(const ProvisionRequest& r) {
         r.bootstrapTopic.empty() ? "desktop/bootstrap/" + result.agentIdentity : r.bootstrapTopic;
     result.specFile =
         fs::absolute(r.specFile.empty() ? cloudProvisioningFile(r.agentRoot) : r.specFile);
+
+    // Trusted before the agent can pair, so that it never holds a
+    // certificate it could not renew.
+    if (!r.agentRoot.empty()) {
+        result.trustStore = trustCa(r.agentRoot, Home(r.devcloudDir).loadCa());
+    }
 
     // The password is on record before the agent can see it, so an agent
     // that pairs at once is not refused.

@@ -2,7 +2,9 @@
 // Provisioning a desktop for pairing: a fresh one-time password recorded in
 // the credential service's store, and the provisioning document (LCM spec)
 // that tells the agent its identity, where to pair and with which password,
-// written where the agent looks for it.
+// written where the agent looks for it. A desktop provisioned in its root
+// also trusts the devcloud CA (see AgentTrust.h), so that it can renew its
+// certificate once its pairing pin is gone.
 
 #include <filesystem>
 #include <string>
@@ -11,7 +13,7 @@ namespace ndpx::devcloud {
 
 struct ProvisionRequest {
     std::filesystem::path devcloudDir;  // holds the one-time password store
-    std::filesystem::path agentRoot;    // the agent's root prefix
+    std::filesystem::path agentRoot;    // the agent's root prefix; empty: trust nothing
     std::filesystem::path specFile;     // empty: the cloud-provisioning file under agentRoot
     std::string url;                    // the credential service URL the agent posts to
     std::string vmId;
@@ -30,6 +32,7 @@ struct ProvisionResult {
     std::string agentIdentity;
     std::string bootstrapTopic;
     std::filesystem::path specFile;
+    std::string trustStore;  // the certificate store given the CA; empty: none
 };
 
 // edge id + short template id + "_" + vm id
@@ -38,8 +41,9 @@ std::string agentIdentity(const std::string& edgeId, const std::string& shortTem
 // AGENTROOT/AzureData/CustomData.bin
 std::filesystem::path cloudProvisioningFile(const std::filesystem::path& agentRoot);
 
-// Records the password, then writes the document (mode 0600, atomically; a
-// missing directory is created 0700). Throws std::invalid_argument for
+// Trusts the CA under agentRoot (when given), records the password, then
+// writes the document (mode 0600, atomically; a missing directory is created
+// 0700). Throws std::invalid_argument for
 // missing or unusable values and std::runtime_error when a file cannot be
 // written (the password is then withdrawn). The password appears in the
 // document only, never in the result.

@@ -5,15 +5,21 @@
 
 #include "BrokerEndpoint.h"
 #include "CredentialService.h"
+#include "OtpStore.h"
 #include "Provision.h"
+#include "Renewal.h"
+#include "RenewalResponder.h"
 #include "devca/DevCa.h"
 #include "devcloud/BrokerConfig.h"
 #include "devcloud/BrokerProcess.h"
 #include "devcloud/EchoResponder.h"
 #include "devcloud/Home.h"
+#include "devcloud/Lifetime.h"
 #include "devcloud/MqttClient.h"
 #include "devcloud/Topics.h"
 
+#include <mfw/log.h>
+#include <mfw/moduleLog.h>
 #include <platform/UniqueFd.h>
 
 #include <json/json.h>
@@ -58,11 +64,14 @@ std::string freshId() {
 
 // Signals are taken with sigwait; block them before any thread starts so
 // that Paho's threads inherit the mask.
-sigset_t blockStopSignals() {
+sigset_t blockStopSignals(std::initializer_list<int> more = {}) {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
+    for (const int sig : more) {
+        sigaddset(&set, sig);
+    }
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     return set;
 }
@@ -110,7 +119,21 @@ int caCrl(const Home& home, const std::vector<std::string>& revokeFiles, const s
     return 0;
 }
 
-int broker(Home home, int port, bool noDelay, const std::string& bind) {
+// mosquitto reads its configuration and CRL again on SIGHUP. It logs
+// "Reloading config." first, but serves nobody before it is done: the next
+// connection is judged by what it read.
+void reloadBroker(const ndpx::devcloud::BrokerProcess& process, const std::string& logFile) {
+    const std::size_t offset = ndpx::devcloud::readTextFile(logFile).size();
+    ::kill(process.pid(), SIGHUP);
+    if (ndpx::devcloud::waitForFileText(logFile, "Reloading config.", offset,
+                                        std::chrono::seconds(10), process.exitFd())) {
+        std::cout << "devcloud: broker reloaded its configuration" << std::endl;
+    } else {
+        std::cerr << "devcloud: the broker did not confirm the reload; see " << logFile << "\n";
+    }
+}
+
+int broker(Home home, int port, bool noDelay, const std::string& bind, const std::string& crl) {
     home.initCa();
     const fs::path dir = home.dir() / "broker";
     fs::create_directories(dir / "store");
@@ -130,13 +153,21 @@ int broker(Home home, int port, bool noDelay, const std::string& bind) {
     config.certFile = cert.string();
     config.keyFile = key.string();
     config.noDelay = noDelay;
+    if (!crl.empty()) {
+        config.crlFile = fs::absolute(crl).string();
+        if (!fs::is_regular_file(config.crlFile)) {
+            std::cerr << "devcloud: no CRL file " << config.crlFile << "\n";
+            return 2;
+        }
+    }
     config.persistenceDir = (dir / "store").string();
     config.logFile = (dir / "mosquitto.log").string();
     config.logToStdout = true;  // on the terminal, next to our own lines
     const fs::path conf = dir / "mosquitto.conf";
 
-    // Signals are forwarded to the broker; the broker's exit ends us.
-    const sigset_t signals = blockStopSignals();
+    // SIGHUP reloads the broker, a stop signal is forwarded to it; the
+    // broker's exit ends us.
+    const sigset_t signals = blockStopSignals({SIGHUP});
     ndpx::devcloud::BrokerProcess process;
     // A port we chose may be taken before mosquitto binds it: choose again.
     for (int attempt = 0; !process.running() && attempt < (port != 0 ? 1 : 5); ++attempt) {
@@ -158,7 +189,15 @@ int broker(Home home, int port, bool noDelay, const std::string& bind) {
               << "port " << config.port << std::endl;
     const ndpx::platform::UniqueFd sigFd(::signalfd(-1, &signals, SFD_CLOEXEC));
     pollfd fds[2] = {{sigFd.get(), POLLIN, 0}, {process.exitFd(), POLLIN, 0}};
-    while (::poll(fds, 2, -1) < 0 && errno == EINTR) {
+    for (;;) {
+        while (::poll(fds, 2, -1) < 0 && errno == EINTR) {
+        }
+        signalfd_siginfo info{};
+        if ((fds[1].revents & POLLIN) != 0 ||
+            ::read(sigFd.get(), &info, sizeof info) != sizeof info || info.ssi_signo != SIGHUP) {
+            break;
+        }
+        reloadBroker(process, config.logFile);
     }
     ndpx::devcloud::removeBrokerEndpoint(home.dir(), endpoint);
     const auto status = process.stop(SIGTERM);
@@ -204,6 +243,9 @@ int provisionDesktop(const ndpx::devcloud::ProvisionRequest& request) {
     const auto result = ndpx::devcloud::provision(request);
     std::cout << "identity " << result.agentIdentity << "\nbootstrap topic "
               << result.bootstrapTopic << "\nspec " << result.specFile.string() << "\n";
+    if (!result.trustStore.empty()) {
+        std::cout << "trusted CA in " << result.trustStore << "\n";
+    }
     if (::geteuid() != 0 && request.specFile.empty()) {
         std::cerr << "devcloud: note: the agent trusts " << result.specFile.string()
                   << " only when root owns it\n";
@@ -211,8 +253,9 @@ int provisionDesktop(const ndpx::devcloud::ProvisionRequest& request) {
     return 0;
 }
 
-int clientCert(const Home& home, const std::string& cn, const std::string& prefix) {
-    const auto files = home.writeClient(cn, prefix);
+int clientCert(const Home& home, const std::string& cn, const std::string& prefix,
+               std::optional<std::chrono::seconds> lifetime) {
+    const auto files = home.writeClient(cn, prefix, lifetime);
     std::cout << "certificate " << files.certFile << "\nkey " << files.keyFile << "\nca "
               << files.caFile << "\n";
     return 0;
@@ -312,6 +355,54 @@ int watch(const Home& home, const std::string& host, int port, const std::string
     return 0;
 }
 
+int renewer(const Home& home, const std::string& host, int port, const std::string& cn,
+            const ndpx::devcloud::TokenOptions& token) {
+    const sigset_t signals = blockStopSignals();
+    ClientOptions options = controlPlaneOptions(home, host, port, cn, "devcloud-renewer");
+    // Subscriptions and requests queued meanwhile outlive a lost connection,
+    // and a broker restarted with its store.
+    options.automaticReconnect = true;
+    options.cleanStart = false;
+    options.sessionExpirySeconds = 300;
+    ndpx::devcloud::RenewalResponder responder(options, home.dir(), token, say);
+    if (!responder.start()) {
+        std::cerr << "devcloud: cannot start: " << responder.client().lastError() << "\n";
+        return 1;
+    }
+    say("devcloud: renewer ready; tokens name " + token.url +
+        (token.forceSwap ? " and force the swap" : ""));
+    int sig = 0;
+    sigwait(&signals, &sig);
+    responder.stop();
+    say("devcloud: renewer stopped after " + std::to_string(responder.answered()) + " tokens");
+    return 0;
+}
+
+// The identity and vm id are those of the desktop's last pairing or renewal.
+int renew(const Home& home, const std::string& host, int port, const std::string& cn,
+          const std::string& desktop, const ndpx::devcloud::TokenOptions& token) {
+    ndpx::devcloud::OtpStore store(home.dir());
+    const auto pairing = store.lastRedeemed([&](const ndpx::devcloud::OtpGrant& g) {
+        return ndpx::devcloud::desktopNames(desktop, g);
+    });
+    if (!pairing) {
+        std::cerr << "devcloud: no pairing of desktop " << desktop << " on record in "
+                  << store.file().string() << "\n";
+        return 1;
+    }
+    MqttClient client(controlPlaneOptions(home, host, port, cn, "devcloud-renew"));
+    std::string error;
+    if (!client.connect()) {
+        error = "cannot reach the broker: " + client.lastError();
+    } else if (ndpx::devcloud::sendToken(client, home.dir(), desktop, *pairing, token, error)) {
+        std::cout << "devcloud: token sent to " << desktop << " for " << pairing->agentIdentity
+                  << " (vmId " << pairing->vmId << ")" << std::endl;
+        return 0;
+    }
+    std::cerr << "devcloud: " << error << "\n";
+    return 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -343,12 +434,24 @@ int main(int argc, char** argv) {
     brokerCmd->add_option("--port", port, "Listener port (default: a free one)");
     brokerCmd->add_option("--bind", bind, "Listener address")->capture_default_str();
     brokerCmd->add_flag("--no-nodelay", noNoDelay, "Leave Nagle's algorithm on");
+    std::string brokerCrl;
+    brokerCmd->add_option("--crl", brokerCrl,
+                          "CRL of the CA (PEM, e.g. from ca crl): listed client certificates are "
+                          "refused; SIGHUP reads it again");
 
     std::string prefix;
     auto* certCmd = app.add_subcommand("client-cert", "Issue a client certificate");
     certCmd->add_option("--dir", dir, "The devcloud folder")->required();
     certCmd->add_option("--cn", cn, "Subject common name")->required();
     certCmd->add_option("--out", prefix, "Writes PREFIX.pem and PREFIX.key")->required();
+    const CLI::Validator lifetime(
+        [](std::string& text) {
+            return ndpx::devcloud::parseLifetime(text) ? std::string()
+                                                       : "a lifetime such as 300s, 5m, 2h or 30d";
+        },
+        "LIFETIME");
+    std::string certValidity;
+    certCmd->add_option("--validity", certValidity, "Lifetime (default: a year)")->check(lifetime);
 
     std::string desktop;
     std::string command;
@@ -394,13 +497,41 @@ int main(int argc, char** argv) {
                            "Broker host for agents (default: from the folder's broker.json)");
     credsvcCmd->add_option("--broker-port", brokerPort, "Broker port for agents")
         ->check(CLI::Range(1, 65535));
-    credsvcCmd->add_option("--validity-seconds", validitySeconds, "Lifetime of issued certificates")
+    std::string clientValidity;
+    credsvcCmd
+        ->add_option("--client-validity", clientValidity,
+                     "Lifetime of issued client certificates, e.g. 300s, 5m, 2h (default 30d)")
+        ->check(lifetime);
+    // The older spelling, in seconds; --client-validity wins.
+    credsvcCmd->add_option("--validity-seconds", validitySeconds)
         ->check(CLI::Range(1LL, 10LL * 365 * 24 * 3600))
-        ->capture_default_str();
+        ->group("");
     credsvcCmd->add_flag("--ws", svc.webSocket, "Tell agents to use MQTT over WebSocket");
     credsvcCmd->add_option("--fault", fault, "Misbehave on purpose: none, 500, garbage, silent")
         ->check(CLI::IsMember({"none", "500", "garbage", "silent"}))
         ->capture_default_str();
+
+    ndpx::devcloud::TokenOptions token;
+    const auto tokenCommand = [&](const std::string& name, const std::string& description) {
+        auto* cmd = app.add_subcommand(name, description);
+        cmd->add_option("--dir", dir, "The devcloud folder")->required();
+        cmd->add_option("--host", host, "Broker address")->capture_default_str();
+        cmd->add_option("--port", port, "Broker port")->required();
+        cmd->add_option("--cn", cn, "The control plane's certificate name")->capture_default_str();
+        cmd->add_option("--url", token.url, "The credential service URL agents post to")
+            ->required()
+            ->check([](const std::string& url) {
+                return url.rfind("https://", 0) == 0 ? std::string()
+                                                     : "the agent speaks HTTPS only: https://...";
+            });
+        cmd->add_flag("--force-swap", token.forceSwap,
+                      "Tell agents to swap in the new certificate at once");
+        return cmd;
+    };
+    auto* renewerCmd =
+        tokenCommand("renewer", "Answer every desktop's certificate renewal requests (foreground)");
+    auto* renewCmd = tokenCommand("renew", "Send one desktop a renewal token unasked");
+    renewCmd->add_option("--desktop", desktop, "Desktop identifier (as in its topics)")->required();
 
     ndpx::devcloud::ProvisionRequest prov;
     std::string agentRoot;
@@ -436,7 +567,7 @@ int main(int argc, char** argv) {
             return caCrl(home, revokeFiles, crlOut);
         }
         if (brokerCmd->parsed()) {
-            return broker(home, port, !noNoDelay, bind);
+            return broker(home, port, !noNoDelay, bind, brokerCrl);
         }
         if (credsvcCmd->parsed()) {
             if (!brokerHost.empty() || brokerPort != 0) {
@@ -447,7 +578,8 @@ int main(int argc, char** argv) {
                 svc.broker = ndpx::devcloud::BrokerEndpoint{
                     brokerHost.empty() ? "127.0.0.1" : brokerHost, brokerPort};
             }
-            svc.validity = std::chrono::seconds(validitySeconds);
+            svc.validity = clientValidity.empty() ? std::chrono::seconds(validitySeconds)
+                                                  : *ndpx::devcloud::parseLifetime(clientValidity);
             svc.fault = *ndpx::devcloud::parseFault(fault);
             Home h = home;
             h.initCa();
@@ -463,13 +595,25 @@ int main(int argc, char** argv) {
                 std::cerr << "devcloud: provision needs --root or --spec-file\n";
                 return 2;
             }
+            // The certificate store explains its refusals.
+            CORE::setModuleSourceName("devcloud");
+            CORE::setLogLevel(CORE::kLogError);
+            CORE::addLogSink(CORE::makeStderrSink());
             prov.devcloudDir = home.dir();
             prov.agentRoot = agentRoot;
             prov.specFile = specFile;
             return provisionDesktop(prov);
         }
         if (certCmd->parsed()) {
-            return clientCert(home, cn, prefix);
+            return clientCert(
+                home, cn, prefix,
+                certValidity.empty() ? std::nullopt : ndpx::devcloud::parseLifetime(certValidity));
+        }
+        if (renewerCmd->parsed()) {
+            return renewer(home, host, port, cn, token);
+        }
+        if (renewCmd->parsed()) {
+            return renew(home, host, port, cn, desktop, token);
         }
         if (sendCmd->parsed()) {
             return send(home, host, port, cn, desktop, command, args, metadata, timeout);

@@ -39,6 +39,12 @@ struct Validity {
     std::chrono::seconds lifetime{std::chrono::hours(24 * 365)};
 };
 
+// Valid from a minute ago (a peer's clock may run a little behind ours) until
+// exactly `lifetime` from now.
+inline Validity validForNext(std::chrono::seconds lifetime) {
+    return {std::chrono::seconds(-60), lifetime + std::chrono::seconds(60)};
+}
+
 struct Issued {
     X509Ptr cert;
     PkeyPtr key;  // empty when a CSR was signed (the requester keeps the key)

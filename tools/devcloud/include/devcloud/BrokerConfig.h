@@ -16,6 +16,9 @@ struct BrokerConfig {
     std::string caFile;
     std::string certFile;
     std::string keyFile;
+    // A CRL of the CA (PEM): clients whose certificate it lists are refused.
+    // mosquitto reads it again on SIGHUP; clients already connected stay.
+    std::string crlFile;  // empty: none
     bool noDelay = true;
     std::string persistenceDir;  // empty: no persistence
     // Writes the store after every change, so that even a killed broker

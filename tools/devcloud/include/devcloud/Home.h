@@ -6,7 +6,9 @@
 #include "devca/DevCa.h"
 #include "devcloud/MqttClient.h"
 
+#include <chrono>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,14 +36,18 @@ public:
     // missing or damaged).
     devca::CertificateAuthority loadCa() const;
 
-    // Certificates signed by the stored CA (throws when there is none).
-    IssuedPem issueClient(const std::string& commonName) const;
+    // Certificates signed by the stored CA (throws when there is none). A
+    // client certificate lives `lifetime` from now when given (see
+    // devca::validForNext), else the CA's default.
+    IssuedPem issueClient(const std::string& commonName,
+                          std::optional<std::chrono::seconds> lifetime = std::nullopt) const;
     IssuedPem issueServer(const std::string& commonName, const std::vector<std::string>& dnsNames,
                           const std::vector<std::string>& ipAddresses) const;
 
     // Issues a client certificate to PREFIX.pem and its key to PREFIX.key
     // (both 0600); the CA file is the folder's.
-    TlsFiles writeClient(const std::string& commonName, const std::string& prefix) const;
+    TlsFiles writeClient(const std::string& commonName, const std::string& prefix,
+                         std::optional<std::chrono::seconds> lifetime = std::nullopt) const;
     // The files of a client certificate kept in the folder, issued on first
     // use (e.g. the control plane's own).
     TlsFiles clientFiles(const std::string& commonName) const;

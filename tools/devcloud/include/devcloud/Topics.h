@@ -11,6 +11,14 @@ inline std::string commandsTopic(const std::string& desktopId) {
 inline std::string responseTopic(const std::string& desktopId) {
     return "desktop/" + desktopId + "/agent/sessions/response";
 }
+// Certificate renewal: the agent asks on the request topic and is answered
+// with a one-time password on the token topic.
+inline std::string credentialsRequestTopic(const std::string& desktopId) {
+    return "desktop/" + desktopId + "/agent/credentials/request";
+}
+inline std::string credentialsTokenTopic(const std::string& desktopId) {
+    return "desktop/" + desktopId + "/agent/credentials/token";
+}
 // Everything one desktop (or, with "+", every desktop) publishes or receives.
 inline std::string desktopFilter(const std::string& desktopId) {
     return "desktop/" + desktopId + "/#";
