@@ -23,6 +23,12 @@ net::SslCtxPtr clientContext(const std::string& trustFile, const std::string& ce
     return ctx;
 }
 
+// An MQTT 5 CONNECT with clean start, no will and an empty client id, so the
+// broker names the probe itself and the desktop's own session is untouched.
+constexpr char kProbeConnect[] = {0x10, 0x0d, 0x00, 0x04, 'M',  'Q',  'T', 'T',
+                                  0x05, 0x02, 0x00, 0x0a, 0x00, 0x00, 0x00};
+constexpr char kDisconnect[] = {static_cast<char>(0xe0), 0x00};
+
 }  // namespace
 
 TlsProbeResult probeTls(const std::string& host, int port, const std::string& trustFile,
@@ -48,15 +54,23 @@ TlsProbeResult probeTls(const std::string& host, int port, const std::string& tr
             return TlsProbeResult::Refused;
     }
     // Under TLS 1.3 the broker judges our certificate after the handshake:
-    // its verdict is an alert (or a close) on the first read.
-    char byte = 0;
-    switch (tls.connection.read(&byte, 1, limit, cancel).end) {
-        case net::TlsConnection::ReadEnd::Data:
-        case net::TlsConnection::ReadEnd::TimedOut:  // silence: the broker waits for CONNECT
-            return TlsProbeResult::Accepted;
-        default:
-            return TlsProbeResult::Refused;
+    // its verdict is an alert (or a close) on the first read. A CONNECT makes
+    // an accepting broker answer at once instead of waiting out the limit;
+    // whatever it answers, the certificate got past TLS.
+    if (tls.connection.write(kProbeConnect, sizeof kProbeConnect, limit, cancel).end ==
+        net::TlsConnection::ReadEnd::Data) {
+        char byte = 0;
+        switch (tls.connection.read(&byte, 1, limit, cancel).end) {
+            case net::TlsConnection::ReadEnd::Data:
+                tls.connection.write(kDisconnect, sizeof kDisconnect, limit, cancel);
+                return TlsProbeResult::Accepted;
+            case net::TlsConnection::ReadEnd::TimedOut:  // silence: not refused either
+                return TlsProbeResult::Accepted;
+            default:
+                break;
+        }
     }
+    return TlsProbeResult::Refused;
 }
 
 }  // namespace ndpx

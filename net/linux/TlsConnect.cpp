@@ -202,7 +202,8 @@ TlsConnectResult connectTls(const std::string& host, int port, SSL_CTX& ctx, con
     return result;
 }
 
-TlsConnection::Read TlsConnection::read(char* buffer, int size, std::chrono::milliseconds limit,
+template <class Op>
+TlsConnection::Read TlsConnection::pump(Op op, std::chrono::milliseconds limit,
                                         CancelToken* cancel) {
     if (!ssl_) {
         return {ReadEnd::Closed, 0};
@@ -211,7 +212,7 @@ TlsConnection::Read TlsConnection::read(char* buffer, int size, std::chrono::mil
     const SocketWaiter waiter(cancel);
     const auto deadline = platform::deadlineAfter(Clock::now(), limit);
     for (;;) {
-        const int rc = SSL_read(ssl_.get(), buffer, size);
+        const int rc = op();
         if (rc > 0) {
             return {ReadEnd::Data, rc};
         }
@@ -230,6 +231,17 @@ TlsConnection::Read TlsConnection::read(char* buffer, int size, std::chrono::mil
                 return {ReadEnd::Cancelled, 0};
         }
     }
+}
+
+TlsConnection::Read TlsConnection::read(char* buffer, int size, std::chrono::milliseconds limit,
+                                        CancelToken* cancel) {
+    return pump([&] { return SSL_read(ssl_.get(), buffer, size); }, limit, cancel);
+}
+
+TlsConnection::Read TlsConnection::write(const char* buffer, int size,
+                                         std::chrono::milliseconds limit, CancelToken* cancel) {
+    // Without partial writes a successful SSL_write moved all the bytes.
+    return pump([&] { return SSL_write(ssl_.get(), buffer, size); }, limit, cancel);
 }
 
 }  // namespace ndpx::net

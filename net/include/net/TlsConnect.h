@@ -72,8 +72,16 @@ public:
     // Closed covers the peer's close and its alerts.
     Read read(char* buffer, int size, std::chrono::milliseconds limit,
               CancelToken* cancel = nullptr);
+    // Writes all `size` bytes within `limit`; Data when they went.
+    Read write(const char* buffer, int size, std::chrono::milliseconds limit,
+               CancelToken* cancel = nullptr);
 
 private:
+    // Repeats `op` (an SSL_read or SSL_write) until it moves bytes, fails or
+    // runs out of time.
+    template <class Op>
+    Read pump(Op op, std::chrono::milliseconds limit, CancelToken* cancel);
+
     platform::UniqueFd socket_;
     SslPtr ssl_;  // declared last: freed before its socket closes
 };
