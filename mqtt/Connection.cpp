@@ -130,7 +130,9 @@ int MqttManager::Connect() {
             CORE::MutexLock lock(topicsLock_);
             pendingTopics_ = {};
         }
-        TearDownConnection();
+        // The client itself is replaced by the new one under a single
+        // writer lock (below), so publishers never find the slot empty: what
+        // they send meanwhile waits for the new client, which buffers it.
     }
 
     MFW_LOG(CORE::kLogDebug, "MqttManager::Connect(): Connecting MQTT.");
@@ -149,6 +151,7 @@ int MqttManager::Connect() {
         deps_.connectionMaterial ? deps_.connectionMaterial() : std::nullopt;
     if (!material) {
         MFW_LOG(CORE::kLogError, "MqttManager::Connect(): No pairing data to connect with");
+        TearDownConnection();
         return 0;
     }
     info_.beginAttempt(guid, material->endpointUrl);
@@ -162,6 +165,7 @@ int MqttManager::Connect() {
 
     const std::string folder = persistenceFolder();
     if (folder.empty()) {
+        TearDownConnection();
         return 0;
     }
     auto cfg = config();
@@ -191,6 +195,7 @@ int MqttManager::Connect() {
     options.willPayload = MqttManagerUtil::writeCompact(will);
     options.willQos = cfg->getLWTQoS();
     if (!writeTlsMaterial(*material, options)) {
+        TearDownConnection();
         return 0;
     }
 

@@ -28,7 +28,7 @@ bool Healing::waitBeforeReconnect() {
 bool Healing::PerformReconnect() {
     MFW_LOG(CORE::kLogInfo, "MqttManager::PerformReconnect(): Reconnecting to %s",
             manager_.currentEndpoint().c_str());
-    manager_.TearDownConnection();
+    // Connect replaces the client in one step, leaving no moment without one.
     if (manager_.isStopping()) {
         return false;
     }
