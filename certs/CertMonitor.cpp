@@ -203,11 +203,12 @@ void CertMonitor::RefreshFailed() {
 }
 
 void CertMonitor::HandleOTPTokenResponseMessage(const Json::Value& json) {
+    // Read before the lock: the configuration takes locks of its own, and its
+    // change notifications call into this monitor.
+    const auto repeatMs = static_cast<std::uint64_t>(config_()->getCertOtpRepeatInterval()) * 1000u;
     {
         CORE::MutexLock lock(mutex_);
         const std::uint64_t now = time_.bootMilliseconds();
-        const auto repeatMs =
-            static_cast<std::uint64_t>(config_()->getCertOtpRepeatInterval()) * 1000u;
         if (lastOtpTicks_ && now - *lastOtpTicks_ < repeatMs) {
             MFW_LOG(CORE::kLogDebug,
                     "CertMonitor::HandleOTPTokenResponseMessage(): Recently processed OTP token, "
@@ -245,7 +246,9 @@ void CertMonitor::HandleOTPTokenResponseMessage(const Json::Value& json) {
     {
         CORE::MutexLock lock(mutex_);
         if (swap.isBool()) {
-            forceSwap_ = swap.asBool();
+            // The control plane can ask for a swap but not call off one an
+            // operator asked for with the swap trigger.
+            forceSwap_ = forceSwap_ || swap.asBool();
         }
         if (!thread_) {
             MFW_LOG(CORE::kLogWarning,
