@@ -2,16 +2,11 @@
 // the module, the development broker and credential service, provisioning
 // through devcloud, all real processes.
 
-#include "support/MqttTestClient.h"
-#include "support/Process.h"
-#include "support/TempDir.h"
+#include "DesktopCloudTest.h"
 #include "support/Tinyproxy.h"
 
 #include <json/reader.h>
 
-#include <gtest/gtest.h>
-
-#include <csignal>
 #include <fstream>
 #include <sstream>
 
@@ -20,78 +15,17 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const std::string kNodeManager = "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane\\Node Manager";
-const std::string kConnected = "MqttManager::SetState(): State: MQTT_STATE_CONNECTED";
-
-class PairingTest : public ::testing::Test {
+class PairingTest : public DesktopCloudTest {
 protected:
-    PairingTest() {
-        const std::string d = cloud_.path().string();
-        EXPECT_EQ(run({DEVCLOUD_PATH, "ca", "init", "--dir", d}).status, 0);
-        broker_ = std::make_unique<Process>(
-            std::vector<std::string>{DEVCLOUD_PATH, "broker", "--dir", d});
-        EXPECT_TRUE(broker_->waitForLine("port ", 30s)) << broker_->output();
-        credsvc_ = std::make_unique<Process>(
-            std::vector<std::string>{DEVCLOUD_PATH, "credsvc", "--dir", d});
-        EXPECT_TRUE(credsvc_->waitForLine("thumbprint ", 30s)) << credsvc_->output();
-        url_ = credsvc_->valueAfter("url");
-        thumbprint_ = credsvc_->valueAfter("thumbprint");
-        brokerPort_ = std::stoi(broker_->valueAfter("port"));
-    }
-
-    void regctlSet(const std::string& name, const std::string& value) {
-        regctlSet(root_, name, value);
-    }
-    static void regctlSet(const TempDir& root, const std::string& name, const std::string& value) {
-        const auto r =
-            run({REGCTL_PATH, "--root", root.path().string(), "set", kNodeManager, name, value});
-        ASSERT_EQ(r.status, 0) << r.output;
-    }
-    void certctl(const TempDir& root, const std::vector<std::string>& args) {
-        std::vector<std::string> argv{CERTCTL_PATH, "--root", root.path().string()};
-        argv.insert(argv.end(), args.begin(), args.end());
-        const auto r = run(argv);
-        ASSERT_EQ(r.status, 0) << r.output;
-    }
-
-    std::unique_ptr<Process> startAgent() { return startAgent(root_); }
-    static std::unique_ptr<Process> startAgent(const TempDir& root) {
-        return std::make_unique<Process>(std::vector<std::string>{AGENTHOST_PATH, "--root",
-                                                                  root.path().string(), "--plugin",
-                                                                  MODULE_PATH, "--log-level", "0"});
-    }
-
-    // Provisions the desktop `vmId` under `root`, with extra provisioning
-    // options. Provisioning in the root also makes the desktop trust the
-    // devcloud CA; an untrusting desktop is given only its document.
-    void provisionInto(const TempDir& root, const std::string& url, const std::string& vmId,
-                       const std::vector<std::string>& extra = {}, bool trustCa = true) {
-        std::vector<std::string> argv{DEVCLOUD_PATH,          "provision", "--dir",
-                                      cloud_.path().string(), "--url",     url};
-        argv.insert(argv.end(), {"--vm-id", vmId, "--edge-id", "e1", "--short-template-id", "t3"});
-        if (trustCa) {
-            argv.insert(argv.end(), {"--root", root.path().string()});
-        } else {
-            const auto document = root.path() / "AzureData" / "CustomData.bin";
-            argv.insert(argv.end(), {"--spec-file", document.string()});
-        }
-        argv.insert(argv.end(), extra.begin(), extra.end());
-        const auto r = run(argv);
-        ASSERT_EQ(r.status, 0) << r.output;
-    }
-
-    static void stop(Process& agent) {
-        agent.signal(SIGTERM);
-        EXPECT_EQ(agent.wait(30s), std::optional<int>(0));
-    }
+    PairingTest() { startCloud(); }
 
     // Provisions the desktop; returns the one-time password it was given.
     std::string provision() { return provision(url_); }
     std::string provision(const std::string& url) {
         const auto staged = cloud_.path() / "spec.json";
-        const auto r = run({DEVCLOUD_PATH, "provision", "--dir", cloud_.path().string(), "--url",
-                            url, "--vm-id", "vm7", "--edge-id", "e1", "--short-template-id", "t3",
-                            "--spec-file", staged.string()});
+        const auto r =
+            run({DEVCLOUD_PATH, "provision", "--dir", dir(), "--url", url, "--vm-id", "vm7",
+                 "--edge-id", "e1", "--short-template-id", "t3", "--spec-file", staged.string()});
         EXPECT_EQ(r.status, 0) << r.output;
         std::ifstream in(staged);
         Json::Value spec;
@@ -101,31 +35,6 @@ protected:
         std::filesystem::rename(staged, target);  // appears whole, as a provisioning system does
         return spec["nexHub"]["oneTimePassword"].asString();
     }
-
-    std::unique_ptr<MqttTestClient> watcher() {
-        const std::string prefix = (cloud_.path() / "watcher").string();
-        EXPECT_EQ(run({DEVCLOUD_PATH, "client-cert", "--dir", cloud_.path().string(), "--cn",
-                       "watcher", "--out", prefix})
-                      .status,
-                  0);
-        ClientOptions o;
-        o.port = brokerPort_;
-        o.clientId = "watcher";
-        o.tls = devcloud::TlsFiles{(cloud_.path() / "ca.pem").string(), prefix + ".pem",
-                                   prefix + ".key"};
-        auto client = std::make_unique<MqttTestClient>(o);
-        EXPECT_TRUE(client->connect());
-        EXPECT_TRUE(client->subscribe("desktop/e1/vm7/agent/#", 1));
-        return client;
-    }
-
-    TempDir cloud_;
-    TempDir root_;
-    std::unique_ptr<Process> broker_;
-    std::unique_ptr<Process> credsvc_;
-    std::string url_;
-    std::string thumbprint_;
-    int brokerPort_ = 0;
 };
 
 TEST_F(PairingTest, ProvisionedDesktopPairsConnectsAnswersAndReconnectsFromItsCache) {
@@ -138,12 +47,12 @@ TEST_F(PairingTest, ProvisionedDesktopPairsConnectsAnswersAndReconnectsFromItsCa
     auto watch = watcher();
 
     // The client certificate carries the agent identity; the password is gone.
-    const auto certs = run({CERTCTL_PATH, "--root", root_.path().string(), "list"});
+    const auto certs = certctl(root_, {"list"});
     EXPECT_NE(certs.output.find("CN=e1t3_vm7"), std::string::npos) << certs.output;
     EXPECT_NE(certs.output.find("Role:          current client certificate (in use)"),
               std::string::npos)
         << certs.output;
-    const auto listed = run({CERTCTL_PATH, "--root", root_.path().string(), "list", "--json"});
+    const auto listed = certctl(root_, {"list", "--json"});
     Json::Value json;
     std::istringstream jsonText(listed.output);
     ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), jsonText, &json, nullptr))
@@ -162,9 +71,9 @@ TEST_F(PairingTest, ProvisionedDesktopPairsConnectsAnswersAndReconnectsFromItsCa
     EXPECT_EQ(otpValue.output.find(otp), std::string::npos);
 
     // A command from the control plane is answered.
-    const auto answer = run({DEVCLOUD_PATH, "send", "--dir", cloud_.path().string(), "--port",
-                             std::to_string(brokerPort_), "--desktop", "e1/vm7", "--command",
-                             "GetHostFacts", "--timeout", "20"});
+    const auto answer =
+        run({DEVCLOUD_PATH, "send", "--dir", dir(), "--port", std::to_string(brokerPort_),
+             "--desktop", "e1/vm7", "--command", "GetHostFacts", "--timeout", "20"});
     EXPECT_EQ(answer.status, 0) << answer.output;
     EXPECT_NE(answer.output.find("HOSTNAME"), std::string::npos) << answer.output;
 
@@ -215,8 +124,7 @@ TEST_F(PairingTest, AFailingCredentialServiceFailsTheStepAndTheChainRetries) {
           Case{"garbage", "MqttManager::RequestCredentials(): Credentials response parse failed."},
           Case{"silent", "CurlHttpRequest::RequestCallback(): No data moved for 2000 ms"}}) {
         SCOPED_TRACE(c.fault);
-        Process faulty(
-            {DEVCLOUD_PATH, "credsvc", "--dir", cloud_.path().string(), "--fault", c.fault});
+        Process faulty({DEVCLOUD_PATH, "credsvc", "--dir", dir(), "--fault", c.fault});
         ASSERT_TRUE(faulty.waitForLine("thumbprint ", 30s)) << faulty.output();
         TempDir root;
         regctlSet(root, "mqtt_SslCertThumbprint", faulty.valueAfter("thumbprint"));
@@ -235,7 +143,7 @@ TEST_F(PairingTest, AFailingCredentialServiceFailsTheStepAndTheChainRetries) {
 // request is cancelled and the host exits at once, not after the request's
 // time-out.
 TEST_F(PairingTest, SigtermWhileTheCredentialServiceHoldsTheRequestExitsPromptly) {
-    Process held({DEVCLOUD_PATH, "credsvc", "--dir", cloud_.path().string(), "--fault", "silent"});
+    Process held({DEVCLOUD_PATH, "credsvc", "--dir", dir(), "--fault", "silent"});
     ASSERT_TRUE(held.waitForLine("thumbprint ", 30s)) << held.output();
     regctlSet("mqtt_SslCertThumbprint", held.valueAfter("thumbprint"));
     auto agent = startAgent();
@@ -266,20 +174,11 @@ TEST_F(PairingTest, AnUnpinnedServiceMustBeTrustedAndNotRevoked) {
     // Meanwhile a second desktop trusts the CA but holds a CRL revoking the
     // service's certificate.
     const std::string ca = (cloud_.path() / "ca.pem").string();
-    const auto crl = [&](const std::string& name, std::vector<std::string> revoke) {
-        const std::string out = (cloud_.path() / name).string();
-        std::vector<std::string> argv{DEVCLOUD_PATH,          "ca",    "crl", "--dir",
-                                      cloud_.path().string(), "--out", out};
-        for (const auto& file : revoke) {
-            argv.insert(argv.end(), {"--revoke", file});
-        }
-        EXPECT_EQ(run(argv).status, 0);
-        return out;
-    };
     TempDir revokedRoot;
     certctl(revokedRoot, {"import", ca});
     certctl(revokedRoot,
-            {"add-crl", crl("revoked.crl", {(cloud_.path() / "credsvc" / "server.pem").string()})});
+            {"add-crl",
+             writeCrl("revoked.crl", {(cloud_.path() / "credsvc" / "server.pem").string()})});
     auto refused = startAgent(revokedRoot);
     ASSERT_TRUE(refused->waitForLine("MQTT_STATE_WAITING_CONFIG")) << refused->output();
     provisionInto(revokedRoot, url_, "vm8", {}, false);
@@ -291,7 +190,7 @@ TEST_F(PairingTest, AnUnpinnedServiceMustBeTrustedAndNotRevoked) {
     EXPECT_EQ(credsvc_->countLines("vmId"), 0u) << "no request may reach the service";
 
     certctl(root_, {"import", ca});
-    certctl(root_, {"add-crl", crl("empty.crl", {})});
+    certctl(root_, {"add-crl", writeCrl("empty.crl", {})});
     ASSERT_TRUE(agent->waitForLine(kConnected, 60s)) << agent->output();
     EXPECT_EQ(credsvc_->countLines("vmId"), 1u);
     stop(*agent);
