@@ -3,7 +3,9 @@
 # and shows a freshly provisioned desktop pairing and connecting by itself:
 # a development broker and credential service, agenthost with the module in
 # a temporary root, provisioning, a command from the control plane and its
-# answer, then a clean stop of everything.
+# answer, a renewal of its client certificate asked for by an operator (a
+# new certificate obtained over MQTT and HTTPS, proven, swapped in and
+# connected with), then a clean stop of everything.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -32,9 +34,9 @@ cleanup() {
 trap cleanup EXIT
 
 say() { printf '\n== %s\n' "$*"; }
-wait_for() {  # wait_for FILE TEXT SECONDS
+wait_for() {  # wait_for FILE TEXT SECONDS [COUNT]: until TEXT shows COUNT times
   local deadline=$((SECONDS + $3))
-  until grep -qF -- "$2" "$1" 2>/dev/null; do
+  until (($(grep -cF -- "$2" "$1" 2>/dev/null) >= ${4:-1})); do
     if ((SECONDS >= deadline)); then
       echo "demo: gave up waiting for '$2' in $1" >&2
       tail -n 40 "$1" >&2
@@ -58,9 +60,15 @@ broker_port=$(value_of "$work/broker.out" port)
 url=$(value_of "$work/credsvc.out" url)
 thumbprint=$(value_of "$work/credsvc.out" thumbprint)
 echo "broker on 127.0.0.1:$broker_port, credential service at $url"
+"$devcloud" renewer --dir "$cloud" --port "$broker_port" --url "$url" >"$work/renewer.out" 2>&1 &
+pids+=($!)
+wait_for "$work/renewer.out" "renewer ready" 30
+echo "the control plane answers certificate renewal requests"
 
 say "Starting agenthost with ndpx_mqtt.so for a new desktop (root $root); it trusts the credential service by its thumbprint"
 "$regctl" --root "$root" set "$node_manager" mqtt_SslCertThumbprint "$thumbprint"
+# A 7-day renewal window: the fresh 30-day certificate is left alone until asked.
+"$regctl" --root "$root" set "$node_manager" mqtt_CertExpiryDays 7
 "$build/host/agenthost" --root "$root" --plugin "$build/plugin/ndpx_mqtt.so" \
   --log-level 1 --log-file "$work/agent.log" 2>/dev/null &
 agent=$!
@@ -83,6 +91,22 @@ say "The certificate the desktop now holds"
 say "The control plane sends GetHostFacts to desktop e1/vm7 and prints the answer"
 "$devcloud" send --dir "$cloud" --port "$broker_port" --desktop e1/vm7 --command GetHostFacts --timeout 20
 
+say "Renewing the client certificate: an operator asks the agent to renew and swap it now"
+"$regctl" --root "$root" set "$node_manager" mqtt_TriggerCertSwap 1
+wait_for "$work/agent.log" "Successfully swapped the current and pending certificates" 60
+wait_for "$work/agent.log" "MQTT_STATE_CONNECTED" 30 2
+awk '/Triggering refresh/ { from = 1 } from' "$work/agent.log" |
+  grep -E "Triggering refresh|Requesting new pending|Received OTP token message\$|Successfully generated new client pending|brokerAccepts|Successfully swapped|certificateSwapped|State: MQTT_STATE_CONNECTED|agent/eventlogger" |
+  sed 's/^[^[]*\[[^]]*\] L[0-9] [0-9]*: /  /'
+grep "token sent" "$work/renewer.out" | sed 's/^/  /'
+
+say "The certificates the desktop holds now: a new current one, no pending one left"
+"$certctl" --root "$root" list
+
+say "The control plane sends GetHostFacts again, over the new connection"
+"$devcloud" send --dir "$cloud" --port "$broker_port" --desktop e1/vm7 --command GetHostFacts --timeout 20 |
+  grep -E '"(ID|HOSTNAME)"'
+
 say "Stopping the agent (SIGTERM)"
 kill -TERM "$agent"
 status=0
@@ -90,4 +114,4 @@ wait "$agent" || status=$?
 grep -E "MQTT Stop successful|agenthost: stopped" "$work/agent.log" | sed 's/^[^[]*\[[^]]*\] L[0-9] [0-9]*: /  /'
 echo "agenthost exit status: $status"
 
-say "Done: the desktop paired with the credential service, connected to the broker over mutual TLS, answered a command and stopped cleanly."
+say "Done: the desktop paired with the credential service, connected to the broker over mutual TLS, answered a command, renewed its certificate live and stopped cleanly."
