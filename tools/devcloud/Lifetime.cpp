@@ -24,7 +24,7 @@ std::optional<std::chrono::seconds> parseLifetime(const std::string& text) {
     } else if (unit == "h") {
         scale = 3600;
     } else if (unit == "d") {
-        scale = 24 * 3600;
+        scale = 24LL * 3600;
     }
     if (digits == 0 || scale == 0 || value == 0 || value > kMaxSeconds / scale) {
         return std::nullopt;
