@@ -269,4 +269,34 @@ std::string mqttConfig::getMonitoringEndpoint() {
 bool mqttConfig::isFipsMode() {
     return CORE::readRegistry(kFipsModeValue).value_or("") == "1";
 }
+
+std::string mqttConfig::getExternalIPAddress() {
+    for (const char* key : {kAgentConfigurationPolicyKey, kAgentConfigurationKey}) {
+        const auto value = store().get(std::string(key) + "\\XMLAPI", "ExternalIPAddress");
+        if (value && !value->asText().empty()) {
+            return value->asText();
+        }
+    }
+    return {};
+}
+
+std::vector<std::pair<std::string, std::string>> mqttConfig::getListenerValues() {
+    std::vector<std::pair<std::string, std::string>> values;
+    for (const auto& [name, value] :
+         store().listValues(std::string(kAgentConfigurationKey) + "\\Listeners")) {
+        values.emplace_back(name, value.asText());
+    }
+    return values;
+}
+
+std::vector<std::string> mqttConfig::getListenerStrings() {
+    const auto value = store().get(kAgentConfigurationKey, "Listeners");
+    if (!value) {
+        return {};
+    }
+    if (value->type == platform::SettingValue::Type::MultiString) {
+        return value->multi;
+    }
+    return {value->asText()};
+}
 }  // namespace ndpx

@@ -332,6 +332,7 @@ void MqttManager::classifyConnectFailure() {
 }
 
 void MqttManager::OnConnectionLost(const std::string& cause) {
+    reports_->Stop();
     certMonitor_->Stop();
     setRunState(MQTT_STATE_NOT_CONNECTED);
     duplicates_->SetConnected(false);

@@ -6,6 +6,7 @@
 #include "config/RedactWriter.h"
 #include "config/Redaction.h"
 #include "mqtt/MqttManager.h"
+#include "reports/MessageTransformer.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/corestring.h>
@@ -189,9 +190,10 @@ void MqttManager::onAsyncMsgComplete(void* context, const std::wstring& id, int 
             self->pendingCommands_.erase(it);
         }
     }
-    if (responseType == CORE::kErrorSuccess && CORE::iequals(command, L"StartSession") &&
-        self->deps_.startSessionEnricher) {
-        self->deps_.startSessionEnricher(response);
+    if (responseType == CORE::kErrorSuccess && CORE::iequals(command, L"StartSession")) {
+        const auto cfg = self->config();
+        MessageTransformer::AddHostAddress(response, *cfg);
+        MessageTransformer::AddListenerPorts(response, *cfg);
     }
     Json::Value answer = MqttManagerUtil::BagToJSON(response);
     if (!answer.isObject()) {

@@ -45,6 +45,7 @@ MqttManager::MqttManager(MqttManagerDependencies deps)
           [this](std::function<void()> work) { return executor_.post(std::move(work)); },
           *deps_.time),
       registration_(*this, certificates_, deps_.credentials),
+      reports_(std::make_unique<AsyncReportGenerator>([this] { return config(); }, *deps_.time)),
       certMonitor_(std::make_unique<certs::CertMonitor>(
           static_cast<certs::CertMonitorHost&>(*this), [this] { return config(); }, certificates_,
           *deps_.time)) {
@@ -60,6 +61,7 @@ MqttManager::~MqttManager() {
     // Threads must not outlive the object; Stop is normally called before.
     metrics_.unload();
     shutdownEvent_.set();
+    reports_->Close();
     certMonitor_->Stop();
     registration_.interrupt();
     std::unique_ptr<CORE::corethread> registration;
@@ -156,8 +158,9 @@ bool MqttManager::Start() {
     // A swap a crash interrupted: certificate and pairing values agree again
     // before anything reads them.
     certMonitor_->RepairInterruptedSwap();
+    reports_->Open();
     config()->setLiveChangeHandlers(
-        {.asyncSessionSecondsChanged = {},
+        {.asyncSessionSecondsChanged = [this] { reports_->Restart(); },
          .triggerCertRefresh = [this](bool forced) { certMonitor_->TriggerRefresh(forced); },
          .triggerCertSwap = [this] { certMonitor_->TriggerRefreshAndSwap(); }});
     metrics_.load();
@@ -214,6 +217,9 @@ bool MqttManager::Stop() {
     }
 
     healing_.StopHealingThread();
+    // Closed, not just stopped: a subscription or settings change still
+    // under way must not start it again.
+    reports_->Close();
     certMonitor_->Stop();
     config()->setLiveChangeHandlers({});
     duplicates_->Clear();

@@ -3,6 +3,7 @@
 #include "config/MqttManagerUtil.h"
 #include "config/RedactWriter.h"
 #include "mqtt/MqttManager.h"
+#include "reports/MessageTransformer.h"
 
 #include <mfw/corestring.h>
 #include <mfw/moduleLog.h>
@@ -151,9 +152,7 @@ bool MqttManager::SendSessionReport(const CORE::PropertyBag& bag) {
         return false;
     }
     CORE::PropertyBag report = bag;
-    if (deps_.sessionReportTransform) {
-        deps_.sessionReportTransform(report);
-    }
+    MessageTransformer::UpdateSessionReport(report, *config());
     return PublishMessage(publishTopics().sessionReport, MqttManagerUtil::BagToJSON(report), false);
 }
 

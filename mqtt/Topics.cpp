@@ -183,6 +183,9 @@ void MqttManager::OnSubscribeSuccess(int index) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::OnSubscribeSuccess(): Subscribed to unknown topic");
     }
+    if (index == kSubBootstrap) {
+        reports_->Start();
+    }
     if (index == kSubOtpToken) {
         certMonitor_->Start();
     }

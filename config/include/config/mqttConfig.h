@@ -30,6 +30,11 @@ inline constexpr const char* kMonitoringConfigKey =
     "HKLM\\Software\\Brasswick, Inc.\\Brasswick LmMon\\Config\\";
 inline constexpr const char* kComposerKey =
     "HKLM\\SOFTWARE\\Brasswick, Inc.\\NimbrelComposer\\ga\\AgentIntegration";
+// The agent's own configuration, and its policy copy, which wins.
+inline constexpr const char* kAgentConfigurationKey =
+    "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane\\Agent\\Configuration";
+inline constexpr const char* kAgentConfigurationPolicyKey =
+    "HKLM\\Software\\Policies\\Brasswick, Inc.\\Brasswick Orvane\\Agent\\Configuration";
 inline constexpr const char* kFipsModeValue =
     "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane\\FipsMode";
 
@@ -164,6 +169,13 @@ public:
     // Process base names allowed on the IPC channel (value name -> data).
     std::map<std::string, std::string> getIpcIncludeList();
     std::string getMonitoringEndpoint();
+    // The agent's "XMLAPI\ExternalIPAddress" (a policy value first); empty
+    // when neither is set.
+    std::string getExternalIPAddress();
+    // The agent's listeners: the named values of its "Listeners" key (name
+    // -> port, in name order), and the value of that path as a multi-string.
+    std::vector<std::pair<std::string, std::string>> getListenerValues();
+    std::vector<std::string> getListenerStrings();
     static bool isFipsMode();
 
     // Writers (config/mqttConfigWriters.cpp): straight to the store, not

@@ -82,10 +82,6 @@ struct MqttManagerDependencies {
     std::function<void(const Json::Value&)> otpTokenHandler;
     // "MigrateToCorvid": the migration manager's answer.
     std::function<bool(CORE::PropertyBag&, CORE::PropertyBag&)> migrationHandler;
-    // Enrichment of a session report before it is published, and of the
-    // answer to a successful "StartSession".
-    std::function<void(CORE::PropertyBag&)> sessionReportTransform;
-    std::function<void(CORE::PropertyBag&)> startSessionEnricher;
     // Is the current (or else the pending) client certificate present, valid
     // and issued to the agent identity? Healing goes back to requiring a new
     // pairing when it is not. By default the certificate monitor answers.

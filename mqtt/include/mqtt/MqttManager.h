@@ -19,6 +19,7 @@
 #include "mqtt/Registration.h"
 #include "mqtt/SerialExecutor.h"
 #include "mqtt/Topics.h"
+#include "reports/AsyncReportGenerator.h"
 #include "services/DuplicateMessageHandler.h"
 
 #include <mfw/PropertyBag.h>
@@ -243,7 +244,8 @@ private:
     CORE::Mutex registrationThreadLock_;
     std::unique_ptr<CORE::corethread> registrationThread_ MFW_GUARDED_BY(registrationThreadLock_);
 
-    // Declared last: its thread, which calls into the rest, goes first.
+    // Declared last: their threads, which call into the rest, go first.
+    std::unique_ptr<AsyncReportGenerator> reports_;
     std::unique_ptr<certs::CertMonitor> certMonitor_;
 };
 
