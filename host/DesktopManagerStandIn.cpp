@@ -1,10 +1,12 @@
 #include "host/DesktopManagerStandIn.h"
 
 #include "host/HostFacts.h"
+#include "host/SessionReport.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/corestring.h>
 #include <mfw/log.h>
+#include <platform/Paths.h>
 
 #include <array>
 #include <ctime>
@@ -71,6 +73,23 @@ void relayEvent(const CORE::PropertyBag& request, CORE::PropertyBag& response) {
     response.set(L"RESULT", L"OK");
 }
 
+// The agent's desktop worker answers the module's request for a session
+// report by handing a report to the module's worker, which publishes it.
+// Posted: a busy or stopping module never holds up this worker.
+void sendSessionReport(CORE::PropertyBag& response) {
+    const auto report =
+        buildSessionReport(collectDesktopSessions(platform::paths::root()), collectHostFacts());
+    if (CORE::MessageHandler::PostMsg(L"MQTT", L"PublishAsyncNotification", report)) {
+        CORE::__SysMessage(kSource, CORE::kLogDebug,
+                           "DesktopManager: session report of %lld sessions handed to MQTT",
+                           static_cast<long long>(report.count(L"SESSION")));
+    } else {
+        CORE::__SysMessage(kSource, CORE::kLogWarning,
+                           "DesktopManager: session report dropped, no worker MQTT");
+    }
+    response.set(L"RESULT", L"OK");
+}
+
 class DesktopManagerOperation : public CORE::serviceOperation {
 public:
     bool handleMessage(const std::wstring& operation, CORE::PropertyBag& request,
@@ -85,6 +104,14 @@ public:
         }
         if (CORE::iequals(operation, L"SendEvent")) {
             relayEvent(request, response);
+            return true;
+        }
+        if (CORE::iequals(operation, L"SendSessionReport")) {
+            sendSessionReport(response);
+            return true;
+        }
+        if (CORE::iequals(operation, L"StartSession")) {
+            response = startSessionAnswer(request);
             return true;
         }
         if (CORE::iequals(operation, L"Echo")) {

@@ -1,12 +1,16 @@
 #include "host/HostFacts.h"
 
 #include <sys/utsname.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 #include <utmpx.h>
 
 #include <charconv>
+#include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <thread>
 
@@ -120,6 +124,105 @@ std::vector<LoginSession> collectLoginSessions(const std::string& utmpFile) {
         ::utmpxname(_PATH_UTMPX);  // back to the system's file for other readers
     }
     // NOLINTEND(concurrency-mt-unsafe)
+    return sessions;
+}
+
+namespace {
+
+struct BusUnref {
+    void operator()(sd_bus* bus) const { ::sd_bus_flush_close_unref(bus); }
+};
+struct MessageUnref {
+    void operator()(sd_bus_message* m) const { ::sd_bus_message_unref(m); }
+};
+
+constexpr const char* kLogind = "org.freedesktop.login1";
+constexpr const char* kSessionInterface = "org.freedesktop.login1.Session";
+
+std::string sessionProperty(sd_bus* bus, const char* path, const char* name) {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    char* value = nullptr;
+    std::string text;
+    if (::sd_bus_get_property_string(bus, kLogind, path, kSessionInterface, name, &error, &value) >=
+        0) {
+        text = value;
+    }
+    ::free(value);  // NOLINT(cppcoreguidelines-no-malloc): sd-bus hands out malloc'd text
+    ::sd_bus_error_free(&error);
+    return text;
+}
+
+// Nothing when logind cannot be asked.
+std::optional<std::vector<DesktopSession>> logindSessions() {
+    if (::access("/run/systemd/seats", F_OK) != 0) {
+        return std::nullopt;  // logind does not run: asking would wait for a time-out
+    }
+    sd_bus* rawBus = nullptr;
+    if (::sd_bus_open_system(&rawBus) < 0) {
+        return std::nullopt;
+    }
+    const std::unique_ptr<sd_bus, BusUnref> bus(rawBus);
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* rawReply = nullptr;
+    const int called = ::sd_bus_call_method(bus.get(), kLogind, "/org/freedesktop/login1",
+                                            "org.freedesktop.login1.Manager", "ListSessions",
+                                            &error, &rawReply, "");
+    ::sd_bus_error_free(&error);
+    if (called < 0) {
+        return std::nullopt;
+    }
+    const std::unique_ptr<sd_bus_message, MessageUnref> reply(rawReply);
+    if (::sd_bus_message_enter_container(reply.get(), 'a', "(susso)") < 0) {
+        return std::nullopt;
+    }
+    std::vector<DesktopSession> sessions;
+    const char* id = nullptr;
+    std::uint32_t uid = 0;
+    const char* user = nullptr;
+    const char* seat = nullptr;
+    const char* path = nullptr;
+    while (::sd_bus_message_read(reply.get(), "(susso)", &id, &uid, &user, &seat, &path) > 0) {
+        DesktopSession s;
+        s.id = id;
+        s.user = user;
+        s.seat = seat;
+        s.state = sessionProperty(bus.get(), path, "State");
+        s.type = sessionProperty(bus.get(), path, "Type");
+        std::uint64_t usec = 0;
+        if (::sd_bus_get_property_trivial(bus.get(), kLogind, path, kSessionInterface, "Timestamp",
+                                          &error, 't', &usec) >= 0) {
+            s.startTime = static_cast<std::time_t>(usec / 1000000);
+        }
+        ::sd_bus_error_free(&error);
+        sessions.push_back(std::move(s));
+    }
+    return sessions;
+}
+
+}  // namespace
+
+std::filesystem::path utmpFileUnder(const std::filesystem::path& root) {
+    return root / std::filesystem::path(_PATH_UTMPX).relative_path();
+}
+
+std::vector<DesktopSession> collectDesktopSessions(const std::filesystem::path& root) {
+    const bool systemRoot = root.empty() || std::filesystem::path(root).lexically_normal() == "/";
+    if (systemRoot) {
+        if (auto sessions = logindSessions()) {
+            return std::move(*sessions);
+        }
+    }
+    std::vector<DesktopSession> sessions;
+    for (const LoginSession& login :
+         collectLoginSessions(systemRoot ? std::string() : utmpFileUnder(root).string())) {
+        DesktopSession s;
+        s.id = std::to_string(login.pid);
+        s.user = login.user;
+        s.state = "active";
+        s.type = login.host.empty() ? "tty" : "remote";
+        s.startTime = login.loginTime;
+        sessions.push_back(std::move(s));
+    }
     return sessions;
 }
 

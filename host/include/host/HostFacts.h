@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,7 +28,23 @@ struct LoginSession {
     int pid = 0;
 };
 
+// A login session as the desktop's session report lists it.
+struct DesktopSession {
+    std::string id;
+    std::string user;
+    std::string state;  // "active", "online", "closing"
+    std::string type;   // "x11", "wayland", "tty", "remote", ...
+    std::string seat;   // empty when the session has none
+    std::time_t startTime = 0;
+};
+
 HostFacts collectHostFacts();
+
+// The machine's login sessions: logind's when `root` is "/" and logind runs,
+// else the user processes of the utmp file under `root`.
+std::vector<DesktopSession> collectDesktopSessions(const std::filesystem::path& root);
+// The utmp file under `root` (the system's own path, relocated).
+std::filesystem::path utmpFileUnder(const std::filesystem::path& root);
 
 // The user processes recorded in a utmp file (the system's by default).
 std::vector<LoginSession> collectLoginSessions(const std::string& utmpFile = {});
