@@ -314,6 +314,34 @@ TEST_F(InboundTest, TemplateParseErrorsAreReportedOnceAndOtherTopicsDiscarded) {
     EXPECT_EQ(cfg_->getUnwantedSessionFields(), (std::vector<std::wstring>{L"A", L"B"}));
 }
 
+// A successful StartSession, in any case, is answered with the address and
+// listeners; reports run from the bootstrap subscription until the
+// connection is lost, and are published without the unwanted fields.
+TEST_F(InboundTest, StartSessionGetsHostAndListenersAndReportsFollowTheBootstrapTopic) {
+    const std::string configuration = kAgentConfigurationKey;
+    reg_.setString(configuration + "\\XMLAPI", "ExternalIPAddress", "203.0.113.5");
+    reg_.setString(configuration + "\\Listeners", "tcp", "4172");
+    deliver(kCommands, R"({"ID":"s1","COMMAND":"startSESSION"})");
+    ASSERT_TRUE(fake_.waitPublished(kResponse, 1));
+    const Json::Value answer = parse(fake_.publishedOn(kResponse)[0].payload);
+    EXPECT_EQ(answer["PROTOCOL"]["HOST"].asString(), "203.0.113.5");
+    EXPECT_EQ(answer["LISTENERS"]["tcp"].asString(), "4172");
+
+    fake_.subscribeCallbacks()[kSubBootstrap](0);
+    CORE::PropertyBag report;
+    report.set(L"DOMAIN", L"corp");
+    report.addBag(L"SESSION", CORE::PropertyBag{});
+    report.getBagPtr(1)->set(L"GROUPSIDS", L"S-1");
+    report.getBagPtr(1)->set(L"USER", L"ann");
+    ASSERT_TRUE(manager_->SendSessionReport(report));
+    const auto published = fake_.publishedOn("desktop/e1/vm7/agent/sessions/report");
+    ASSERT_EQ(published.size(), 1u);
+    EXPECT_EQ(published[0].payload, R"({"SESSION":{"USER":"ann"}})");
+    ASSERT_TRUE(fake_.connectionDown("broker went away"));
+    EXPECT_TRUE(reg_.log().waitFor("AsyncReportGenerator::Stop(): Stopped Report Generator thread",
+                                   std::chrono::seconds(10)));
+}
+
 // Endpoint change and healing, with the fake library and real threads.
 class EndpointChangeTest : public SessionTest {
 protected:
