@@ -147,7 +147,7 @@ std::string sessionProperty(sd_bus* bus, const char* path, const char* name) {
         0) {
         text = value;
     }
-    ::free(value);  // NOLINT(cppcoreguidelines-no-malloc): sd-bus hands out malloc'd text
+    ::free(value);  // sd-bus hands out malloc'd text
     ::sd_bus_error_free(&error);
     return text;
 }
