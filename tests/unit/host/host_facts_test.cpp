@@ -9,7 +9,6 @@
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/corestring.h>
-#include <platform/Paths.h>
 
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
@@ -163,47 +162,6 @@ TEST_F(DesktopManagerStandInTest, SendEventIsHandedOnToTheModuleUnchanged) {
     }
     CORE::PropertyBag response;
     EXPECT_EQ(send(L"sendevent", event, response), CORE::kErrorSuccess);
-}
-
-// Asked for a session report, the stand-in hands the module's worker one
-// SESSION bag per login session of the utmp file under the root, with the
-// fields the module must strip; StartSession is answered with a PROTOCOL bag.
-TEST_F(DesktopManagerStandInTest, SessionReportsGoToTheModuleAndStartSessionNamesAProtocol) {
-    test::TempDir root;
-    const auto before = platform::paths::root();
-    platform::paths::setRoot(root.path());
-    std::filesystem::create_directories(utmpFileUnder(root.path()).parent_path());
-    {
-        std::ofstream out(utmpFileUnder(root.path()), std::ios::binary);
-        const utmpx records[] = {record(USER_PROCESS, "alice", "pts/0", "10.0.0.7", 41, 1700000000),
-                                 record(USER_PROCESS, "bob", "tty1", "", 42, 1700000100)};
-        out.write(reinterpret_cast<const char*>(records), sizeof records);
-    }
-    test::StubWorker mqtt(L"MQTT");
-    CORE::PropertyBag response;
-    EXPECT_EQ(send(L"SendSessionReport", {}, response), CORE::kErrorSuccess);
-    platform::paths::setRoot(before);
-    const auto report = mqtt.nextMessage();
-    ASSERT_TRUE(report);
-    EXPECT_EQ(report->operation, L"PublishAsyncNotification");
-    const auto& bag = report->request;
-    EXPECT_TRUE(bag.has(L"DOMAIN") && bag.has(L"AGENTUPDATE"));
-    ASSERT_EQ(bag.count(L"SESSION"), 2u);
-    const CORE::PropertyBag* bob = bag.getBagPtr(bag.size() - 1);
-    EXPECT_EQ(bob->get(L"USER", L""), L"bob");
-    EXPECT_EQ(bob->get(L"TYPE", L""), L"tty");
-    EXPECT_EQ(bob->getInt64(L"STARTTIME"), 1700000100);
-    for (const wchar_t* field :
-         {L"APPIDHISTORY", L"BROKERINGENDPOINTID", L"GROUPSIDS", L"HOSTPODID"}) {
-        EXPECT_TRUE(bob->has(field)) << CORE::toUtf8(field);
-    }
-
-    CORE::PropertyBag request;
-    request.set(L"PROTOCOL", L"vnc");
-    CORE::PropertyBag answer;
-    ASSERT_EQ(send(L"StartSession", request, answer), CORE::kErrorSuccess);
-    ASSERT_NE(answer.getBag(L"PROTOCOL"), nullptr);
-    EXPECT_EQ(answer.getBag(L"PROTOCOL")->get(L"NAME", L""), L"vnc");
 }
 
 }  // namespace
