@@ -2,9 +2,10 @@
 // (workers, messages, settings watch, log, metrics) and stops cleanly on
 // SIGINT or SIGTERM.
 
-#include "SystemWorker.h"
 #include "host/DesktopManagerStandIn.h"
+#include "host/EventWriter.h"
 #include "host/MetricsFile.h"
+#include "host/SystemWorker.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/PluginLoader.h>
@@ -37,6 +38,7 @@ int main(int argc, char** argv) {
     int logLevel = CORE::kLogInfo;
     std::string logFile;
     int metricsSeconds = 15;
+    std::string journalSocket = ndpx::platform::kDefaultJournalSocket;
     app.add_option("--root", root, "Root prefix for every machine path")->capture_default_str();
     app.add_option("--plugin", plugins, "Plug-in module to load (repeatable)");
     app.add_option("--log-level", logLevel, "0 most verbose ... 4 errors only")
@@ -45,6 +47,9 @@ int main(int argc, char** argv) {
     app.add_option("--log-file", logFile, "Also log to this file (rotated at 10 MB, 5 kept)");
     app.add_option("--metrics-interval", metricsSeconds, "Seconds between metric collections")
         ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+    app.add_option("--journal-socket", journalSocket,
+                   "The journal's socket, where agent events are written")
         ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
 
@@ -71,7 +76,8 @@ int main(int argc, char** argv) {
     collector.start(static_cast<std::uint32_t>(metricsSeconds) * 1000u);
 
     CORE::PluginLoader loader;
-    ndpx::host::addSystemWorker(loader);
+    ndpx::host::EventWriter events(ndpx::platform::makeJournal(journalSocket));
+    const ndpx::host::SystemWorker system(loader, events);
     ndpx::host::addDesktopManagerStandIn();
 
     CORE::PropertyBag params;
