@@ -146,8 +146,9 @@ TEST_F(EventLoggerTest, BadTypesAndAFailingWriterAreLoggedAndRefused) {
                        "EventLogger::RecordEvent(): Unable to record event without a type."));
     for (int type : {999, 1019}) {
         EXPECT_FALSE(logger_.RecordEvent(event(type, &attributes)));
-        EXPECT_TRUE(logged(CORE::kLogWarning, "EventLogger::RecordEvent(): Unexpected event type: " +
-                                                  std::to_string(type)));
+        EXPECT_TRUE(
+            logged(CORE::kLogWarning,
+                   "EventLogger::RecordEvent(): Unexpected event type: " + std::to_string(type)));
     }
     EXPECT_FALSE(system.nextMessage(0ms));
     EXPECT_EQ(EventLogger::EventTypeName(1019), "MQTT_STATE_1019");
