@@ -5,7 +5,6 @@
 #include "fakes/FakeMqttClient.h"
 #include "mqtt/MqttManager.h"
 #include "support/MqttManagerPeer.h"
-#include "support/StubWorker.h"
 #include "support/TestRegistry.h"
 #include "support/WaitUntil.h"
 
@@ -200,29 +199,6 @@ TEST_F(SessionTest, PublishingRefusalsAndRedactedLogging) {
     Json::Value available;
     manager_->BuildStatusMessage(available, "AVAILABLE", 0, {});
     EXPECT_EQ(available["publicKey"].asString(), "QUJDREVG");
-}
-
-// "SendEvent": the event is recorded with the host's event writer first and
-// published whatever came of that.
-TEST_F(SessionTest, EventsAreRecordedThenPublishedEvenWhenNotRecorded) {
-    connect();
-    test::StubWorker system(L"System");
-    CORE::PropertyBag attributes;
-    attributes.set(L"MachineName", L"vm7");
-    for (int type : {1014, 1019, 1001}) {
-        CORE::PropertyBag event;
-        event.setInt(L"Type", type);
-        event.setBag(L"attributes", attributes);
-        EXPECT_TRUE(manager_->PublishEvent(event)) << type;
-    }
-    const auto recorded = system.nextMessage(std::chrono::milliseconds(0));
-    ASSERT_TRUE(recorded);
-    EXPECT_EQ(recorded->request.getInt64(L"wType"), 1);
-    EXPECT_FALSE(system.nextMessage(std::chrono::milliseconds(0)));
-    const auto published = fake_.publishedOn("desktop/e1/vm7/agent/eventlogger");
-    ASSERT_EQ(published.size(), 3u);
-    EXPECT_EQ(parse(published[1].payload)["Type"].asString(), "1019");
-    EXPECT_EQ(parse(published[1].payload)["attributes"]["MachineName"].asString(), "vm7");
 }
 
 // A desktop manager that answers every command with its name and arguments,
