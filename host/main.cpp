@@ -2,9 +2,10 @@
 // (workers, messages, settings watch, log, metrics) and stops cleanly on
 // SIGINT or SIGTERM.
 
-#include "SystemWorker.h"
 #include "host/DesktopManagerStandIn.h"
+#include "host/EventWriter.h"
 #include "host/MetricsFile.h"
+#include "host/SystemWorker.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/PluginLoader.h>
@@ -37,6 +38,7 @@ int main(int argc, char** argv) {
     int logLevel = CORE::kLogInfo;
     std::string logFile;
     int metricsSeconds = 15;
+    std::string journalSocket;
     app.add_option("--root", root, "Root prefix for every machine path")->capture_default_str();
     app.add_option("--plugin", plugins, "Plug-in module to load (repeatable)");
     app.add_option("--log-level", logLevel, "0 most verbose ... 4 errors only")
@@ -46,6 +48,9 @@ int main(int argc, char** argv) {
     app.add_option("--metrics-interval", metricsSeconds, "Seconds between metric collections")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
+    app.add_option("--journal-socket", journalSocket,
+                   "The journal's socket, where agent events are written "
+                   "(default: under the root, run/systemd/journal/socket)");
     CLI11_PARSE(app, argc, argv);
 
     // Signals are taken by sigwait below; every thread started later
@@ -70,8 +75,16 @@ int main(int argc, char** argv) {
     ndpx::host::MetricsCollector collector;
     collector.start(static_cast<std::uint32_t>(metricsSeconds) * 1000u);
 
+    if (journalSocket.empty()) {
+        // Under the root like every machine path: a test's root has no journal.
+        journalSocket =
+            (ndpx::platform::paths::root() /
+             std::filesystem::path(ndpx::platform::kDefaultJournalSocket).relative_path())
+                .string();
+    }
     CORE::PluginLoader loader;
-    ndpx::host::addSystemWorker(loader);
+    ndpx::host::EventWriter events(ndpx::platform::makeJournal(journalSocket));
+    const ndpx::host::SystemWorker system(loader, events);
     ndpx::host::addDesktopManagerStandIn();
 
     CORE::PropertyBag params;

@@ -161,6 +161,7 @@ bool MqttManager::PublishSessionMessage(const CORE::PropertyBag& bag) {
 }
 
 bool MqttManager::PublishEvent(const CORE::PropertyBag& bag) {
+    eventLogger_.RecordEvent(bag);  // its outcome does not decide the publish
     return PublishMessage(publishTopics().eventLogger, MqttManagerUtil::BagToJSON(bag), true);
 }
 

@@ -10,6 +10,7 @@
 // Threads and locks: docs/architecture.md, "Threading contract".
 
 #include "certs/CertMonitor.h"
+#include "events/EventLogger.h"
 #include "mqtt/ConnectionInfo.h"
 #include "mqtt/Healing.h"
 #include "mqtt/ManagerDependencies.h"
@@ -86,6 +87,8 @@ public:
     bool PublishDesktopNotification(const CORE::PropertyBag& bag);
     bool SendSessionReport(const CORE::PropertyBag& bag);
     bool PublishSessionMessage(const CORE::PropertyBag& bag);
+    // The event entry ("SendEvent"): records the event with the event
+    // logger, then publishes it whatever the recording gave.
     virtual bool PublishEvent(const CORE::PropertyBag& bag);
     bool PublishIPCMessage(const std::string& topic, const std::string& payload, int qos,
                            bool retained);
@@ -192,6 +195,8 @@ private:
     MqttManagerDependencies deps_;
     const std::shared_ptr<certs::CertificateUtil> certificates_;
     CORE::coreevent shutdownEvent_;
+    // Its waits on the event writer end when the manager stops.
+    EventLogger eventLogger_{shutdownEvent_};
     std::atomic<bool> started_{false};
     // From the first step of Stop: connection events no longer move the
     // state away from STOPPING.
