@@ -3,6 +3,7 @@
 // SIGINT or SIGTERM.
 
 #include "SystemWorker.h"
+#include "host/ControlServer.h"
 #include "host/DesktopManagerStandIn.h"
 #include "host/MetricsFile.h"
 
@@ -65,14 +66,25 @@ int main(int argc, char** argv) {
         CORE::addLogSink(CORE::makeRotatingFileSink(logFile, 10u << 20, 5));
     }
 
-    CORE::setMetricsSink(std::make_shared<ndpx::host::MetricsFile>(ndpx::platform::paths::runDir() /
-                                                                   "metrics.json"));
+    const auto metrics =
+        std::make_shared<ndpx::host::MetricsFile>(ndpx::platform::paths::runDir() / "metrics.json");
+    CORE::setMetricsSink(metrics);
     ndpx::host::MetricsCollector collector;
     collector.start(static_cast<std::uint32_t>(metricsSeconds) * 1000u);
 
     CORE::PluginLoader loader;
     ndpx::host::addSystemWorker(loader);
     ndpx::host::addDesktopManagerStandIn();
+
+    // The operator's channel (agentctl). The host runs without it when the
+    // socket cannot be made: the agent's work does not depend on it.
+    ndpx::host::ControlServer control(ndpx::platform::paths::controlSocketFile(), metrics);
+    std::string controlError;
+    if (!ndpx::host::createRunFolder(ndpx::platform::paths::runDir(), controlError) ||
+        !control.start(controlError)) {
+        CORE::__SysMessage(kSource, CORE::kLogError, "agenthost: no agentctl channel: %s",
+                           controlError.c_str());
+    }
 
     CORE::PropertyBag params;
     params.set(L"Root", CORE::toWide(root));
@@ -93,6 +105,7 @@ int main(int argc, char** argv) {
     sigwait(&signals, &signal);
     CORE::__SysMessage(kSource, CORE::kLogInfo, "agenthost: signal %d, stopping", signal);
 
+    control.stop();
     loader.unloadAll();
     collector.stop();
     CORE::MessageFrameWork::System().Shutdown();
