@@ -121,7 +121,11 @@ ControlServer::~ControlServer() {
 }
 
 bool ControlServer::start(std::string& error) {
-    if (!listener_.listen(socket_, error)) {
+    if (!listener_ || thread_.joinable()) {
+        error = "the control server runs once";
+        return false;
+    }
+    if (!listener_->listen(socket_, error)) {
         return false;
     }
     thread_ = std::thread([this] { run(); });
@@ -134,6 +138,7 @@ void ControlServer::stop() {
     if (thread_.joinable()) {
         thread_.join();
     }
+    listener_.reset();
 }
 
 void ControlServer::run() {
@@ -141,7 +146,7 @@ void ControlServer::run() {
     for (;;) {
         platform::LocalStream client;
         std::string error;
-        const platform::IoResult accepted = listener_.accept(client, stop_, error);
+        const platform::IoResult accepted = listener_->accept(client, stop_, error);
         if (accepted == platform::IoResult::Stopped) {
             return;
         }

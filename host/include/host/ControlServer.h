@@ -48,7 +48,8 @@ public:
     // Listens and starts the thread; false and `error` when the socket
     // cannot be made. Once only.
     bool start(std::string& error);
-    // Ends a request under way and the thread; joins it.
+    // Ends a request under way and the thread, joins it and removes the
+    // socket: a stopping host no longer answers.
     void stop();
 
 private:
@@ -58,7 +59,8 @@ private:
     const std::filesystem::path socket_;
     const std::shared_ptr<const MetricsFile> metrics_;
     const ControlLimits limits_;
-    platform::LocalListener listener_;
+    std::unique_ptr<platform::LocalListener> listener_ =
+        std::make_unique<platform::LocalListener>();
     platform::StopSignal stop_;
     CORE::coreevent abort_;
     std::thread thread_;
