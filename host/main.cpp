@@ -12,6 +12,7 @@
 #include <mfw/corestring.h>
 #include <mfw/log.h>
 #include <mfw/metrics.h>
+#include <mfw/moduleLog.h>
 #include <platform/Paths.h>
 
 #include <CLI/CLI.hpp>
@@ -60,6 +61,9 @@ int main(int argc, char** argv) {
     ndpx::platform::paths::setRoot(root);
     ::setenv("NDPX_ROOT", root.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): no thread yet
 
+    // The store code the host shares with the module (agentctl status)
+    // logs under this name here.
+    CORE::setModuleSourceName(kSource);
     CORE::setLogLevel(logLevel);
     CORE::addLogSink(CORE::makeStderrSink());
     if (!logFile.empty()) {

@@ -139,6 +139,7 @@ TEST_F(AgentctlTest, OtherUsersBadArgumentsAndAStoppedHostAreRefused) {
 
     EXPECT_EQ(agentctl({"send", "MQTT", "SendEvent", "novalue"}).status, 2);
     EXPECT_EQ(agentctl({"migrate", "bootstrap", (cloud_.path() / "none.json").string()}).status, 2);
+    EXPECT_EQ(agentctl({"migrate", "bootstrap", cloud_.path().string()}).status, 2);
     EXPECT_EQ(agentctl({"frobnicate"}).status, 2);
 
     stop(*agent);

@@ -11,6 +11,7 @@
 #include <json/writer.h>
 #include <CLI/CLI.hpp>
 
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -98,11 +99,19 @@ int report(const Json::Value& answer, bool json, bool status) {
 }
 
 bool readText(const std::string& path, std::string& text) {
+    std::error_code ec;
+    if (!std::filesystem::is_regular_file(path, ec)) {
+        return false;  // a folder opens, then fails at the first read
+    }
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         return false;
     }
-    text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    try {
+        text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    } catch (const std::exception&) {
+        return false;
+    }
     return !in.bad();
 }
 
