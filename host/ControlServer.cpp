@@ -202,11 +202,20 @@ void ControlServer::serve(platform::LocalStream& client) {
         return;
     }
     // Names only: a request's values may be secrets (a bootstrap document).
-    CORE::__SysMessage(kSource, CORE::kLogInfo, "agentctl: uid %u pid %d: %s %s %s", peer->uid,
-                       peer->pid, textOf(request["request"]).c_str(),
-                       textOf(request["worker"]).c_str(), textOf(request["operation"]).c_str());
+    std::string what = textOf(request["request"]);
+    for (const char* name : {"worker", "operation"}) {
+        if (const std::string text = textOf(request[name]); !text.empty()) {
+            what += " " + text;
+        }
+    }
+    CORE::__SysMessage(kSource, CORE::kLogInfo, "agentctl: uid %u pid %d: %s", peer->uid, peer->pid,
+                       what.c_str());
     const Json::Value answer =
         answerControlRequest(request, metrics_.get(), abort_, limits_.sendTimeoutMs);
+    if (answer.isMember("error")) {
+        CORE::__SysMessage(kSource, CORE::kLogInfo, "agentctl: %s: %s", what.c_str(),
+                           answer["error"].asCString());
+    }
     reply(answer);
 }
 
