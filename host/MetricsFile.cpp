@@ -33,6 +33,13 @@ Json::Value valueOf(const std::string& text) {
 
 }  // namespace
 
+bool createRunFolder(const std::filesystem::path& dir, std::string& error) {
+    namespace fs = std::filesystem;
+    constexpr auto kFolderMode =
+        fs::perms::all & ~(fs::perms::group_write | fs::perms::others_write);
+    return platform::paths::createDirectories(dir, kFolderMode, error);
+}
+
 MetricsFile::MetricsFile(std::filesystem::path file) : file_(std::move(file)) {}
 
 bool MetricsFile::sendData(const CORE::MetricRecord& record) {
@@ -47,17 +54,20 @@ bool MetricsFile::sendData(const CORE::MetricRecord& record) {
     return true;
 }
 
+Json::Value MetricsFile::latest(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    return latest_.get(key, Json::Value());
+}
+
 void MetricsFile::writeLockHeld() {
     // Meant for the monitoring tools, which need not run as this process's
-    // user: readable by everyone, with folders everyone may pass, set
-    // explicitly because the host's umask keeps everything else private.
+    // user: readable by everyone, set explicitly because the host's umask
+    // keeps everything else private.
     namespace fs = std::filesystem;
-    constexpr auto kFolderMode =
-        fs::perms::all & ~(fs::perms::group_write | fs::perms::others_write);
     constexpr auto kFileMode = fs::perms::owner_read | fs::perms::owner_write |
                                fs::perms::group_read | fs::perms::others_read;
     std::string error;
-    if (!platform::paths::createDirectories(file_.parent_path(), kFolderMode, error)) {
+    if (!createRunFolder(file_.parent_path(), error)) {
         return;
     }
     // Written aside and renamed, so a reader never sees half a file.

@@ -2,6 +2,7 @@
 // (workers, messages, settings watch, log, metrics) and stops cleanly on
 // SIGINT or SIGTERM.
 
+#include "host/ControlServer.h"
 #include "host/DesktopManagerStandIn.h"
 #include "host/EventWriter.h"
 #include "host/MetricsFile.h"
@@ -12,6 +13,7 @@
 #include <mfw/corestring.h>
 #include <mfw/log.h>
 #include <mfw/metrics.h>
+#include <mfw/moduleLog.h>
 #include <platform/Paths.h>
 
 #include <CLI/CLI.hpp>
@@ -64,14 +66,18 @@ int main(int argc, char** argv) {
     ndpx::platform::paths::setRoot(root);
     ::setenv("NDPX_ROOT", root.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): no thread yet
 
+    // The store code the host shares with the module (agentctl status)
+    // logs under this name here.
+    CORE::setModuleSourceName(kSource);
     CORE::setLogLevel(logLevel);
     CORE::addLogSink(CORE::makeStderrSink());
     if (!logFile.empty()) {
         CORE::addLogSink(CORE::makeRotatingFileSink(logFile, 10u << 20, 5));
     }
 
-    CORE::setMetricsSink(std::make_shared<ndpx::host::MetricsFile>(ndpx::platform::paths::runDir() /
-                                                                   "metrics.json"));
+    const auto metrics =
+        std::make_shared<ndpx::host::MetricsFile>(ndpx::platform::paths::runDir() / "metrics.json");
+    CORE::setMetricsSink(metrics);
     ndpx::host::MetricsCollector collector;
     collector.start(static_cast<std::uint32_t>(metricsSeconds) * 1000u);
 
@@ -86,6 +92,16 @@ int main(int argc, char** argv) {
     ndpx::host::EventWriter events(ndpx::platform::makeJournal(journalSocket));
     const ndpx::host::SystemWorker system(loader, events);
     ndpx::host::addDesktopManagerStandIn();
+
+    // The operator's channel (agentctl). The host runs without it when the
+    // socket cannot be made: the agent's work does not depend on it.
+    ndpx::host::ControlServer control(ndpx::platform::paths::controlSocketFile(), metrics);
+    std::string controlError;
+    if (!ndpx::host::createRunFolder(ndpx::platform::paths::runDir(), controlError) ||
+        !control.start(controlError)) {
+        CORE::__SysMessage(kSource, CORE::kLogError, "agenthost: no agentctl channel: %s",
+                           controlError.c_str());
+    }
 
     CORE::PropertyBag params;
     params.set(L"Root", CORE::toWide(root));
@@ -106,6 +122,7 @@ int main(int argc, char** argv) {
     sigwait(&signals, &signal);
     CORE::__SysMessage(kSource, CORE::kLogInfo, "agenthost: signal %d, stopping", signal);
 
+    control.stop();
     loader.unloadAll();
     collector.stop();
     CORE::MessageFrameWork::System().Shutdown();

@@ -11,8 +11,11 @@ constexpr int kDataTypeJson = 4;
 }
 
 MqttLmMonConsumer::MqttLmMonConsumer(std::function<std::string()> stateName,
-                                     std::function<Json::Value()> certificate)
-    : stateName_(std::move(stateName)), certificate_(std::move(certificate)) {}
+                                     std::function<Json::Value()> certificate,
+                                     std::function<Json::Value()> publications)
+    : stateName_(std::move(stateName)),
+      certificate_(std::move(certificate)),
+      publications_(std::move(publications)) {}
 
 MqttLmMonConsumer::~MqttLmMonConsumer() {
     unload();
@@ -47,6 +50,9 @@ bool MqttLmMonConsumer::DoSetMetricCallback() {
         if (Json::Value certificate = certificate_(); !certificate.isNull()) {
             root["clientCertificate"] = std::move(certificate);
         }
+    }
+    if (publications_) {
+        root["publications"] = publications_();
     }
     return SendData("MQTTMetrics", "ndpx_mqtt", "MQTTMetrics", kDataTypeJson,
                     MqttManagerUtil::writeCompact(root));

@@ -39,7 +39,8 @@ MqttManager::MqttManager(MqttManagerDependencies deps)
       certificates_(deps_.certificates ? deps_.certificates
                                        : std::make_shared<certs::CertificateUtil>()),
       shutdownEvent_(CORE::coreevent::Reset::Manual, false, *deps_.time),
-      metrics_([this] { return GetStateName(); }, [this] { return certificateMetric(); }),
+      metrics_([this] { return GetStateName(); }, [this] { return certificateMetric(); },
+               [this] { return publicationMetric(); }),
       connection_(
           deps_.clientFactory ? deps_.clientFactory : pahoClientFactory(), *this,
           [this](std::function<void()> work) { return executor_.post(std::move(work)); },

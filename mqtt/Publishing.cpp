@@ -38,40 +38,57 @@ bool MqttManager::DoPublishMessage(const std::string& topic, const std::string& 
     if (shutdownEvent_.isSet()) {
         MFW_LOG(CORE::kLogDebug,
                 "MqttManager::DoPublishMessage(): Not publishing message, stopping");
-        return false;
+        return refusePublication();
     }
     if (!pairedStateKnown_) {
         MFW_LOG(CORE::kLogDebug,
                 "MqttManager::DoPublishMessage(): Not publishing message, paired state is "
                 "undetermined");
-        return false;
+        return refusePublication();
     }
     if (topic.empty()) {
         MFW_LOG(CORE::kLogError,
                 "MqttManager::DoPublishMessage(): Message topic is empty, unable to publish msg");
-        return false;
+        return refusePublication();
     }
     if (payload.size() > static_cast<std::size_t>(INT32_MAX)) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::DoPublishMessage(): Message too large to publish for topic %s",
                 topic.c_str());
-        return false;
+        return refusePublication();
     }
+    // Not connected: the client keeps the publication until it is again.
+    const bool online = connection_.isConnected();
     const int rc = connection_.publish(topic, payload, qos, retained, token, std::move(onSuccess),
                                        [this](const MqttFailure& f) { OnPublishFailure(f); });
     if (rc == MqttConnection::kNoClient) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::DoPublishMessage(): Unable to send message. MQTT client doesn't "
                 "exist");
-        return false;
+        return refusePublication();
     }
     if (rc != kMqttSuccess) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::DoPublishMessage(): Failed to send message on topic %s. Error: %d",
                 topic.c_str(), rc);
-        return false;
+        return refusePublication();
+    }
+    if (!online) {
+        bufferedPublications_.fetch_add(1);
     }
     return true;
+}
+
+bool MqttManager::refusePublication() {
+    droppedPublications_.fetch_add(1);
+    return false;
+}
+
+Json::Value MqttManager::publicationMetric() const {
+    Json::Value out(Json::objectValue);
+    out["buffered"] = Json::UInt64(bufferedPublications_.load());
+    out["dropped"] = Json::UInt64(droppedPublications_.load());
+    return out;
 }
 
 bool MqttManager::PublishMessage(const std::string& topic, const Json::Value& json, bool reliable,
@@ -183,6 +200,7 @@ void MqttManager::OnPublishFailure(const MqttFailure& f) {
             "Reason Code: %d. Error message: %s. Token: %d",
             f.code, f.reasonCode, f.message.empty() ? "null" : f.message.c_str(), f.token);
     const auto failed = failedPublications_.fetch_add(1) + 1;
+    droppedPublications_.fetch_add(1);
     if (f.code == kMqttSessionLost) {
         // The broker kept no session for us: this publication is lost.
         MFW_LOG(CORE::kLogWarning,

@@ -67,6 +67,10 @@ std::filesystem::path runDir() {
     return root() / "run" / "Brasswick";
 }
 
+std::filesystem::path controlSocketFile() {
+    return runDir() / "agentctl.sock";
+}
+
 bool createSecureDirectories(const std::filesystem::path& dir, std::string& error) {
     return createDirectories(dir, std::filesystem::perms::owner_all, error);
 }

@@ -12,19 +12,27 @@
 
 #include <filesystem>
 #include <mutex>
+#include <string>
 
 namespace ndpx::host {
+
+// Creates `dir` and its parents readable and passable by everyone, whatever
+// the umask: the run folder holds what operators' tools read (the metrics
+// file) or reach (the agentctl socket, itself private).
+bool createRunFolder(const std::filesystem::path& dir, std::string& error);
 
 class MetricsFile : public CORE::MetricsSink {
 public:
     explicit MetricsFile(std::filesystem::path file);
     bool sendData(const CORE::MetricRecord& record) override;
+    // The latest record of `key` as written to the file; null when none came.
+    Json::Value latest(const std::string& key) const;
 
 private:
     void writeLockHeld();
 
     const std::filesystem::path file_;
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     Json::Value latest_{Json::objectValue};  // the file's content, by key
 };
 

@@ -12,9 +12,11 @@ class MqttLmMonConsumer {
 public:
     // `stateName` reads the current state's name when a metric is collected;
     // `certificate`, when given, what is known of the client certificate
-    // (a JSON object, or null when nothing is).
+    // (a JSON object, or null when nothing is); `publications`, when given,
+    // the publication counters.
     explicit MqttLmMonConsumer(std::function<std::string()> stateName,
-                               std::function<Json::Value()> certificate = {});
+                               std::function<Json::Value()> certificate = {},
+                               std::function<Json::Value()> publications = {});
     ~MqttLmMonConsumer();
     MqttLmMonConsumer(const MqttLmMonConsumer&) = delete;
     MqttLmMonConsumer& operator=(const MqttLmMonConsumer&) = delete;
@@ -36,6 +38,7 @@ private:
 
     std::function<std::string()> stateName_;
     std::function<Json::Value()> certificate_;
+    std::function<Json::Value()> publications_;
     int collectorId_ = 0;
 };
 

@@ -181,6 +181,10 @@ private:
     bool clientCertificateUsable(bool pairingLockHeld);
     // The client certificate's time left and last renewal, for the metric.
     Json::Value certificateMetric();
+    // Publications handed to the client while it was not connected (it
+    // buffers them) and publications refused or failed.
+    Json::Value publicationMetric() const;
+    bool refusePublication();
     void postConnectWork();
     void classifyConnectFailure();
     // The connection material, and what Connect takes from it for later.
@@ -226,6 +230,8 @@ private:
     std::atomic<bool> endpointOnly_{false};
     // Publications the library failed after a session was lost (see docs).
     std::atomic<std::uint64_t> failedPublications_{0};
+    std::atomic<std::uint64_t> bufferedPublications_{0};
+    std::atomic<std::uint64_t> droppedPublications_{0};
 
     // Commands handed to the desktop manager and not yet answered.
     struct PendingCommand {

@@ -18,6 +18,7 @@ std::filesystem::path vendorDataDir();      // $ROOT/var/lib/Brasswick
 std::filesystem::path settingsStoreFile();  // .../Brasswick/registry.sqlite
 std::filesystem::path certStoreFile();      // .../Brasswick/certstore.sqlite
 std::filesystem::path runDir();             // $ROOT/run/Brasswick
+std::filesystem::path controlSocketFile();  // .../Brasswick/agentctl.sock
 
 // Creates `dir` and its missing parents with exactly `mode`, whatever the
 // process's umask. An existing directory is accepted as it is. Returns false

@@ -195,6 +195,13 @@ TEST_F(SessionTest, PublishingRefusalsAndRedactedLogging) {
     EXPECT_EQ(local[0].qos, 2);
     EXPECT_TRUE(local[0].retained);
 
+    // Refusals count as dropped; what the client takes while the connection
+    // is down, as buffered.
+    ASSERT_TRUE(fake_.connectionDown("test"));
+    ASSERT_TRUE(manager_->PublishIPCMessage("desktop/e1/vm7/local", "{}", 1, false));
+    EXPECT_EQ(peer().publicationMetric()["buffered"].asUInt64(), 1u);
+    EXPECT_EQ(peer().publicationMetric()["dropped"].asUInt64(), 2u);
+
     // "AVAILABLE" carries the key of the client certificate in use.
     Json::Value available;
     manager_->BuildStatusMessage(available, "AVAILABLE", 0, {});
