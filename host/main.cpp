@@ -5,6 +5,7 @@
 #include "SystemWorker.h"
 #include "host/DesktopManagerStandIn.h"
 #include "host/MetricsFile.h"
+#include "host/TransportStandIns.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/PluginLoader.h>
@@ -73,6 +74,7 @@ int main(int argc, char** argv) {
     CORE::PluginLoader loader;
     ndpx::host::addSystemWorker(loader);
     ndpx::host::addDesktopManagerStandIn();
+    ndpx::host::addTransportStandIns();
 
     CORE::PropertyBag params;
     params.set(L"Root", CORE::toWide(root));

@@ -51,6 +51,7 @@ public:
 
     virtual bool Start();
     virtual bool Stop();
+    bool IsStarted() const { return started_.load(); }
 
     // State.
     void SetState(std::int32_t state);
@@ -112,6 +113,10 @@ public:
     // so that a derived manager may replace it; it runs under the
     // registration mutex.
     virtual bool RegisterMessageTransport();
+    // The migration's commit: makes MQTT the agent's message transport,
+    // replacing the older one, under the registration mutex (the chain may
+    // be running).
+    bool CommitMessageTransport();
     void RevertToRequireBootstrap(bool forgetPairingData);
     void UpdateIDs();
     bool StartIPCServer();

@@ -44,7 +44,10 @@ public:
 
     // The steps; the chain holds the mutex.
     bool ParseLCMSpec() MFW_REQUIRES(mutex_);
-    bool RegisterMessageTransport();
+    // While a migration is in progress MQTT only joins the notify queue and
+    // the older transport stays registered; `commit` (the migration's
+    // commit) hands the transport over.
+    bool RegisterMessageTransport(bool commit);
     bool ReadAndValidatePairingData() MFW_REQUIRES(mutex_);
     bool CreateAgentKeyPair() MFW_REQUIRES(mutex_);
     bool RequestCredentials() MFW_REQUIRES(mutex_);
