@@ -119,20 +119,20 @@ bool handleNotifyQueueMessage(const std::wstring& operation, const CORE::Propert
                               CORE::PropertyBag& response) {
     const std::wstring queue = request.get(L"QUEUE", L"");
     const std::string name = CORE::toUtf8(queue);
-    if (CORE::iequals(operation, L"NotifyQueueAdd")) {
-        const auto members = NotifyQueue::instance().add(queue);
-        CORE::__SysMessage(kSource, CORE::kLogInfo, "NotifyQueue: added %s (queues: %s)",
-                           name.c_str(), joined(members).c_str());
-    } else if (CORE::iequals(operation, L"NotifyQueueRemove")) {
-        const auto members = NotifyQueue::instance().remove(queue);
-        CORE::__SysMessage(kSource, CORE::kLogInfo, "NotifyQueue: removed %s (queues: %s)",
-                           name.c_str(), joined(members).c_str());
+    const std::string op = CORE::toUtf8(operation);
+    const bool add = CORE::iequals(operation, L"NotifyQueueAdd");
+    // The desktop manager keeps the notify queue: its lines say so.
+    if (add || CORE::iequals(operation, L"NotifyQueueRemove")) {
+        const auto members =
+            add ? NotifyQueue::instance().add(queue) : NotifyQueue::instance().remove(queue);
+        CORE::__SysMessage(kSource, CORE::kLogInfo, "DesktopManager: %s %s (notify queue: %s)",
+                           op.c_str(), name.c_str(), joined(members).c_str());
     } else if (CORE::iequals(operation, L"NotifyQueueRegisterMessageTransport")) {
         const bool stored =
             !queue.empty() && CORE::registry().set(kNodeManagerKey, kTransportValue,
                                                    platform::SettingValue::ofString(name));
         CORE::__SysMessage(kSource, stored ? CORE::kLogInfo : CORE::kLogWarning,
-                           "NotifyQueue: message transport %s %s", name.c_str(),
+                           "DesktopManager: %s %s: message transport %s", op.c_str(), name.c_str(),
                            stored ? "registered" : "not registered");
         if (!stored) {
             CORE::serviceOperation::setReplyError(response, CORE::kErrorHandlerFailed,
