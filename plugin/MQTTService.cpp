@@ -22,6 +22,7 @@ public:
     bool Stop() override { return MqttManager::GetInstance().Stop(); }
     bool IsStarted() override { return MqttManager::GetInstance().IsStarted(); }
     bool IsConnected() override { return MqttManager::GetInstance().IsConnected(); }
+    void BootstrapWritten() override { MqttManager::GetInstance().WakeRegistration(); }
     bool RegisterMessageTransport() override {
         return MqttManager::GetInstance().CommitMessageTransport();
     }

@@ -132,6 +132,8 @@ bool MigrationManager::handleBootstrap(CORE::PropertyBag& request, CORE::Propert
         MFW_LOG(CORE::kLogDebug,
                 "MigrationManager::handleBootstrap(): Starting MqttManager to process bootstrap");
         session_.Start();
+    } else {
+        session_.BootstrapWritten();
     }
     MFW_LOG(CORE::kLogDebug, "MigrationManager::handleBootstrap(): Successfully started migration");
     return true;

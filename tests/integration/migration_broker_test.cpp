@@ -39,6 +39,7 @@ public:
     bool Stop() override { return manager_.Stop(); }
     bool IsStarted() override { return manager_.IsStarted(); }
     bool IsConnected() override { return manager_.IsConnected(); }
+    void BootstrapWritten() override { manager_.WakeRegistration(); }
     bool RegisterMessageTransport() override { return manager_.CommitMessageTransport(); }
     void RevertToRequireBootstrap() override { manager_.RevertToRequireBootstrap(true); }
 

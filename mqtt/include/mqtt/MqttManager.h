@@ -117,6 +117,9 @@ public:
     // replacing the older one, under the registration mutex (the chain may
     // be running).
     bool CommitMessageTransport();
+    // A migration's bootstrap was written while the manager runs: the
+    // registration thread stops waiting quiesced and looks for it at once.
+    void WakeRegistration() { registration_.wakeQuiesced(); }
     void RevertToRequireBootstrap(bool forgetPairingData);
     void UpdateIDs();
     bool StartIPCServer();

@@ -27,7 +27,7 @@ struct FakeSession : MigrationSession {
     bool connected = true;
     bool stopOk = true;
     bool registerOk = true;
-    int starts = 0, stops = 0, registrations = 0, reverts = 0;
+    int starts = 0, stops = 0, registrations = 0, reverts = 0, wakes = 0;
 
     bool Start() override { return ++starts, started = true; }
     bool Stop() override {
@@ -37,6 +37,7 @@ struct FakeSession : MigrationSession {
     }
     bool IsStarted() override { return started; }
     bool IsConnected() override { return connected; }
+    void BootstrapWritten() override { ++wakes; }
     bool RegisterMessageTransport() override { return ++registrations, registerOk; }
     void RevertToRequireBootstrap() override { ++reverts; }
 };
@@ -94,6 +95,7 @@ TEST_F(MigrationTest, BootstrapWritesTheSpecStartsTheSessionAndIsAcceptedOnlyOnc
     session_.started = true;
     EXPECT_EQ(send(L"bootstrap", kSpec).result, 1);
     EXPECT_EQ(session_.starts, 1);
+    EXPECT_EQ(session_.wakes, 1);
 }
 
 TEST_F(MigrationTest, BadBootstrapsAreRefusedWithTheirCodesAndStatuses) {

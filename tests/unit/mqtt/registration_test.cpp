@@ -212,6 +212,20 @@ TEST_F(RegistrationTest, DuringAMigrationOnlyTheCommitMakesMqttTheTransport) {
     EXPECT_EQ(queueMessages(), std::vector<std::string>{"NotifyQueueRemove MQTT"});
 }
 
+// A bootstrap written while the module waits quiesced beside the older
+// transport is looked at at once, not after the quiesced interval.
+TEST_F(RegistrationTest, AWrittenBootstrapEndsTheQuiescedWait) {
+    reg_.setString(kNodeManagerKey, "MS Transport", "JMS");
+    start();
+    ASSERT_TRUE(reg_.log().waitFor("MqttManager::WaitForLCMGeneratedSpec(): Quiesced", 10s));
+    ASSERT_TRUE(clock_.awaitWaiters(2));
+    cfg_->setMigrationStatus(static_cast<int>(MigrationStatus::Bootstrap));
+    manager_->WakeRegistration();
+    EXPECT_TRUE(
+        reg_.log().waitFor("MqttManager::SetState(): State: MQTT_STATE_WAITING_CONFIG", 10s));
+    EXPECT_EQ(reg_.log().count("MqttManager::WaitForLCMGeneratedSpec(): Quiesced"), 1u);
+}
+
 // A pass that fails while a migration runs marks the bootstrap failed; the
 // module then waits, quiesced, for a rollback.
 TEST_F(RegistrationTest, AFailedPassDuringAMigrationMarksTheBootstrapFailed) {
