@@ -80,8 +80,6 @@ struct MqttManagerDependencies {
     // services that own them).
     std::function<void(const Json::Value&)> templateHandler;
     std::function<void(const Json::Value&)> otpTokenHandler;
-    // "MigrateToCorvid": the migration manager's answer.
-    std::function<bool(CORE::PropertyBag&, CORE::PropertyBag&)> migrationHandler;
     // Enrichment of a session report before it is published, and of the
     // answer to a successful "StartSession".
     std::function<void(CORE::PropertyBag&)> sessionReportTransform;

@@ -101,7 +101,6 @@ public:
     // Service operations that answer through a bag.
     bool GetEndpointProperties(CORE::PropertyBag& request, CORE::PropertyBag& response);
     bool UpdateEndpointURL(CORE::PropertyBag& request, CORE::PropertyBag& response);
-    bool MigrateToCorvid(CORE::PropertyBag& request, CORE::PropertyBag& response);
 
     // Healing and endpoint change (docs/healing.md).
     bool HandleUpdateEndpointRetries(bool tlsFailure);
