@@ -27,6 +27,43 @@ void setStatus(mqttConfig& cfg, Status status) {
     cfg.setMigrationStatus(static_cast<int>(status));
 }
 
+// A status in which a command is refused: the log line and the reply text.
+struct Refusal {
+    Status from;
+    const char* line;
+    const wchar_t* text;
+};
+
+constexpr Refusal kCommitRefusals[] = {
+    {Status::CommitFailed, "Commit already failed, unable to commit", L"Commit failed"},
+    {Status::Commit, "Commit in progress, cannot perform commit",
+     L"Commit in progress, cannot perform commit"},
+    {Status::NotStarted, "Migration not started, cannot perform commit",
+     L"Migration not started, cannot perform commit"},
+    {Status::Rollback, "Rollback in progress, cannot perform commit",
+     L"Rollback in progress, cannot perform commit"},
+    {Status::RollbackFailed, "Rollback failed, cannot perform commit",
+     L"Rollback failed, cannot perform commit"},
+};
+
+constexpr Refusal kRollbackRefusals[] = {
+    {Status::CommitComplete, "Already successfully committed, cannot perform rollback",
+     L"Already committed, unable to rollback"},
+    {Status::NotStarted, "Migration not started, cannot perform rollback",
+     L"Migration not started, cannot perform rollback"},
+    {Status::Rollback, "Rollback already in progress", L"Rollback already in progress"},
+};
+
+template <std::size_t N>
+const Refusal* refusalFor(const Refusal (&table)[N], int status) {
+    for (const Refusal& r : table) {
+        if (static_cast<int>(r.from) == status) {
+            return &r;
+        }
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 MigrationManager::MigrationManager(MigrationSession& session, ConfigSource config,
@@ -142,38 +179,22 @@ bool MigrationManager::handleBootstrap(CORE::PropertyBag& request, CORE::Propert
 bool MigrationManager::handleCommit(CORE::PropertyBag&, CORE::PropertyBag& reply) {
     auto cfg = config_();
     const int status = enter("handleCommit", "commit", *cfg);
-    const auto refusal = [&](const char* line, const wchar_t* text) {
-        MFW_LOG(CORE::kLogDebug, "MigrationManager::handleCommit(): %s", line);
-        return refuse(reply, kErrorCommit, text);
-    };
-    switch (static_cast<Status>(status)) {
-        case Status::CommitComplete:
-            MFW_LOG(CORE::kLogDebug,
-                    "MigrationManager::handleCommit(): Already successfully committed, ignoring "
-                    "commit request");
-            return true;
-        case Status::CommitFailed:
-            return refusal("Commit already failed, unable to commit", L"Commit failed");
-        case Status::Commit:
-            return refusal("Commit in progress, cannot perform commit",
-                           L"Commit in progress, cannot perform commit");
-        case Status::NotStarted:
-            return refusal("Migration not started, cannot perform commit",
-                           L"Migration not started, cannot perform commit");
-        case Status::Rollback:
-            return refusal("Rollback in progress, cannot perform commit",
-                           L"Rollback in progress, cannot perform commit");
-        case Status::RollbackFailed:
-            return refusal("Rollback failed, cannot perform commit",
-                           L"Rollback failed, cannot perform commit");
-        case Status::Connected:
-            break;
-        default:
-            MFW_LOG(CORE::kLogDebug,
-                    "MigrationManager::handleCommit(): Unable to commit from current state '%s'",
-                    migrationStatusName(status));
-            return refuse(reply, kErrorCommit,
-                          L"Migration not complete. Unable to commit at this time");
+    if (status == static_cast<int>(Status::CommitComplete)) {
+        MFW_LOG(CORE::kLogDebug,
+                "MigrationManager::handleCommit(): Already successfully committed, ignoring "
+                "commit request");
+        return true;
+    }
+    if (const Refusal* r = refusalFor(kCommitRefusals, status)) {
+        MFW_LOG(CORE::kLogDebug, "MigrationManager::handleCommit(): %s", r->line);
+        return refuse(reply, kErrorCommit, r->text);
+    }
+    if (status != static_cast<int>(Status::Connected)) {
+        MFW_LOG(CORE::kLogDebug,
+                "MigrationManager::handleCommit(): Unable to commit from current state '%s'",
+                migrationStatusName(status));
+        return refuse(reply, kErrorCommit,
+                      L"Migration not complete. Unable to commit at this time");
     }
 
     // Written first, so that a crash from here on leaves a visible "commit".
@@ -215,23 +236,9 @@ void MigrationManager::notifyOldAgent() {
 bool MigrationManager::handleRollback(CORE::PropertyBag&, CORE::PropertyBag& reply) {
     auto cfg = config_();
     const int status = enter("handleRollback", "rollback", *cfg);
-    switch (static_cast<Status>(status)) {
-        case Status::CommitComplete:
-            MFW_LOG(CORE::kLogDebug,
-                    "MigrationManager::handleRollback(): Already successfully committed, cannot "
-                    "perform rollback");
-            return refuse(reply, kErrorRollback, L"Already committed, unable to rollback");
-        case Status::NotStarted:
-            MFW_LOG(CORE::kLogDebug,
-                    "MigrationManager::handleRollback(): Migration not started, cannot perform "
-                    "rollback");
-            return refuse(reply, kErrorRollback, L"Migration not started, cannot perform rollback");
-        case Status::Rollback:
-            MFW_LOG(CORE::kLogDebug,
-                    "MigrationManager::handleRollback(): Rollback already in progress");
-            return refuse(reply, kErrorRollback, L"Rollback already in progress");
-        default:
-            break;
+    if (const Refusal* r = refusalFor(kRollbackRefusals, status)) {
+        MFW_LOG(CORE::kLogDebug, "MigrationManager::handleRollback(): %s", r->line);
+        return refuse(reply, kErrorRollback, r->text);
     }
 
     setStatus(*cfg, Status::Rollback);

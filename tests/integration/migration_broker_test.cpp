@@ -51,9 +51,11 @@ private:
 class MigrationBrokerTest : public ::testing::Test {
 protected:
     MigrationBrokerTest() {
-        reg_.setString(kNodeManagerKey, "MS Transport", "JMS");
-        reg_.setString(kNodeManagerKey, "mqtt_EdgeId", "e1");
-        reg_.setString(kNodeManagerKey, "mqtt_ShortTemplateId", "t3");
+        for (const auto& [name, value] : {std::pair{"MS Transport", "JMS"},
+                                          {"mqtt_EdgeId", "e1"},
+                                          {"mqtt_ShortTemplateId", "t3"}}) {
+            reg_.setString(kNodeManagerKey, name, value);
+        }
         const auto client = broker_.issueClient(kIdentity);
         material_ = {.endpointUrl = "ssl://127.0.0.1:" + std::to_string(broker_.port()),
                      .clientId = kIdentity,

@@ -14,12 +14,12 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
+#include <utility>
+#include <vector>
 
 namespace ndpx::migration {
 namespace {
 
-using namespace std::chrono_literals;
 using test::kNodeManagerKey;
 
 struct FakeSession : MigrationSession {
@@ -61,6 +61,18 @@ protected:
                 reply.get(CORE::kReplyErrorText, L""), reply.get(L"status", L"")};
     }
     void setStatus(MigrationStatus s) { cfg_->setMigrationStatus(static_cast<int>(s)); }
+    // Each status refuses `type` with `code` and its text, and stays.
+    void expectRefused(const wchar_t* type, int code,
+                       std::vector<std::pair<MigrationStatus, std::wstring>> cases) {
+        for (const auto& [from, text] : cases) {
+            setStatus(from);
+            const Answer a = send(type);
+            EXPECT_EQ(a.result, 0);
+            EXPECT_EQ(a.code, code);
+            EXPECT_EQ(a.text, text);
+            EXPECT_EQ(status(), static_cast<int>(from));
+        }
+    }
     int status() { return cfg_->getMigrationStatus(); }
 
     std::shared_ptr<mqttConfig> cfg_ = std::make_shared<mqttConfig>(reg_.shared());
@@ -76,19 +88,14 @@ TEST_F(MigrationTest, BootstrapWritesTheSpecStartsTheSessionAndIsAcceptedOnlyOnc
     reg_.setString(kNodeManagerKey, "MS Transport", "JMS");
     EXPECT_EQ(send(L"getstatus").status, L"notstarted");
 
-    const Answer first = send(L"bootstrap", kSpec);
-    EXPECT_EQ(first.result, 1);
-    EXPECT_EQ(first.code, 0);
-    EXPECT_EQ(status(), 1);
+    EXPECT_EQ(send(L"bootstrap", kSpec).result, 1);
     EXPECT_EQ(session_.starts, 1);
     EXPECT_EQ(certs::test::readFile(mqttConfig::lcmSpecFilePath()), CORE::toUtf8(kSpec));
     EXPECT_EQ(send(L"getstatus").status, L"bootstrap");
-
-    const Answer second = send(L"bootstrap", kSpec);
-    EXPECT_EQ(second.result, 0);
-    EXPECT_EQ(second.code, kErrorBootstrap);
-    EXPECT_EQ(second.text, L"Migration has already started, unable to bootstrap");
-    EXPECT_EQ(status(), 1);
+    expectRefused(L"bootstrap", kErrorBootstrap,
+                  {{MigrationStatus::Bootstrap,
+                    L"Migration has already started, unable to "
+                    L"bootstrap"}});
 
     // After a rollback a bootstrap is taken again; a started session is not restarted.
     ASSERT_EQ(send(L"rollback").result, 1);
@@ -99,9 +106,7 @@ TEST_F(MigrationTest, BootstrapWritesTheSpecStartsTheSessionAndIsAcceptedOnlyOnc
 }
 
 TEST_F(MigrationTest, BadBootstrapsAreRefusedWithTheirCodesAndStatuses) {
-    const Answer empty = send(L"bootstrap");
-    EXPECT_EQ(empty.code, kErrorInvalidBootstrap);
-    EXPECT_EQ(empty.text, L"Invalid bootstrap");
+    EXPECT_EQ(send(L"bootstrap").code, kErrorInvalidBootstrap);
     EXPECT_EQ(status(), 6);
     EXPECT_EQ(send(L"bootstrap", kSpec).code, kErrorBootstrap);  // 6 is left only by rollback
 
@@ -114,9 +119,7 @@ TEST_F(MigrationTest, BadBootstrapsAreRefusedWithTheirCodesAndStatuses) {
 
     // A directory where the spec file belongs: the write fails.
     std::filesystem::create_directories(mqttConfig::lcmSpecFilePath());
-    const Answer unwritable = send(L"bootstrap", kSpec);
-    EXPECT_EQ(unwritable.code, kErrorBootstrap);
-    EXPECT_EQ(unwritable.text, L"Error writing migration bootstrap to file, unable to bootstrap");
+    EXPECT_EQ(send(L"bootstrap", kSpec).code, kErrorBootstrap);
     EXPECT_EQ(status(), 7);
     EXPECT_EQ(session_.starts, 0);
 }
@@ -142,29 +145,16 @@ TEST_F(MigrationTest, UnknownTypesAndAnAgentAlreadyOnMqttAreRefusedWithCodeFive)
 }
 
 TEST_F(MigrationTest, CommitIsRefusedInEveryStatusButConnectedAndLeavesTheStatus) {
-    const struct {
-        MigrationStatus from;
-        const wchar_t* text;
-    } cases[] = {
-        {MigrationStatus::CommitFailed, L"Commit failed"},
-        {MigrationStatus::Commit, L"Commit in progress, cannot perform commit"},
-        {MigrationStatus::NotStarted, L"Migration not started, cannot perform commit"},
-        {MigrationStatus::Rollback, L"Rollback in progress, cannot perform commit"},
-        {MigrationStatus::RollbackFailed, L"Rollback failed, cannot perform commit"},
-        {MigrationStatus::Bootstrap, L"Migration not complete. Unable to commit at this time"},
-        {MigrationStatus::BootstrapInvalid,
-         L"Migration not complete. Unable to commit at this time"},
-        {MigrationStatus::BootstrapFailed,
-         L"Migration not complete. Unable to commit at this time"},
-    };
-    for (const auto& c : cases) {
-        setStatus(c.from);
-        const Answer a = send(L"commit");
-        EXPECT_EQ(a.result, 0);
-        EXPECT_EQ(a.code, kErrorCommit);
-        EXPECT_EQ(a.text, c.text);
-        EXPECT_EQ(status(), static_cast<int>(c.from));
-    }
+    const std::wstring incomplete = L"Migration not complete. Unable to commit at this time";
+    expectRefused(L"commit", kErrorCommit,
+                  {{MigrationStatus::CommitFailed, L"Commit failed"},
+                   {MigrationStatus::Commit, L"Commit in progress, cannot perform commit"},
+                   {MigrationStatus::NotStarted, L"Migration not started, cannot perform commit"},
+                   {MigrationStatus::Rollback, L"Rollback in progress, cannot perform commit"},
+                   {MigrationStatus::RollbackFailed, L"Rollback failed, cannot perform commit"},
+                   {MigrationStatus::Bootstrap, incomplete},
+                   {MigrationStatus::BootstrapInvalid, incomplete},
+                   {MigrationStatus::BootstrapFailed, incomplete}});
     setStatus(MigrationStatus::CommitComplete);
     EXPECT_EQ(send(L"commit").result, 1);  // already done: success, nothing changes
     EXPECT_EQ(status(), 5);
@@ -203,21 +193,10 @@ TEST_F(MigrationTest, CommitRegistersTheTransportAndTellsTheOldAgentWhenItIsInst
 }
 
 TEST_F(MigrationTest, RollbackRefusalsAndAFailedStopThatMayBeRetried) {
-    const struct {
-        MigrationStatus from;
-        const wchar_t* text;
-    } refused[] = {
-        {MigrationStatus::CommitComplete, L"Already committed, unable to rollback"},
-        {MigrationStatus::NotStarted, L"Migration not started, cannot perform rollback"},
-        {MigrationStatus::Rollback, L"Rollback already in progress"},
-    };
-    for (const auto& c : refused) {
-        setStatus(c.from);
-        const Answer a = send(L"rollback");
-        EXPECT_EQ(a.code, kErrorRollback);
-        EXPECT_EQ(a.text, c.text);
-        EXPECT_EQ(status(), static_cast<int>(c.from));
-    }
+    expectRefused(L"rollback", kErrorRollback,
+                  {{MigrationStatus::CommitComplete, L"Already committed, unable to rollback"},
+                   {MigrationStatus::NotStarted, L"Migration not started, cannot perform rollback"},
+                   {MigrationStatus::Rollback, L"Rollback already in progress"}});
     EXPECT_EQ(session_.stops, 0);
 
     setStatus(MigrationStatus::CommitFailed);
