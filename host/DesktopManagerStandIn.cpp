@@ -2,6 +2,7 @@
 
 #include "host/HostFacts.h"
 #include "host/SessionReport.h"
+#include "host/TransportStandIns.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/corestring.h>
@@ -17,9 +18,7 @@ namespace {
 constexpr const char* kSource = "agenthost";
 
 // Messages that plug-ins send to manage their place in the agent.
-constexpr std::array<const wchar_t*, 5> kAcknowledged = {L"NotifyQueueAdd", L"NotifyQueueRemove",
-                                                         L"NotifyQueueRegisterMessageTransport",
-                                                         L"SetSSOv2Settings", L"Ping"};
+constexpr std::array<const wchar_t*, 2> kAcknowledged = {L"SetSSOv2Settings", L"Ping"};
 
 std::wstring isoUtc(std::time_t t) {
     std::tm tm{};
@@ -116,6 +115,9 @@ public:
         }
         if (CORE::iequals(operation, L"Echo")) {
             response = request;  // benchmarks measure the transport, not the work
+            return true;
+        }
+        if (handleNotifyQueueMessage(operation, request, response)) {
             return true;
         }
         for (const wchar_t* known : kAcknowledged) {

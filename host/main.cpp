@@ -7,6 +7,7 @@
 #include "host/EventWriter.h"
 #include "host/MetricsFile.h"
 #include "host/SystemWorker.h"
+#include "host/TransportStandIns.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/PluginLoader.h>
@@ -92,6 +93,7 @@ int main(int argc, char** argv) {
     ndpx::host::EventWriter events(ndpx::platform::makeJournal(journalSocket));
     const ndpx::host::SystemWorker system(loader, events);
     ndpx::host::addDesktopManagerStandIn();
+    ndpx::host::addTransportStandIns();
 
     // The operator's channel (agentctl). The host runs without it when the
     // socket cannot be made: the agent's work does not depend on it.

@@ -1,6 +1,6 @@
 // The endpoint change ("UpdateMqttEndpoints") and the endpoint properties
-// ("GetEndpointProperties"), with the migration entry that shares the
-// service-operation shape.
+// ("GetEndpointProperties"). "MigrateToCorvid" is answered by the plug-in's
+// migration manager, which drives this manager from outside.
 
 #include "config/EndpointUrl.h"
 #include "mqtt/MqttManager.h"
@@ -67,16 +67,6 @@ bool MqttManager::GetEndpointProperties(CORE::PropertyBag&, CORE::PropertyBag& r
     mqtt.setBag(L"edge", edge);
     response.setBag(L"mqtt", mqtt);
     return true;
-}
-
-bool MqttManager::MigrateToCorvid(CORE::PropertyBag& request, CORE::PropertyBag& response) {
-    if (deps_.migrationHandler) {
-        return deps_.migrationHandler(request, response);
-    }
-    MFW_LOG(CORE::kLogWarning, "MqttManager::MigrateToCorvid(): No migration manager available");
-    CORE::serviceOperation::setReplyError(response, CORE::kErrorNotImplemented,
-                                          L"migration is not available");
-    return false;
 }
 
 bool MqttManager::HandleUpdateEndpointRetries(bool tlsFailure) {

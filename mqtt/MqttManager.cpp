@@ -267,7 +267,12 @@ int MqttManager::sendToDesktopManager(const wchar_t* operation, const CORE::Prop
 }
 
 bool MqttManager::RegisterMessageTransport() {
-    return registration_.RegisterMessageTransport();
+    return registration_.RegisterMessageTransport(false);
+}
+
+bool MqttManager::CommitMessageTransport() {
+    CORE::MutexLock lock(registration_.mutex());
+    return registration_.RegisterMessageTransport(true);
 }
 
 void MqttManager::RevertToRequireBootstrap(bool forgetPairingData) {

@@ -43,7 +43,7 @@ bool Registration::ParseLCMSpec() {
     return true;
 }
 
-bool Registration::RegisterMessageTransport() {
+bool Registration::RegisterMessageTransport(bool commit) {
     auto cfg = manager_.config();
     const std::wstring transport = cfg->getMsTransport();
     if (transportRegistered_ && CORE::iequals(transport, L"MQTT")) {
@@ -56,8 +56,9 @@ bool Registration::RegisterMessageTransport() {
             "MqttManager::RegisterMessageTransport(): Registering MQTT with %s queue",
             "DesktopManager");
     // While a migration runs the old transport stays in charge; MQTT only
-    // joins the notify queue. The migration's commit hands over.
-    const bool migrating = cfg->isMigrationActive();
+    // joins the notify queue. Were "MS Transport" set here, the commit would
+    // find the agent already on MQTT and refuse; so only it hands over.
+    const bool migrating = !commit && cfg->isMigrationActive();
     const bool replaceJms = !migrating && !transport.empty() && !CORE::iequals(transport, L"MQTT");
     if (replaceJms) {
         MFW_LOG(CORE::kLogDebug,

@@ -33,7 +33,8 @@ Registration::Registration(MqttManager& manager,
                            std::shared_ptr<CredentialRequester> credentials)
     : manager_(manager),
       certificates_(std::move(certificates)),
-      credentials_(std::move(credentials)) {}
+      credentials_(std::move(credentials)),
+      quiescedWake_(CORE::coreevent::Reset::Auto, false, manager.shutdownEvent().timeSource()) {}
 
 Registration::~Registration() = default;
 
@@ -218,7 +219,7 @@ bool Registration::WaitForLCMGeneratedSpec() {
     while (cfg->isOtherTransportActive()) {
         MFW_LOG(CORE::kLogDebug, "MqttManager::WaitForLCMGeneratedSpec(): Quiesced");
         manager_.setRunState(MQTT_STATE_QUIESCED);
-        if (manager_.shutdownEvent().wait(secondsToWait(cfg->getStartupLCMSpecWaitInterval()))) {
+        if (waitWhileQuiesced(secondsToWait(cfg->getStartupLCMSpecWaitInterval()))) {
             MFW_LOG(CORE::kLogInfo,
                     "MqttManager::WaitForLCMGeneratedSpec(): Registration thread is shutting "
                     "down.");
@@ -249,6 +250,16 @@ bool Registration::WaitForLCMGeneratedSpec() {
         return false;
     }
     return bootstrapFrom(true);
+}
+
+bool Registration::waitWhileQuiesced(std::chrono::milliseconds limit) {
+    CORE::coreevent::Waker onStop(manager_.shutdownEvent(), [this] { quiescedWake_.set(); });
+    quiescedWake_.wait(limit);
+    return manager_.isStopping();
+}
+
+void Registration::wakeQuiesced() {
+    quiescedWake_.set();
 }
 
 bool Registration::WaitForLCMFileCreation() {

@@ -1,5 +1,8 @@
 #include "plugin/MQTTService.h"
 
+#include "certs/CertificateUtil.h"
+#include "migration/MigrationManager.h"
+#include "mqtt/MqttManager.h"
 #include "plugin/MQTTServiceOp.h"
 
 #include <mfw/moduleLog.h>
@@ -11,9 +14,33 @@ std::unique_ptr<CORE::WorkItem> makeOperation(void* context) {
     return std::make_unique<MQTTServiceOp>(static_cast<MQTTService*>(context));
 }
 
+// The migration's view of the session. The manager is looked up at each
+// call: it is the process's singleton, released only after this worker.
+class ManagerSession : public migration::MigrationSession {
+public:
+    bool Start() override { return MqttManager::GetInstance().Start(); }
+    bool Stop() override { return MqttManager::GetInstance().Stop(); }
+    bool IsStarted() override { return MqttManager::GetInstance().IsStarted(); }
+    bool IsConnected() override { return MqttManager::GetInstance().IsConnected(); }
+    void BootstrapWritten() override { MqttManager::GetInstance().WakeRegistration(); }
+    bool RegisterMessageTransport() override {
+        return MqttManager::GetInstance().CommitMessageTransport();
+    }
+    void RevertToRequireBootstrap() override {
+        MqttManager::GetInstance().RevertToRequireBootstrap(true);
+    }
+};
+
 }  // namespace
 
-MQTTService::MQTTService(CORE::PropertyBag params) : params_(std::move(params)) {}
+MQTTService::MQTTService(CORE::PropertyBag params)
+    : params_(std::move(params)),
+      session_(std::make_unique<ManagerSession>()),
+      migration_(std::make_unique<migration::MigrationManager>(
+          *session_, [] { return MqttManager::GetInstance().config(); },
+          std::make_shared<certs::CertificateUtil>())) {}
+
+MQTTService::~MQTTService() = default;
 
 bool MQTTService::start() {
     MFW_LOG(CORE::kLogDebug, "MQTTService::start(): setup %s queue", "MQTT");

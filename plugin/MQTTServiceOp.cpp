@@ -1,5 +1,6 @@
 #include "plugin/MQTTServiceOp.h"
 
+#include "migration/MigrationManager.h"
 #include "mqtt/MqttManager.h"
 #include "plugin/MQTTService.h"
 
@@ -54,7 +55,7 @@ bool MQTTServiceOp::dispatch(const std::wstring& operation, CORE::PropertyBag& r
         return true;
     }
     if (CORE::iequals(operation, L"MigrateToCorvid")) {
-        return manager.MigrateToCorvid(request, response);
+        return service_->migration().ProcessMigrationMessage(request, response) == 1;
     }
     if (CORE::iequals(operation, L"SendEvent")) {
         manager.PublishEvent(request);

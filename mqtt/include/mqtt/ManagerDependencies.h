@@ -80,8 +80,6 @@ struct MqttManagerDependencies {
     // services that own them).
     std::function<void(const Json::Value&)> templateHandler;
     std::function<void(const Json::Value&)> otpTokenHandler;
-    // "MigrateToCorvid": the migration manager's answer.
-    std::function<bool(CORE::PropertyBag&, CORE::PropertyBag&)> migrationHandler;
     // Is the current (or else the pending) client certificate present, valid
     // and issued to the agent identity? Healing goes back to requiring a new
     // pairing when it is not. By default the certificate monitor answers.

@@ -53,6 +53,7 @@ public:
 
     virtual bool Start();
     virtual bool Stop();
+    bool IsStarted() const { return started_.load(); }
 
     // State.
     void SetState(std::int32_t state);
@@ -104,7 +105,6 @@ public:
     // Service operations that answer through a bag.
     bool GetEndpointProperties(CORE::PropertyBag& request, CORE::PropertyBag& response);
     bool UpdateEndpointURL(CORE::PropertyBag& request, CORE::PropertyBag& response);
-    bool MigrateToCorvid(CORE::PropertyBag& request, CORE::PropertyBag& response);
 
     // Healing and endpoint change (docs/healing.md).
     bool HandleUpdateEndpointRetries(bool tlsFailure);
@@ -116,6 +116,13 @@ public:
     // so that a derived manager may replace it; it runs under the
     // registration mutex.
     virtual bool RegisterMessageTransport();
+    // The migration's commit: makes MQTT the agent's message transport,
+    // replacing the older one, under the registration mutex (the chain may
+    // be running).
+    bool CommitMessageTransport();
+    // A migration's bootstrap was written while the manager runs: the
+    // registration thread stops waiting quiesced and looks for it at once.
+    void WakeRegistration() { registration_.wakeQuiesced(); }
     void RevertToRequireBootstrap(bool forgetPairingData);
     void UpdateIDs();
     bool StartIPCServer();

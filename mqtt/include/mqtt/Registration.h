@@ -7,10 +7,12 @@
 
 #include "mqtt/ManagerDependencies.h"
 
+#include <mfw/coreevent.h>
 #include <mfw/corelock.h>
 #include <platform/FileCreationWaiter.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -44,7 +46,10 @@ public:
 
     // The steps; the chain holds the mutex.
     bool ParseLCMSpec() MFW_REQUIRES(mutex_);
-    bool RegisterMessageTransport();
+    // While a migration is in progress MQTT only joins the notify queue and
+    // the older transport stays registered; `commit` (the migration's
+    // commit) hands the transport over.
+    bool RegisterMessageTransport(bool commit);
     bool ReadAndValidatePairingData() MFW_REQUIRES(mutex_);
     bool CreateAgentKeyPair() MFW_REQUIRES(mutex_);
     bool RequestCredentials() MFW_REQUIRES(mutex_);
@@ -67,6 +72,10 @@ public:
     void revertToRequireBootstrap(bool forgetPairingData, const std::string& reason)
         MFW_EXCLUDES(mutex_);
 
+    // Ends a quiesced wait at once, so the thread looks again whether MQTT is
+    // needed (a migration's bootstrap has just been written).
+    void wakeQuiesced();
+
     void requestReboot() { rebootRequested_ = true; }
     bool registrationCompleted() const { return registrationCompleted_.load(); }
     std::string lastFailureReason() MFW_EXCLUDES(mutex_);
@@ -79,11 +88,14 @@ private:
     void failed(const char* reason) MFW_REQUIRES(mutex_) { failureReason_ = reason; }
     enum class ChainResult { Completed, Failed, Ended };
     ChainResult runChain() MFW_EXCLUDES(mutex_);
+    // True when the wait ended because the manager is stopping.
+    bool waitWhileQuiesced(std::chrono::milliseconds limit);
 
     MqttManager& manager_;
     const std::shared_ptr<certs::CertificateUtil> certificates_;
     const std::shared_ptr<CredentialRequester> credentials_;
     platform::FileCreationWaiter fileWaiter_;
+    CORE::coreevent quiescedWake_;
 
     CORE::Mutex mutex_;
     bool needBootstrap_ MFW_GUARDED_BY(mutex_) = false;

@@ -1,5 +1,6 @@
 // The registration thread in virtual time: the back-off between failed
-// passes, and the return to bootstrap after broken cached pairing data.
+// passes, and the return to bootstrap after broken cached pairing data. The
+// message transport during a migration and at its commit.
 
 #include "fakes/FakeMqttClient.h"
 #include "mqtt/MqttManager.h"
@@ -8,10 +9,14 @@
 #include "support/StubWorker.h"
 #include "support/TestRegistry.h"
 
+#include <mfw/corestring.h>
+
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <future>
+#include <vector>
 
 namespace ndpx {
 namespace {
@@ -48,6 +53,18 @@ protected:
         std::filesystem::create_directories(file.parent_path());
         std::ofstream(file) << "{broken";
         ::chmod(file.c_str(), 0600);
+    }
+    // The queue messages the desktop manager received, as "operation QUEUE".
+    std::vector<std::string> queueMessages() {
+        std::vector<std::string> out;
+        while (auto m = desktopManager_.nextMessage(200ms)) {
+            out.push_back(CORE::toUtf8(m->operation + L" " + m->request.get(L"QUEUE", L"")));
+        }
+        return out;
+    }
+    std::string transport() {
+        const auto v = reg_.store().get(kNodeManagerKey, "MS Transport");
+        return v ? v->asText() : "";
     }
     // The wait set after the n-th failed pass.
     bool waitedFor(int seconds, std::size_t n = 1) {
@@ -162,6 +179,68 @@ TEST_F(RegistrationTest, BrokenCachedPairingDataLeadsBackToBootstrap) {
     EXPECT_TRUE(
         reg_.log().waitFor("MqttManager::SetState(): State: MQTT_STATE_WAITING_CONFIG", 10s));
     EXPECT_EQ(cfg_->getAgentIdentity(), "");
+}
+
+// While a migration runs MQTT joins the notify queue beside the older
+// transport; only the commit registers it and removes the bridge, so the
+// commit's own check does not find the agent already on MQTT.
+TEST_F(RegistrationTest, DuringAMigrationOnlyTheCommitMakesMqttTheTransport) {
+    reg_.setString(kNodeManagerKey, "MS Transport", "JMS");
+    cfg_->setMigrationStatus(static_cast<int>(MigrationStatus::Bootstrap));
+    start();  // no spec yet: the thread waits for one and sends nothing
+    ASSERT_TRUE(manager_->RegisterMessageTransport());
+    EXPECT_EQ(queueMessages(), std::vector<std::string>{"NotifyQueueAdd MQTT"});
+    EXPECT_EQ(transport(), "JMS");
+
+    cfg_->setMigrationStatus(static_cast<int>(MigrationStatus::Commit));
+    ASSERT_TRUE(manager_->CommitMessageTransport());
+    EXPECT_EQ(queueMessages(), (std::vector<std::string>{"NotifyQueueAdd MQTT",
+                                                         "NotifyQueueRegisterMessageTransport MQTT",
+                                                         "NotifyQueueRemove JMSBridge"}));
+    EXPECT_EQ(transport(), "MQTT");
+    EXPECT_TRUE(reg_.log().contains("Replacing JMS message transport with MQTT"));
+
+    // Committed: the chain's next pass has nothing to do.
+    cfg_->setMigrationStatus(static_cast<int>(MigrationStatus::CommitComplete));
+    ASSERT_TRUE(manager_->RegisterMessageTransport());
+    EXPECT_TRUE(queueMessages().empty());
+    EXPECT_TRUE(
+        reg_.log().contains("Skipping Message Transport registration. Already registered."));
+
+    // Back to requiring a bootstrap: the module leaves the notify queue.
+    manager_->RevertToRequireBootstrap(true);
+    EXPECT_EQ(queueMessages(), std::vector<std::string>{"NotifyQueueRemove MQTT"});
+}
+
+// A bootstrap written while the module waits quiesced beside the older
+// transport is looked at at once, not after the quiesced interval.
+TEST_F(RegistrationTest, AWrittenBootstrapEndsTheQuiescedWait) {
+    reg_.setString(kNodeManagerKey, "MS Transport", "JMS");
+    start();
+    ASSERT_TRUE(reg_.log().waitFor("MqttManager::WaitForLCMGeneratedSpec(): Quiesced", 10s));
+    ASSERT_TRUE(clock_.awaitWaiters(2));
+    cfg_->setMigrationStatus(static_cast<int>(MigrationStatus::Bootstrap));
+    manager_->WakeRegistration();
+    EXPECT_TRUE(
+        reg_.log().waitFor("MqttManager::SetState(): State: MQTT_STATE_WAITING_CONFIG", 10s));
+    EXPECT_EQ(reg_.log().count("MqttManager::WaitForLCMGeneratedSpec(): Quiesced"), 1u);
+}
+
+// A pass that fails while a migration runs marks the bootstrap failed; the
+// module then waits, quiesced, for a rollback.
+TEST_F(RegistrationTest, AFailedPassDuringAMigrationMarksTheBootstrapFailed) {
+    reg_.setString(kNodeManagerKey, "MS Transport", "JMS");
+    reg_.setString(kNodeManagerKey, "mqtt_DeleteLCMSpec", "false");
+    cfg_->setMigrationStatus(static_cast<int>(MigrationStatus::Bootstrap));
+    const auto file = mqttConfig::lcmSpecFilePath();
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file) << "{broken";
+    start();
+    ASSERT_TRUE(waitedFor(10));
+    EXPECT_EQ(cfg_->getMigrationStatus(), static_cast<int>(MigrationStatus::BootstrapFailed));
+    advance(10s);
+    EXPECT_TRUE(reg_.log().waitFor("MqttManager::WaitForLCMGeneratedSpec(): Quiesced", 10s));
+    EXPECT_EQ(reg_.log().count("Registration failed, will restart."), 1u);
 }
 
 }  // namespace

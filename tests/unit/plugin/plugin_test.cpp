@@ -98,8 +98,8 @@ TEST(ServiceOperations, EveryOperationIsReachedThroughAHostMessage) {
         {L"publishsessionmessage", 0, kNotPublishing},  // names are case-blind
         {L"PublishTopicMessage", 0, kNotPublishing},
         {L"SendEvent", 0, kNotPublishing},
-        {L"MigrateToCorvid", CORE::kErrorNotImplemented, nullptr},
-        {L"UpdateMqttEndpoints", 87, nullptr},  // no ENDPOINT given
+        {L"MigrateToCorvid", 5, "Unknown migration command type ''"},  // no "type"
+        {L"UpdateMqttEndpoints", 87, nullptr},                         // no ENDPOINT given
         {L"Nonsense", CORE::kErrorNotImplemented, "NOT IMPLEMENTED"},
     };
     for (const auto& c : cases) {
@@ -109,6 +109,11 @@ TEST(ServiceOperations, EveryOperationIsReachedThroughAHostMessage) {
             EXPECT_TRUE(reg.log().contains(c.line)) << c.op;
         }
     }
+    CORE::PropertyBag getStatus;
+    getStatus.set(L"type", L"getstatus");
+    const auto [statusRc, status] = send(L"MigrateToCorvid", getStatus);
+    EXPECT_EQ(statusRc, 0);
+    EXPECT_EQ(status.get(L"status", L""), L"notstarted");
     const auto [rc, props] = send(L"GetEndpointProperties");
     EXPECT_EQ(rc, 0);
     ASSERT_NE(props.getBag(L"mqtt"), nullptr);
