@@ -140,7 +140,7 @@ constexpr const char* kLogind = "org.freedesktop.login1";
 constexpr const char* kSessionInterface = "org.freedesktop.login1.Session";
 
 std::string sessionProperty(sd_bus* bus, const char* path, const char* name) {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};  // what SD_BUS_ERROR_NULL spells in C
     char* value = nullptr;
     std::string text;
     if (::sd_bus_get_property_string(bus, kLogind, path, kSessionInterface, name, &error, &value) >=
@@ -162,7 +162,7 @@ std::optional<std::vector<DesktopSession>> logindSessions() {
         return std::nullopt;
     }
     const std::unique_ptr<sd_bus, BusUnref> bus(rawBus);
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};  // what SD_BUS_ERROR_NULL spells in C
     sd_bus_message* rawReply = nullptr;
     const int called = ::sd_bus_call_method(bus.get(), kLogind, "/org/freedesktop/login1",
                                             "org.freedesktop.login1.Manager", "ListSessions",
