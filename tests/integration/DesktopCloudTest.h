@@ -72,6 +72,14 @@ protected:
         return r;
     }
 
+    // agentctl against the host under `root`.
+    RunResult agentctl(const std::vector<std::string>& args) { return agentctl(root_, args); }
+    static RunResult agentctl(const TempDir& root, const std::vector<std::string>& args) {
+        std::vector<std::string> argv{AGENTCTL_PATH, "--root", root.path().string()};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return run(argv);
+    }
+
     std::unique_ptr<Process> startAgent() { return startAgent(root_); }
     static std::unique_ptr<Process> startAgent(const TempDir& root) {
         return std::make_unique<Process>(std::vector<std::string>{AGENTHOST_PATH, "--root",

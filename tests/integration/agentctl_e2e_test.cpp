@@ -24,11 +24,6 @@ using namespace std::chrono_literals;
 
 class AgentctlTest : public DesktopCloudTest {
 protected:
-    RunResult agentctl(const std::vector<std::string>& args) {
-        std::vector<std::string> argv{AGENTCTL_PATH, "--root", root_.path().string()};
-        argv.insert(argv.end(), args.begin(), args.end());
-        return run(argv);
-    }
     std::unique_ptr<Process> startHost() {
         return std::make_unique<Process>(
             std::vector<std::string>{AGENTHOST_PATH, "--root", root_.path().string(), "--plugin",
