@@ -118,6 +118,7 @@ ControlServer::ControlServer(std::filesystem::path socket,
 
 ControlServer::~ControlServer() {
     stop();
+    listener_.reset();
 }
 
 bool ControlServer::start(std::string& error) {
@@ -138,7 +139,12 @@ void ControlServer::stop() {
     if (thread_.joinable()) {
         thread_.join();
     }
-    listener_.reset();
+    // The name goes now, so no client finds a host that no longer answers;
+    // the listening socket itself stays open until the server goes: the
+    // module, still running while the host stops, looks at the process's
+    // sockets when it reconnects and must not race a close of this one.
+    std::error_code ignored;
+    std::filesystem::remove(socket_, ignored);
 }
 
 void ControlServer::run() {

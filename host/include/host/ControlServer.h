@@ -49,7 +49,8 @@ public:
     // cannot be made. Once only.
     bool start(std::string& error);
     // Ends a request under way and the thread, joins it and removes the
-    // socket: a stopping host no longer answers.
+    // socket's name: a stopping host no longer answers. The socket itself is
+    // closed when the server is destroyed, after the plug-ins have stopped.
     void stop();
 
 private:
