@@ -174,8 +174,17 @@ bool CertMonitor::GeneratePendingCertificate() {
     if (!IssueOTPTokenRequest(credentialsRequest(reason_))) {
         MFW_LOG(CORE::kLogError,
                 "CertMonitor::GeneratePendingCertificate(): Unable to issue OTP request");
-        sendEvent(kEventCertificateRefreshFailed, "NO OTP");
-        noteRenewal("no one-time password");
+        bool stopping = false;
+        {
+            CORE::MutexLock lock(mutex_);
+            stopping = shutdown_;
+        }
+        // A wait cut short by a stop (a rollback, the agent shutting down) is
+        // no failed renewal: operators would see an error event for nothing.
+        if (!stopping) {
+            sendEvent(kEventCertificateRefreshFailed, "NO OTP");
+            noteRenewal("no one-time password");
+        }
         return false;
     }
     bool failed = false;

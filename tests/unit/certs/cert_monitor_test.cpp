@@ -183,6 +183,17 @@ TEST_F(CertMonitorTest, AFailedCheckShortensTheNextWaitToATenth) {
     EXPECT_LE(seconds, 8640u);
 }
 
+// A stop while the monitor waits for its token ends the wait at once and is
+// not reported as a failed renewal.
+TEST_F(CertMonitorTest, AStopWhileWaitingForTheTokenIsNoFailedRenewal) {
+    current(20 * 24h);
+    ASSERT_TRUE(monitor_.Start());
+    ASSERT_TRUE(host_.waitRequests(1));
+    EXPECT_TRUE(monitor_.Stop());
+    EXPECT_TRUE(logged("CertMonitor::IssueOTPTokenRequest(): Stopping"));
+    EXPECT_FALSE(monitor_.lastRenewal());
+}
+
 // Token answers: a second within the repeat interval is ignored; missing or
 // empty fields fail the refresh; a trigger while the thread is busy (here:
 // waiting for the answer) is dropped with its line; the credential service
