@@ -177,27 +177,21 @@ void CertMonitor::TriggerRefreshAndSwap() {
 }
 
 void CertMonitor::RefreshSucceeded() {
-    {
-        CORE::MutexLock lock(mutex_);
-        if (!thread_) {
-            MFW_LOG(CORE::kLogDebug,
-                    "CertMonitor::RefreshSucceeded(): Certificate monitor thread not running.");
-            return;
-        }
-        success_ = true;
-    }
-    signalled_.notify_all();
+    signalOutcome(true, "CertMonitor::RefreshSucceeded(): Certificate monitor thread not running.");
 }
 
 void CertMonitor::RefreshFailed() {
+    signalOutcome(false, "CertMonitor::RefreshFailed(): Certificate monitor thread not running.");
+}
+
+void CertMonitor::signalOutcome(bool succeeded, const char* notRunning) {
     {
         CORE::MutexLock lock(mutex_);
         if (!thread_) {
-            MFW_LOG(CORE::kLogDebug,
-                    "CertMonitor::RefreshFailed(): Certificate monitor thread not running.");
+            MFW_LOG(CORE::kLogDebug, "%s", notRunning);
             return;
         }
-        failure_ = true;
+        (succeeded ? success_ : failure_) = true;
     }
     signalled_.notify_all();
 }

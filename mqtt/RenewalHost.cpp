@@ -29,9 +29,8 @@ Json::Value MqttManager::certificateMetric() {
     if (const auto renewal = certMonitor_->lastRenewal()) {
         const std::tm t =
             platform::utcCalendarTime(std::chrono::system_clock::to_time_t(renewal->when));
-        out["lastRenewal"] =
-            CORE::format("%04d-%02d-%02dT%02d:%02d:%02dZ", t.tm_year + 1900, t.tm_mon + 1,
-                         t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+        out["lastRenewal"] = CORE::format("%04d-%02d-%02dT%02d:%02d:%02dZ", t.tm_year + 1900,
+                                          t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
         out["lastRenewalResult"] = renewal->result;
     }
     return out.empty() ? Json::Value() : out;

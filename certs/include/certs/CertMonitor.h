@@ -135,6 +135,8 @@ private:
     void noteRenewal(const std::string& result) MFW_EXCLUDES(mutex_);
     Json::Value credentialsRequest(const std::string& reason);
     bool triggerIfWaiting(const char* notRunning, bool forced, bool swap) MFW_EXCLUDES(mutex_);
+    // Records the answer to a token request and wakes the waiting thread.
+    void signalOutcome(bool succeeded, const char* notRunning) MFW_EXCLUDES(mutex_);
 
     CertMonitorHost& host_;
     const ConfigSource config_;
