@@ -47,9 +47,7 @@ void MqttManager::OnMessage(const std::string& topic, const std::string& payload
     } else if (topic == topics.commands || topic == topics.configuration) {
         ProcessCommandMessage(std::move(root));
     } else if (topic == topics.dtemplate) {
-        if (deps_.templateHandler) {
-            deps_.templateHandler(root);
-        }
+        templates_->HandleMsg(root);
     } else if (topic == topics.otpToken) {
         if (deps_.otpTokenHandler) {
             deps_.otpTokenHandler(root);

@@ -49,7 +49,10 @@ MqttManager::MqttManager(MqttManagerDependencies deps)
       reports_(std::make_unique<AsyncReportGenerator>([this] { return config(); }, *deps_.time)),
       certMonitor_(std::make_unique<certs::CertMonitor>(
           static_cast<certs::CertMonitorHost&>(*this), [this] { return config(); }, certificates_,
-          *deps_.time)) {
+          *deps_.time)),
+      templates_(std::make_unique<TemplateHandler>(
+          static_cast<TemplateHost&>(*this), [this] { return config(); },
+          withDefaultBackends(deps_.templateBackends), *deps_.time)) {
     // The filter's settings are read once, when the manager is built.
     auto cfg = config();
     duplicates_ = std::make_unique<DuplicateMessageHandler>(
@@ -63,6 +66,7 @@ MqttManager::~MqttManager() {
     metrics_.unload();
     shutdownEvent_.set();
     reports_->Close();
+    templates_->Stop();
     certMonitor_->Stop();
     registration_.interrupt();
     std::unique_ptr<CORE::corethread> registration;
@@ -166,6 +170,7 @@ bool MqttManager::Start() {
          .triggerCertSwap = [this] { certMonitor_->TriggerRefreshAndSwap(); }});
     metrics_.load();
     executor_.start();
+    templates_->Start();
     if (deps_.runRegistrationThread) {
         StartAgentRegistrationThread();
     }
@@ -221,6 +226,7 @@ bool MqttManager::Stop() {
     // Closed, not just stopped: a subscription or settings change still
     // under way must not start it again.
     reports_->Close();
+    templates_->Stop();  // the restart monitor, then the Azure AD monitor
     certMonitor_->Stop();
     config()->setLiveChangeHandlers({});
     duplicates_->Clear();
@@ -275,8 +281,8 @@ bool MqttManager::CommitMessageTransport() {
     return registration_.RegisterMessageTransport(true);
 }
 
-void MqttManager::RevertToRequireBootstrap(bool forgetPairingData) {
-    registration_.revertToRequireBootstrap(forgetPairingData, {});
+void MqttManager::RevertToRequireBootstrap(bool forgetPairingData, const std::string& reason) {
+    registration_.revertToRequireBootstrap(forgetPairingData, reason);
 }
 
 void MqttManager::UpdateIDs() {

@@ -193,6 +193,7 @@ void MqttManager::OnSubscribeSuccess(int index) {
         Json::Value status;
         BuildStatusMessage(status, "NEED_ID", 0, {});
         PublishMessage(publishTopics().desktopStatus, status, true);
+        templates_->HandleDomainJoin();
     }
     auto cfg = config();
     if (subscribedMask_.load() == kAllSubscribed &&

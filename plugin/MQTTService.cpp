@@ -27,7 +27,7 @@ public:
         return MqttManager::GetInstance().CommitMessageTransport();
     }
     void RevertToRequireBootstrap() override {
-        MqttManager::GetInstance().RevertToRequireBootstrap(true);
+        MqttManager::GetInstance().RevertToRequireBootstrap(true, "the migration was rolled back");
     }
 };
 

@@ -6,35 +6,26 @@
 // agenthost with the module are all real processes.
 
 #include "DesktopCloudTest.h"
+#include "TopicLog.h"
 #include "support/WaitUntil.h"
 
-#include <json/reader.h>
 
 #include <utmpx.h>
 
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <mutex>
 
 namespace ndpx::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 const std::string kConfiguration =
     "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane\\Agent\\Configuration";
 const std::string kSkipped =
     "AsyncReportGenerator::ReportGeneratorThreadProc(): Migration in progress, skipping session "
     "report";
-
-Json::Value parseJson(const std::string& text) {
-    Json::Value v;
-    std::istringstream in(text);
-    Json::parseFromStream(Json::CharReaderBuilder(), in, &v, nullptr);
-    return v;
-}
 
 // The sessions of a report, whether one (an object) or several (an array).
 std::vector<Json::Value> sessionsOf(const Json::Value& report) {
@@ -44,33 +35,6 @@ std::vector<Json::Value> sessionsOf(const Json::Value& report) {
     }
     return s.isObject() ? std::vector<Json::Value>{s} : std::vector<Json::Value>{};
 }
-
-// The reports the control plane receives, with their arrival times.
-class Reports {
-public:
-    void operator()(const devcloud::Message& m) {
-        if (m.topic != "desktop/e1/vm7/agent/sessions/report") {
-            return;
-        }
-        std::lock_guard lock(mutex_);
-        seen_.push_back({Clock::now(), parseJson(m.payload)});
-    }
-    std::size_t count() const {
-        std::lock_guard lock(mutex_);
-        return seen_.size();
-    }
-    std::vector<std::pair<Clock::time_point, Json::Value>> all() const {
-        std::lock_guard lock(mutex_);
-        return seen_;
-    }
-    bool waitFor(std::size_t n, std::chrono::milliseconds limit = 20s) const {
-        return waitUntil([&] { return count() >= n; }, limit);
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<std::pair<Clock::time_point, Json::Value>> seen_;
-};
 
 class SessionReportTest : public DesktopCloudTest {
 protected:
@@ -108,7 +72,7 @@ TEST_F(SessionReportTest, ReportsArriveStrippedOnScheduleFollowTheirConfigAndPau
     regctl({kConfiguration + "\\XMLAPI", "ExternalIPAddress", "203.0.113.5"});
     regctl({kConfiguration, "Listeners", "--type", "multi", "tcp:4172", "udp:4173", "bad"});
     writeUtmp();
-    Reports reports;
+    TopicLog reports("desktop/e1/vm7/agent/sessions/report");
     auto watch = watcher([&reports](const devcloud::Message& m) { reports(m); });
     auto agent = startAgent();
     provisionInto(root_, url_, "vm7");

@@ -6,6 +6,7 @@
 
 #include "config/mqttConfig.h"
 #include "mqtt/MqttClient.h"
+#include "templates/TemplateHandler.h"
 
 #include <mfw/PropertyBag.h>
 #include <mfw/coreevent.h>
@@ -76,9 +77,8 @@ struct MqttManagerDependencies {
     std::shared_ptr<certs::CertificateUtil> certificates;
     // Connection material from the pairing data; nullopt when there is none.
     std::function<std::optional<ConnectionMaterial>()> connectionMaterial;
-    // Handlers of the template and credentials-token topics (set by the
-    // services that own them).
-    std::function<void(const Json::Value&)> templateHandler;
+    // The handler of the credentials-token topic; by default the
+    // certificate monitor.
     std::function<void(const Json::Value&)> otpTokenHandler;
     // Is the current (or else the pending) client certificate present, valid
     // and issued to the agent identity? Healing goes back to requiring a new
@@ -86,6 +86,9 @@ struct MqttManagerDependencies {
     std::function<bool()> clientCertificateUsable;
     // The credential service.
     std::shared_ptr<CredentialRequester> credentials;
+    // The machine's domain membership, time zone and Azure AD join state,
+    // for the template handler.
+    TemplateBackends templateBackends;
 };
 
 // The production wiring: pairing data and certificates from the machine's

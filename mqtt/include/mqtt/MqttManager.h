@@ -18,10 +18,11 @@
 #include "mqtt/MqttLmMonConsumer.h"
 #include "mqtt/MqttState.h"
 #include "mqtt/Registration.h"
-#include "mqtt/SerialExecutor.h"
+#include "services/SerialExecutor.h"
 #include "mqtt/Topics.h"
 #include "reports/AsyncReportGenerator.h"
 #include "services/DuplicateMessageHandler.h"
+#include "templates/TemplateHandler.h"
 
 #include <mfw/PropertyBag.h>
 #include <mfw/coreevent.h>
@@ -38,7 +39,9 @@
 
 namespace ndpx {
 
-class MqttManager : private MqttClientListener, private certs::CertMonitorHost {
+class MqttManager : private MqttClientListener,
+                    private certs::CertMonitorHost,
+                    private TemplateHost {
 public:
     static MqttManager& GetInstance();
     // Destroys the process's manager, whose threads (the duplicate filter's
@@ -123,10 +126,11 @@ public:
     // A migration's bootstrap was written while the manager runs: the
     // registration thread stops waiting quiesced and looks for it at once.
     void WakeRegistration() { registration_.wakeQuiesced(); }
-    void RevertToRequireBootstrap(bool forgetPairingData);
+    // `reason` goes to the log line; empty keeps the last failure's.
+    void RevertToRequireBootstrap(bool forgetPairingData, const std::string& reason = {});
     void UpdateIDs();
     bool StartIPCServer();
-    void requestReboot() { registration_.requestReboot(); }
+    void requestReboot() { requestSystemReboot(); }
 
     MqttLmMonConsumer& metricsConsumer() { return metrics_; }
     std::shared_ptr<mqttConfig> config() const;
@@ -174,6 +178,12 @@ private:
                        CORE::coreevent& abort) override;
     CORE::Mutex& pairingLock() override;
     void certificateSwapped() override;
+
+    // TemplateHost: what the template handler needs (TemplateWiring.cpp).
+    void publishTemplateStatus(const std::string& status, int detailKind,
+                               const std::string& detail) override;
+    void requestSystemReboot() override;
+    void updateIDs(const std::string& edgeId, const std::string& shortTemplateId) override;
 
     // The state as the session's own threads move it: once Stop has begun
     // they leave STOPPING alone.
@@ -265,6 +275,7 @@ private:
     // Declared last: their threads, which call into the rest, go first.
     std::unique_ptr<AsyncReportGenerator> reports_;
     std::unique_ptr<certs::CertMonitor> certMonitor_;
+    std::unique_ptr<TemplateHandler> templates_;
 };
 
 }  // namespace ndpx

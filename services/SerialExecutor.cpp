@@ -1,4 +1,4 @@
-#include "mqtt/SerialExecutor.h"
+#include "services/SerialExecutor.h"
 
 #include <mfw/moduleLog.h>
 
