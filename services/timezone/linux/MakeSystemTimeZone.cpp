@@ -1,0 +1,13 @@
+#include "timezone/IcuZoneDatabase.h"
+#include "timezone/SystemTimeZone.h"
+#include "timezone/linux/LinuxZoneSystem.h"
+
+namespace ndpx {
+
+std::unique_ptr<SystemTimeZone> makeSystemTimeZone(const std::filesystem::path& root,
+                                                   const std::filesystem::path& stateFolder) {
+    return std::make_unique<SystemTimeZone>(std::make_unique<IcuZoneDatabase>(),
+                                            std::make_unique<LinuxZoneSystem>(root, stateFolder));
+}
+
+}  // namespace ndpx
