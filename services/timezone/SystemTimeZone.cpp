@@ -155,7 +155,7 @@ std::optional<std::string> SystemTimeZone::FindStdTimezoneInRegistry(
         }
         // A key that cannot be read is passed over: a later one may still match.
         for (std::size_t i = 0; i < *count; ++i) {
-            const auto key = database_->keyName(i);
+            auto key = database_->keyName(i);
             if (!key) {
                 MFW_LOG(CORE::kLogError,
                         "SystemTimeZone::FindStdTimezoneInRegistry(): Unable to enumerate subkey "

@@ -54,6 +54,7 @@ bool runZic(const fs::path& folder, const fs::path& source, std::string& error) 
     ::posix_spawn_file_actions_adddup2(&spawn.actions, writeEnd.get(), STDERR_FILENO);
     std::vector<std::string> args{"zic", "-d", folder.string(), source.string()};
     std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
     for (auto& arg : args) {
         argv.push_back(arg.data());
     }
