@@ -56,10 +56,15 @@ private:
 };
 
 // The production zone setter: ICU's zone database and the machine under
-// `root` (platform::paths::root(): "/" for the real machine, which is then
-// changed through timedated). Zones of an odd offset are compiled into
-// `stateFolder`, which must outlive the setting.
+// `root` ("/" for the real machine, which is then changed through timedated).
+// Zones of an odd offset are compiled into `stateFolder`, which must outlive
+// the setting and be readable by every user.
 std::unique_ptr<SystemTimeZone> makeSystemTimeZone(const std::filesystem::path& root,
                                                    const std::filesystem::path& stateFolder);
+// The same for platform::paths::root() and defaultZoneFolder().
+std::unique_ptr<SystemTimeZone> makeSystemTimeZone();
+// $ROOT/var/lib/ndpx_mqtt/timezones: outside the agent's private folders,
+// as every program reads a compiled zone.
+std::filesystem::path defaultZoneFolder();
 
 }  // namespace ndpx
