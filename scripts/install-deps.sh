@@ -13,7 +13,7 @@ packages=(
   libsqlite3-dev sqlite3
   libcurl4-openssl-dev
   duktape-dev
-  libicu-dev
+  libicu-dev tzdata
   libsystemd-dev
   libcpp-httplib-dev
   libcli11-dev
