@@ -5,8 +5,8 @@
 
 #include <systemd/sd-bus.h>
 
-#include <cstring>
 #include <memory>
+#include <system_error>
 
 namespace ndpx::platform {
 namespace {
@@ -17,13 +17,17 @@ struct BusUnref {
 
 struct BusError {
     sd_bus_error error{};  // what SD_BUS_ERROR_NULL spells in C
+    BusError() = default;
+    BusError(const BusError&) = delete;
+    BusError& operator=(const BusError&) = delete;
     ~BusError() { ::sd_bus_error_free(&error); }
 };
 
 std::string describe(const char* what, int result, const BusError& e) {
     std::string text = what;
     text += ": ";
-    text += e.error.message != nullptr ? e.error.message : std::strerror(-result);
+    text += e.error.message != nullptr ? std::string(e.error.message)
+                                       : std::generic_category().message(-result);
     return text;
 }
 
@@ -33,7 +37,7 @@ bool requestSystemReboot(std::string& error) {
     sd_bus* rawBus = nullptr;
     const int opened = ::sd_bus_open_system(&rawBus);
     if (opened < 0) {
-        error = describe("cannot reach the system bus", opened, BusError{});
+        error = describe("cannot reach the system bus", opened, BusError());
         return false;
     }
     const std::unique_ptr<sd_bus, BusUnref> bus(rawBus);

@@ -139,11 +139,15 @@ protected:
     std::optional<AzureADMonitor> monitor_;
 };
 
-const AadJoinInfo kNotJoined{.error = "not yet"};
-const AadJoinInfo kWorkplace{.type = AadJoinType::Workplace};
+AadJoinInfo notJoined() {
+    return {.error = "not yet"};
+}
+AadJoinInfo workplace() {
+    return {.type = AadJoinType::Workplace};
+}
 
 TEST_F(AzureADMonitorTest, WholeAttemptsOnlyAndTheLastErrorIsPublished) {
-    monitor({kNotJoined}, 60, 90).Start();
+    monitor({notJoined()}, 60, 90).Start();
     EXPECT_TRUE(
         logged("Will query Azure AD Join status every 60 seconds, with max wait interval "
                "of 90 seconds"));
@@ -159,7 +163,7 @@ TEST_F(AzureADMonitorTest, WholeAttemptsOnlyAndTheLastErrorIsPublished) {
 }
 
 TEST_F(AzureADMonitorTest, AJoinAtTheThirdPollIsPublishedWithTheDeviceIdAndEndsThePolling) {
-    monitor({kNotJoined, kWorkplace, {.type = AadJoinType::Device, .deviceId = "d-7"}}).Start();
+    monitor({notJoined(), workplace(), {.type = AadJoinType::Device, .deviceId = "d-7"}}).Start();
     advance(60s);
     advance(60s);
     advance(60s, false);
@@ -172,7 +176,7 @@ TEST_F(AzureADMonitorTest, AJoinAtTheThirdPollIsPublishedWithTheDeviceIdAndEndsT
 }
 
 TEST_F(AzureADMonitorTest, AWorkplaceJoinNeverCountsAndOtherResultsGiveTheirText) {
-    monitor({kWorkplace}, 30, 60).Start();
+    monitor({workplace()}, 30, 60).Start();
     advance(30s);
     advance(30s, false);
     ASSERT_TRUE(awaitPublished(1));
@@ -194,7 +198,7 @@ TEST_F(AzureADMonitorTest, AWorkplaceJoinNeverCountsAndOtherResultsGiveTheirText
 }
 
 TEST_F(AzureADMonitorTest, StopEndsAWaitAndAnUnavailableQueryNeverStarts) {
-    auto& polling = monitor({kNotJoined});
+    auto& polling = monitor({notJoined()});
     polling.Start();
     polling.Start();
     EXPECT_TRUE(logged("AzureADMonitor::Start(): Thread is already running."));
