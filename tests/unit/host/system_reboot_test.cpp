@@ -20,26 +20,26 @@ TEST(SystemReboot, LoggedOnlyUnderATestRootAndARefusalReachesTheSender) {
     CORE::PluginLoader loader;
     EventWriter events(platform::makeJournal((reg.root() / "journal").string()));
     int asked = 0;
-    const auto answer = [&](RebootPolicy policy) {
-        const SystemWorker system(loader, events, std::move(policy));
-        CORE::PropertyBag request, response;
-        request.set(L"Reason", L"TemplateHandler (domain join)");
-        return CORE::MessageHandler::SendMsg(L"System", L"RequestSystemReboot", request, response,
-                                             10000);
-    };
     const auto refuse = [&asked](std::string& error) {
         ++asked;
         error = "no logind here";
         return false;
     };
+    const auto answer = [&](RebootPolicy::Mode mode) {
+        const SystemWorker system(loader, events, {mode, refuse});
+        CORE::PropertyBag request, response;
+        request.set(L"Reason", L"TemplateHandler (domain join)");
+        return CORE::MessageHandler::SendMsg(L"System", L"RequestSystemReboot", request, response,
+                                             10000);
+    };
 
-    EXPECT_EQ(answer({RebootPolicy::Mode::Log, refuse}), 0);
+    EXPECT_EQ(answer(RebootPolicy::Mode::Log), 0);
     EXPECT_TRUE(
         reg.log().contains("System reboot requested by TemplateHandler (domain join); "
                            "not rebooting (--reboot=log)"));
     EXPECT_EQ(asked, 0);
 
-    EXPECT_EQ(answer({RebootPolicy::Mode::System, refuse}), CORE::kErrorHandlerFailed);
+    EXPECT_EQ(answer(RebootPolicy::Mode::System), CORE::kErrorHandlerFailed);
     EXPECT_EQ(asked, 1);
     EXPECT_TRUE(reg.log().contains("System: reboot refused: no logind here"));
 }
