@@ -16,6 +16,7 @@
 #include <mfw/metrics.h>
 #include <mfw/moduleLog.h>
 #include <platform/Paths.h>
+#include <platform/SystemReboot.h>
 
 #include <CLI/CLI.hpp>
 
@@ -42,6 +43,7 @@ int main(int argc, char** argv) {
     std::string logFile;
     int metricsSeconds = 15;
     std::string journalSocket;
+    std::string rebootMode;
     app.add_option("--root", root, "Root prefix for every machine path")->capture_default_str();
     app.add_option("--plugin", plugins, "Plug-in module to load (repeatable)");
     app.add_option("--log-level", logLevel, "0 most verbose ... 4 errors only")
@@ -54,6 +56,10 @@ int main(int argc, char** argv) {
     app.add_option("--journal-socket", journalSocket,
                    "The journal's socket, where agent events are written "
                    "(default: under the root, run/systemd/journal/socket)");
+    app.add_option("--reboot", rebootMode,
+                   "What a module's request for a system reboot does: log, or system (ask "
+                   "the system to reboot). Default: system when --root is /, else log")
+        ->check(CLI::IsMember({"log", "system"}));
     CLI11_PARSE(app, argc, argv);
 
     // Signals are taken by sigwait below; every thread started later
@@ -91,7 +97,12 @@ int main(int argc, char** argv) {
     }
     CORE::PluginLoader loader;
     ndpx::host::EventWriter events(ndpx::platform::makeJournal(journalSocket));
-    const ndpx::host::SystemWorker system(loader, events);
+    ndpx::host::RebootPolicy reboot;
+    reboot.mode = rebootMode.empty()       ? ndpx::host::RebootPolicy::defaultMode(root)
+                  : rebootMode == "system" ? ndpx::host::RebootPolicy::Mode::System
+                                           : ndpx::host::RebootPolicy::Mode::Log;
+    reboot.request = ndpx::platform::requestSystemReboot;
+    const ndpx::host::SystemWorker system(loader, events, std::move(reboot));
     ndpx::host::addDesktopManagerStandIn();
     ndpx::host::addTransportStandIns();
 

@@ -3,14 +3,15 @@
 #include "reports/AsyncReportGenerator.h"
 
 #include "config/mqttConfig.h"
+#include "services/Jitter.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/corethread.h>
 #include <mfw/moduleLog.h>
 
 #include <condition_variable>
-#include <cstdint>
 #include <mutex>
+#include <random>
 #include <system_error>
 
 namespace ndpx {
@@ -99,17 +100,6 @@ void AsyncReportGenerator::Open() {
 bool AsyncReportGenerator::running() const {
     CORE::MutexLock lock(mutex_);
     return run_ != nullptr;
-}
-
-std::chrono::milliseconds AsyncReportGenerator::jitteredWait(int seconds, double u) {
-    return std::chrono::milliseconds(
-        static_cast<std::int64_t>((0.75 + 0.25 * u) * seconds * 1000.0));
-}
-
-double AsyncReportGenerator::uniformDraw(std::mt19937& generator) {
-    const std::uint32_t high = generator() >> 5;  // 27 bits
-    const std::uint32_t low = generator() >> 6;   // 26 bits
-    return (high * 67108864.0 + low) * (1.0 / 9007199254740992.0);
 }
 
 void AsyncReportGenerator::ReportGeneratorThreadProc(Run& run) {

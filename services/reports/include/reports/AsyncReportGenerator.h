@@ -8,10 +8,8 @@
 #include <mfw/corelock.h>
 #include <platform/TimeSource.h>
 
-#include <chrono>
 #include <functional>
 #include <memory>
-#include <random>
 
 namespace ndpx {
 
@@ -40,11 +38,6 @@ public:
     void Open() MFW_EXCLUDES(mutex_);
 
     bool running() const MFW_EXCLUDES(mutex_);
-
-    // The wait after a report: (0.75 + 0.25 * u) of `seconds`, u in [0, 1).
-    static std::chrono::milliseconds jitteredWait(int seconds, double u);
-    // A uniform double in [0, 1) with 53 random bits from two 32-bit draws.
-    static double uniformDraw(std::mt19937& generator);
 
 private:
     struct Run;
