@@ -52,7 +52,7 @@ MqttManager::MqttManager(MqttManagerDependencies deps)
           *deps_.time)),
       templates_(std::make_unique<TemplateHandler>(
           static_cast<TemplateHost&>(*this), [this] { return config(); },
-          withDefaultBackends(deps_.templateBackends), *deps_.time)) {
+          std::move(deps_.templateBackends), *deps_.time)) {
     // The filter's settings are read once, when the manager is built.
     auto cfg = config();
     duplicates_ = std::make_unique<DuplicateMessageHandler>(

@@ -2,30 +2,56 @@
 
 #include "TemplateMembers.h"
 #include "config/mqttConfig.h"
+#include "domain/DomainUtil.h"
 
 #include <mfw/corestring.h>
 #include <mfw/moduleLog.h>
 
 namespace ndpx {
+namespace {
+
+std::unique_ptr<AadJoinQuery> orDefault(std::unique_ptr<AadJoinQuery> query) {
+    return query ? std::move(query) : makeAadJoinQuery();
+}
+
+}  // namespace
+
 TemplateHandler::TemplateHandler(TemplateHost& host, ConfigSource config,
                                  TemplateBackends backends, platform::TimeSource& time)
     : host_(host),
       config_(std::move(config)),
+      stop_(CORE::coreevent::Reset::Manual, false, time),
       backends_(std::move(backends)),
       restart_([this](const std::string& status, int kind,
                       const std::string& detail) { publish(status, kind, detail); },
                time),
-      azureAd_([this](const std::string& status, int kind,
-                      const std::string& detail) { publish(status, kind, detail); },
-               config_, backends_.azureAd, time) {}
+      azureAd_(
+          orDefault(std::move(backends_.azureAd)), config_,
+          [this](const std::string& status, int kind, const std::string& detail) {
+              publish(status, kind, detail);
+          },
+          time) {
+    if (!backends_.domain) {
+        backends_.domain = std::make_shared<DomainUtil>(&stop_);
+    }
+    if (!backends_.timeZone) {
+        backends_.timeZone = makeSystemTimeZone();
+    }
+}
 
 TemplateHandler::~TemplateHandler() { Stop(); }
 
-void TemplateHandler::Start() { worker_.start(); }
+void TemplateHandler::Start() {
+    stop_.reset();
+    worker_.start();
+}
 
 void TemplateHandler::Stop() {
+    stop_.set();
     restart_.Stop();
     azureAd_.Stop();
+    // What is still queued runs against the set stop event: a join ends at
+    // once.
     worker_.stop();
 }
 

@@ -83,7 +83,7 @@ protected:
         zone_ = std::make_shared<RecordingZone>();
         handler_ = std::make_unique<TemplateHandler>(
             host_, [this] { return cfg_; },
-            TemplateBackends{domain_, zone_, linuxAadJoinQuery()}, clock_);
+            TemplateBackends{domain_, zone_, nullptr}, clock_);
     }
     void send(const std::string& text) {
         Json::Value message;

@@ -27,11 +27,12 @@ namespace ndpx {
 
 class mqttConfig;
 
-// The machine-facing parts the handler drives.
+// The machine-facing parts the handler drives; each one left empty is this
+// platform's own.
 struct TemplateBackends {
     std::shared_ptr<AbsDomainUtil> domain;
     std::shared_ptr<SystemTimeZone> timeZone;
-    std::shared_ptr<AadJoinQuery> azureAd;
+    std::unique_ptr<AadJoinQuery> azureAd;
 };
 
 class TemplateHandler {
@@ -74,6 +75,8 @@ private:
 
     TemplateHost& host_;
     const ConfigSource config_;
+    // Set by Stop: a join or query under way ends at once.
+    CORE::coreevent stop_;
     TemplateBackends backends_;
     RestartMonitor restart_;
     AzureADMonitor azureAd_;
