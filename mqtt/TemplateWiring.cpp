@@ -18,7 +18,7 @@ void MqttManager::requestSystemReboot() {
     // about to restart.
     registration_.requestReboot();
     CORE::PropertyBag request;
-    request.set(L"REASON", L"domain join");
+    request.set(L"Reason", L"domain join");
     CORE::PropertyBag response;
     const int rc = CORE::MessageHandler::SendMsg(L"System", L"RequestSystemReboot", request,
                                                  response, 60000, shutdownEvent_);

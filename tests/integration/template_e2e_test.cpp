@@ -24,11 +24,13 @@ protected:
         watch_ = watcher([this](const devcloud::Message& m) { statuses_(m); });
     }
 
-    // A connected agent and a control-plane client that sees its statuses.
+    // A connected agent, subscribed to its template topic: it has asked
+    // for its domain information ("INIT" after "NEED_ID").
     std::unique_ptr<Process> connectedAgent() {
         auto agent = startAgent();
         provisionInto(root_, url_, "vm7");
         EXPECT_TRUE(agent->waitForLine(kConnected, 60s)) << agent->output();
+        EXPECT_TRUE(waitForStatus("INIT")) << agent->output();
         return agent;
     }
     void sendTemplate(const std::string& json) {
@@ -61,7 +63,6 @@ protected:
 
 TEST_F(TemplateTest, AJoinAsksForARebootAndTheRestartedAgentIsAvailable) {
     auto agent = connectedAgent();
-    ASSERT_TRUE(waitForStatus("INIT")) << agent->output();  // after NEED_ID: nothing joined yet
     sendTemplate(R"({"domain":"corp.example","username":"joiner","password":")" + kPassword +
                  R"(","defaultOU":"CN=Computers,DC=corp,DC=example"})");
     ASSERT_TRUE(agent->waitForLine("Sending request for system reboot due to domain join"))
@@ -86,7 +87,6 @@ TEST_F(TemplateTest, AJoinAsksForARebootAndTheRestartedAgentIsAvailable) {
 TEST_F(TemplateTest, AFailedJoinReportsTheAuxiliaryErrorAndANotReadyDesktopIsPolled) {
     realm_.setJoinMode("fail");
     auto agent = connectedAgent();
-    ASSERT_TRUE(waitForStatus("INIT")) << agent->output();
     sendTemplate(R"({"domain":"corp.example","username":"a","password":")" + kPassword +
                  R"(","auxiliaryUsername":"b","auxiliaryPassword":"aux-)" + kPassword + R"("})");
     ASSERT_TRUE(waitForStatus("DOMAIN_ERR")) << agent->output();
@@ -129,11 +129,11 @@ TEST_F(TemplateTest, TimeZonesByNameAndOffsetAndAnUnknownNameFails) {
     EXPECT_TRUE(zone.ends_with("Asia/Kolkata") || zone.ends_with("Asia/Calcutta")) << zone;
 
     sendTemplate(R"({"msgType":"set_timezone","vmTimeZone":{"timeZoneOffset":"-5:30"}})");
-    ASSERT_TRUE(waitUntil(
-        [&] { return std::filesystem::read_symlink(localtime()).string() != zone; }, 20s))
+    ASSERT_TRUE(
+        waitUntil([&] { return std::filesystem::read_symlink(localtime()).string() != zone; }, 20s))
         << agent->output();
-    const auto offset =
-        run({"env", "TZ=:" + std::filesystem::canonical(localtime()).string(), "date", "+%z"});
+    const auto offset = run(
+        {"/usr/bin/env", "TZ=:" + std::filesystem::canonical(localtime()).string(), "date", "+%z"});
     EXPECT_EQ(offset.output, "-0530\n");
 
     sendTemplate(R"({"msgType":"SET_TIMEZONE","vmTimeZone":{"timeZone":"Nowhere Standard Time"}})");
