@@ -6,6 +6,7 @@
 #include <mfw/moduleLog.h>
 #include <platform/CommandRunner.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <string_view>
@@ -106,7 +107,9 @@ std::uint32_t RealmDomainBackend::run(platform::CommandRequest& request,
             if (result.exitCode == 0) {
                 return domain_error::kNone;
             }
-            text = trimmed(result.errorOutput.empty() ? result.output : result.errorOutput);
+            // Masked before it is trimmed: a password may end in blanks.
+            text = trimmed(
+                masked(result.errorOutput.empty() ? result.output : result.errorOutput, password));
             if (text.empty()) {
                 text =
                     "realm " + verb + " failed with exit code " + std::to_string(result.exitCode);
@@ -142,8 +145,7 @@ std::uint32_t RealmDomainBackend::run(platform::CommandRequest& request,
             text = result.error;
             break;
     }
-    // Masked before it is cut, so no part of the password can survive.
-    text = masked(std::move(text), password).substr(0, kMaxErrorText);
+    text.resize(std::min(text.size(), kMaxErrorText));
     MFW_LOG(3, "RealmDomainBackend::run(): realm %s %s: %s", verb.c_str(),
             platform::commandOutcomeText(result.outcome), text.c_str());
     CORE::MutexLock lock(mutex_);
