@@ -23,6 +23,8 @@ public:
     // Whether the join state can be queried here at all. Called once, by the
     // monitor's Init(), which the backend's log lines are named after.
     virtual bool available() = 0;
+    // Called by the poll thread and by the owner's direct question, possibly
+    // at once.
     virtual AadJoinInfo query() = 0;
 };
 
