@@ -10,14 +10,15 @@
 namespace ndpx {
 namespace {
 
-std::unique_ptr<AadJoinQuery> orDefault(std::unique_ptr<AadJoinQuery> query) {
-    return query ? std::move(query) : makeAadJoinQuery();
+std::unique_ptr<AadJoinQuery> makeQuery(
+    const std::function<std::unique_ptr<AadJoinQuery>()>& make) {
+    return make ? make() : makeAadJoinQuery();
 }
 
 }  // namespace
 
-TemplateHandler::TemplateHandler(TemplateHost& host, ConfigSource config,
-                                 TemplateBackends backends, platform::TimeSource& time)
+TemplateHandler::TemplateHandler(TemplateHost& host, ConfigSource config, TemplateBackends backends,
+                                 platform::TimeSource& time)
     : host_(host),
       config_(std::move(config)),
       stop_(CORE::coreevent::Reset::Manual, false, time),
@@ -26,7 +27,7 @@ TemplateHandler::TemplateHandler(TemplateHost& host, ConfigSource config,
                       const std::string& detail) { publish(status, kind, detail); },
                time),
       azureAd_(
-          orDefault(std::move(backends_.azureAd)), config_,
+          makeQuery(backends_.azureAd), config_,
           [this](const std::string& status, int kind, const std::string& detail) {
               publish(status, kind, detail);
           },
@@ -39,7 +40,9 @@ TemplateHandler::TemplateHandler(TemplateHost& host, ConfigSource config,
     }
 }
 
-TemplateHandler::~TemplateHandler() { Stop(); }
+TemplateHandler::~TemplateHandler() {
+    Stop();
+}
 
 void TemplateHandler::Start() {
     stop_.reset();

@@ -46,8 +46,7 @@ public:
         std::lock_guard lock(mutex_);
         return seen_;
     }
-    bool waitFor(std::size_t n,
-                 std::chrono::milliseconds limit = std::chrono::seconds(20)) const {
+    bool waitFor(std::size_t n, std::chrono::milliseconds limit = std::chrono::seconds(20)) const {
         return waitUntil([&] { return count() >= n; }, limit);
     }
 

@@ -58,7 +58,9 @@ public:
     bool IsInDomain() override { return member; }
     std::string DomainName() override { return member ? "corp.example" : ""; }
     void RefreshDomainInformation(bool) override {}
-    std::string ErrorText(std::uint32_t code) override { return "realm said " + std::to_string(code); }
+    std::string ErrorText(std::uint32_t code) override {
+        return "realm said " + std::to_string(code);
+    }
 
     std::deque<std::uint32_t> results;
     bool member = false;
@@ -82,8 +84,7 @@ protected:
         domain_ = std::make_shared<ScriptedDomain>();
         zone_ = std::make_shared<RecordingZone>();
         handler_ = std::make_unique<TemplateHandler>(
-            host_, [this] { return cfg_; },
-            TemplateBackends{domain_, zone_, nullptr}, clock_);
+            host_, [this] { return cfg_; }, TemplateBackends{domain_, zone_, nullptr}, clock_);
     }
     void send(const std::string& text) {
         Json::Value message;
@@ -184,7 +185,8 @@ TEST_F(TemplateHandlerTest, IdsAndTimeZoneMessagesReachTheirTargets) {
     send(R"({"msgType":"SET_TIMEZONE","vmTimeZone":"India Standard Time"})");
     EXPECT_TRUE(zone_->calls.empty());
     zone_->ok = false;
-    send(R"({"msgType":"SET_TIMEZONE","vmTimeZone":{"timeZoneOffset":"-5:30","dayLightDisabled":true}})");
+    send(
+        R"({"msgType":"SET_TIMEZONE","vmTimeZone":{"timeZoneOffset":"-5:30","dayLightDisabled":true}})");
     EXPECT_EQ(zone_->calls, std::vector<std::string>{"|1|-5:30"});
     ASSERT_EQ(host_.statuses.size(), 1u);
     EXPECT_EQ(host_.statuses[0].status, "SET_TIMEZONE_FAILED");

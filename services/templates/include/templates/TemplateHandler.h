@@ -32,7 +32,8 @@ class mqttConfig;
 struct TemplateBackends {
     std::shared_ptr<AbsDomainUtil> domain;
     std::shared_ptr<SystemTimeZone> timeZone;
-    std::unique_ptr<AadJoinQuery> azureAd;
+    // Makes the Azure AD join query the handler's monitor owns.
+    std::function<std::unique_ptr<AadJoinQuery>()> azureAd;
 };
 
 class TemplateHandler {
