@@ -107,6 +107,24 @@ say "The control plane sends GetHostFacts again, over the new connection"
 "$devcloud" send --dir "$cloud" --port "$broker_port" --desktop e1/vm7 --command GetHostFacts --timeout 20 |
   grep -E '"(ID|HOSTNAME)"'
 
+say "The control plane sends template messages: a time zone, then a domain join on a machine without realmd"
+"$devcloud" client-cert --dir "$cloud" --cn demo-console --out "$work/console" >/dev/null
+template() {
+  mosquitto_pub -h 127.0.0.1 -p "$broker_port" -q 1 -i demo-console --cafile "$cloud/ca.pem" \
+    --cert "$work/console.pem" --key "$work/console.key" \
+    -t desktop/e1/vm7/agent/receive/dtemplate -m "$1"
+}
+template '{"msgType":"SET_TIMEZONE","vmTimeZone":{"timeZone":"India Standard Time"}}'
+wait_for "$work/agent.log" "Timezone set to" 30
+echo "  $root/etc/localtime -> $(readlink "$root/etc/localtime")"
+template '{"domain":"corp.example","username":"joiner","password":"not-in-any-log"}'
+wait_for "$work/agent.log" "TemplateHandler::HandleMsg(): Unable to join" 30
+grep -E "TemplateHandler::|SystemTimeZone::CallSet" "$work/agent.log" | sed 's/^[^[]*\[[^]]*\] L[0-9] [0-9]*: /  /'
+if grep -q "not-in-any-log" "$work/agent.log"; then
+  echo "demo: the join password reached the log" >&2
+  exit 1
+fi
+
 say "Stopping the agent (SIGTERM)"
 kill -TERM "$agent"
 status=0
@@ -114,4 +132,4 @@ wait "$agent" || status=$?
 grep -E "MQTT Stop successful|agenthost: stopped" "$work/agent.log" | sed 's/^[^[]*\[[^]]*\] L[0-9] [0-9]*: /  /'
 echo "agenthost exit status: $status"
 
-say "Done: the desktop paired with the credential service, connected to the broker over mutual TLS, answered a command, renewed its certificate live and stopped cleanly."
+say "Done: the desktop paired with the credential service, connected to the broker over mutual TLS, answered a command, renewed its certificate live, took its time zone and reported a domain join it could not make, and stopped cleanly."
