@@ -99,7 +99,7 @@ TEST_F(TemplateTest, AFailedJoinReportsTheAuxiliaryErrorAndANotReadyDesktopIsPol
 
     // Not ready: "INIT" again every 3.75 to 5 s, until the desktop is ready.
     sendTemplate(R"({"vmReady":false,"pollInterval":5})");
-    ASSERT_TRUE(waitForStatus("INIT", 4, 20s)) << agent->output();
+    ASSERT_TRUE(waitForStatus("INIT", 3, 20s)) << agent->output();
     sendTemplate(R"({"domain":"corp.example","username":"a","password":"p"})");
     ASSERT_TRUE(waitForStatus("DOMAIN_ERR", 2)) << agent->output();
     const auto all = statuses_.all();
@@ -116,7 +116,7 @@ TEST_F(TemplateTest, AFailedJoinReportsTheAuxiliaryErrorAndANotReadyDesktopIsPol
     }
 #endif
     const std::size_t initsAfterReady = polls.size();
-    EXPECT_FALSE(waitForStatus("INIT", initsAfterReady + 1, 5500ms));
+    EXPECT_FALSE(waitForStatus("INIT", initsAfterReady + 1, 5250ms));
     stop(*agent);
 }
 
