@@ -165,7 +165,7 @@ bool MigrationManager::handleBootstrap(CORE::PropertyBag& request, CORE::Propert
             "%s",
             migrationStatusName(static_cast<int>(Status::Bootstrap)));
     if (!session_.IsStarted()) {
-        // Its registration flow picks the bootstrap up from the spec file.
+        // Its registration flow picks the bootstrap up from the provisioning file.
         MFW_LOG(CORE::kLogDebug,
                 "MigrationManager::handleBootstrap(): Starting MqttManager to process bootstrap");
         session_.Start();

@@ -9,7 +9,6 @@
 #include "TopicLog.h"
 #include "support/WaitUntil.h"
 
-
 #include <utmpx.h>
 
 #include <cstring>

@@ -18,10 +18,10 @@
 #include "mqtt/MqttLmMonConsumer.h"
 #include "mqtt/MqttState.h"
 #include "mqtt/Registration.h"
-#include "services/SerialExecutor.h"
 #include "mqtt/Topics.h"
 #include "reports/AsyncReportGenerator.h"
 #include "services/DuplicateMessageHandler.h"
+#include "services/SerialExecutor.h"
 #include "templates/TemplateHandler.h"
 
 #include <mfw/PropertyBag.h>

@@ -117,7 +117,7 @@ TEST_F(MigrationTest, BadBootstrapsAreRefusedWithTheirCodesAndStatuses) {
     EXPECT_EQ(status(), 0);
     EXPECT_FALSE(std::filesystem::exists(mqttConfig::lcmSpecFilePath()));
 
-    // A directory where the spec file belongs: the write fails.
+    // A directory where the provisioning file belongs: the write fails.
     std::filesystem::create_directories(mqttConfig::lcmSpecFilePath());
     EXPECT_EQ(send(L"bootstrap", kSpec).code, kErrorBootstrap);
     EXPECT_EQ(status(), 7);
