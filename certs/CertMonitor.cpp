@@ -176,6 +176,26 @@ void CertMonitor::TriggerRefreshAndSwap() {
     }
 }
 
+void CertMonitor::IdentityMoved() {
+    {
+        CORE::MutexLock lock(mutex_);
+        if (!thread_) {
+            lock.unlock();
+            MFW_LOG(CORE::kLogDebug,
+                    "CertMonitor::IdentityMoved(): Certificate monitor thread not running; its "
+                    "first check takes up the move");
+            return;
+        }
+        // Kept until the thread next waits, should it be busy now.
+        refresh_ = true;
+        // The answer to the request this causes is no repeat of an earlier
+        // token, however soon it comes.
+        lastOtpTicks_.reset();
+    }
+    MFW_LOG(CORE::kLogDebug, "CertMonitor::IdentityMoved(): Checking for the new identity");
+    signalled_.notify_all();
+}
+
 void CertMonitor::RefreshSucceeded() {
     signalOutcome(true, "CertMonitor::RefreshSucceeded(): Certificate monitor thread not running.");
 }
@@ -300,10 +320,14 @@ bool CertMonitor::CheckCertificateIdentity(const CertContext* context) {
 }
 
 bool CertMonitor::CheckCertificateValidity(bool pairingLockHeld) {
-    const std::string identity = config_()->getAgentIdentity();
-    const auto valid = [&](const char* which, const CertContext* context) {
+    auto cfg = config_();
+    const std::string identity = cfg->getAgentIdentity();
+    // A pending certificate may name the identity the desktop moves to.
+    const std::string pendingIdentity = cfg->certificateIdentity();
+    const auto valid = [&](const char* which, const CertContext* context,
+                           const std::string& expected) {
         X509* cert = context != nullptr ? x509Of(*context) : nullptr;
-        if (cert == nullptr || certificates_->GetCertificateCN(context) != identity) {
+        if (cert == nullptr || certificates_->GetCertificateCN(context) != expected) {
             MFW_LOG(CORE::kLogWarning, "%s%s certificate identity doesn't match agent identity.",
                     kValidityPrefix, which);
             return false;
@@ -323,7 +347,7 @@ bool CertMonitor::CheckCertificateValidity(bool pairingLockHeld) {
         current->endCertificate() == nullptr) {
         MFW_LOG(CORE::kLogError,
                 "CertMonitor::CheckCertificateValidity(): Unable to retrieve client certificate");
-    } else if (valid("Current", current->endCertificate())) {
+    } else if (valid("Current", current->endCertificate(), identity)) {
         return true;
     }
     CertChainPtr pending;
@@ -334,7 +358,7 @@ bool CertMonitor::CheckCertificateValidity(bool pairingLockHeld) {
         TriggerRefresh(false);
         return false;
     }
-    if (!valid("Pending", pending->endCertificate())) {
+    if (!valid("Pending", pending->endCertificate(), pendingIdentity)) {
         return false;
     }
     return ActivatePendingCertificate(false, pairingLockHeld);

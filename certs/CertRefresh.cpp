@@ -49,12 +49,34 @@ std::string thumbprintOfPem(const std::string& pem) {
     return cert ? thumbprintOf(cert.get()) : std::string();
 }
 
+std::string commonNameOfPem(const std::string& pem) {
+    X509Ptr cert = x509FromPem(pem);
+    return cert ? commonNameOf(cert.get()) : std::string();
+}
+
+// A certificate naming the identity the desktop moves to completes the move:
+// the pending IDs become the active ones with it.
+void completeMoveIfNamed(mqttConfig& cfg, const std::string& certificatePem) {
+    const std::optional<std::string> moving = cfg.movingToIdentity();
+    if (moving && commonNameOfPem(certificatePem) == *moving) {
+        cfg.activatePendingIdentity();
+        MFW_LOG(CORE::kLogInfo,
+                "CertMonitor::ActivatePendingCertificate(): Agent identity is now %s",
+                moving->c_str());
+    }
+}
+
 }  // namespace
 
 Json::Value CertMonitor::credentialsRequest(const std::string& reason) {
     auto cfg = config_();
     Json::Value request(Json::objectValue);
     request["agentIdentity"] = cfg->getAgentIdentity();
+    // The control plane knows the desktop by its current identity; the
+    // certificate asked for names the new one.
+    if (const auto moving = cfg->movingToIdentity()) {
+        request["pendingAgentIdentity"] = *moving;
+    }
     request["vmId"] = cfg->getVmId();
     request["reason"] = reason;
     CertChainPtr current;
@@ -100,6 +122,15 @@ bool CertMonitor::ClientCertificateRefresh() {
                 "CertMonitor::ClientCertificateRefresh(): Client certificate looks OK.");
     }
 
+    // New IDs take effect with a certificate that names them: one is obtained
+    // and swapped in at once.
+    const std::optional<std::string> moving = cfg->movingToIdentity();
+    const std::string identity = moving.value_or(cfg->getAgentIdentity());
+    if (moving) {
+        MFW_LOG(CORE::kLogInfo,
+                "CertMonitor::ClientCertificateRefresh(): The agent identity moves to %s",
+                moving->c_str());
+    }
     CertChainPtr pending;
     const bool pendingPresent = certificates_->RetrieveClientCertificateContext(true, &pending) &&
                                 pending->endCertificate() != nullptr;
@@ -107,8 +138,7 @@ bool CertMonitor::ClientCertificateRefresh() {
     if (!pendingPresent) {
         MFW_LOG(CORE::kLogDebug,
                 "CertMonitor::ClientCertificateRefresh(): Pending client certificate not present.");
-    } else if (certificates_->GetCertificateCN(pending->endCertificate()) !=
-               cfg->getAgentIdentity()) {
+    } else if (certificates_->GetCertificateCN(pending->endCertificate()) != identity) {
         MFW_LOG(CORE::kLogDebug,
                 "CertMonitor::ClientCertificateRefresh(): Pending Cert CN no longer matches Agent "
                 "Identity.");
@@ -132,9 +162,14 @@ bool CertMonitor::ClientCertificateRefresh() {
         MFW_LOG(CORE::kLogDebug,
                 "CertMonitor::ClientCertificateRefresh(): Forced pending cert refresh.");
     }
-    if (forced || badPending || (expiring && !pendingPresent)) {
-        reason_ = forced ? "forced" : badPending ? "pending certificate unusable" : "expiring";
-        if (GeneratePendingCertificate()) {
+    bool pendingUsable = pendingPresent && !badPending;
+    if (forced || badPending || ((expiring || moving) && !pendingPresent)) {
+        reason_ = forced       ? "forced"
+                  : moving     ? "identity change"
+                  : badPending ? "pending certificate unusable"
+                               : "expiring";
+        pendingUsable = GeneratePendingCertificate();
+        if (pendingUsable) {
             MFW_LOG(CORE::kLogDebug,
                     "CertMonitor::ClientCertificateRefresh(): Successfully generated a pending "
                     "cert.");
@@ -151,7 +186,7 @@ bool CertMonitor::ClientCertificateRefresh() {
     if (swapForced) {
         MFW_LOG(CORE::kLogInfo, "CertMonitor::ClientCertificateRefresh(): Forcing cert swap.");
     }
-    if (beforeNextCheck || swapForced) {
+    if (beforeNextCheck || swapForced || (moving && pendingUsable)) {
         CertChainPtr latest;
         if (!certificates_->RetrieveClientCertificateContext(true, &latest) ||
             latest->endCertificate() == nullptr) {
@@ -165,7 +200,8 @@ bool CertMonitor::ClientCertificateRefresh() {
     MFW_LOG(CORE::kLogDebug,
             "CertMonitor::ClientCertificateRefresh(): Current certificate is valid, checks "
             "complete.");
-    return true;
+    // A move without its certificate is retried sooner.
+    return !moving;
 }
 
 bool CertMonitor::GeneratePendingCertificate() {
@@ -258,7 +294,7 @@ bool CertMonitor::ProcessOTPTokenResponse(const std::string& otp, const std::str
             "CertMonitor::ProcessOTPTokenResponse(): Processing OTP token refresh response. "
             "Generating new keys and CSR");
     auto cfg = config_();
-    const std::string identity = cfg->getAgentIdentity();
+    const std::string identity = cfg->certificateIdentity();
     const std::string container = CORE::makeGuid().value_or(std::string(CORE::kNullGuid));
     std::vector<std::uint8_t> keyBlob;
     std::string privateKeyPem;
@@ -321,7 +357,7 @@ bool CertMonitor::ActivatePendingCertificate(bool swapForced, bool pairingLockHe
     // Proven before it is committed to: a certificate the broker refuses
     // would strand the desktop, the current one keeps working meanwhile.
     ClientCredentials pending;
-    if (!certificates_->RetrieveCertificates(true, config_()->getAgentIdentity(), pending)) {
+    if (!certificates_->RetrieveCertificates(true, config_()->certificateIdentity(), pending)) {
         MFW_LOG(CORE::kLogError,
                 "CertMonitor::ActivatePendingCertificate(): No pending certificate of the agent "
                 "identity; keeping the current one");
@@ -369,6 +405,16 @@ bool CertMonitor::swapLocked() {
     if (!certificates_->RetrieveCertificates(true, "", pending)) {
         return false;
     }
+    // Under the pairing lock the identities hold still: a move begun since
+    // the pending certificate was checked leaves it naming neither.
+    const std::string cn = commonNameOfPem(pending.clientCertPem);
+    if (cn != cfg->getAgentIdentity() && cn != cfg->movingToIdentity()) {
+        MFW_LOG(CORE::kLogWarning,
+                "CertMonitor::ActivatePendingCertificate(): The pending certificate names %s, "
+                "which is no longer the identity asked for",
+                cn.c_str());
+        return false;
+    }
     auto& store = cfg->store();
     store.set(kNodeManagerKey, kSwapIntentValue,
               platform::SettingValue::ofString(thumbprintOfPem(pending.clientCertPem)));
@@ -377,6 +423,7 @@ bool CertMonitor::swapLocked() {
         return false;
     }
     pairingConfig(*cfg).activatePendingConfig();
+    completeMoveIfNamed(*cfg, pending.clientCertPem);
     store.remove(kNodeManagerKey, kSwapIntentValue);
     return true;
 }
@@ -394,6 +441,7 @@ void CertMonitor::RepairInterruptedSwap() {
     if (swapped) {
         // The certificate became current: its pairing values follow.
         pairingConfig(*cfg).activatePendingConfig();
+        completeMoveIfNamed(*cfg, current.clientCertPem);
         MFW_LOG(CORE::kLogWarning,
                 "CertMonitor::RepairInterruptedSwap(): Completed a certificate swap that was "
                 "interrupted");

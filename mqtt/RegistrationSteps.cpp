@@ -296,10 +296,7 @@ bool Registration::MarkPairedState() {
 
 void Registration::UpdateIDs() {
     auto cfg = manager_.config();
-    cfg->setVmId(cfg->getVmIdPend());
-    cfg->setShortTemplateId(cfg->getShortTemplateIdPend());
-    cfg->setEdgeId(cfg->getEdgeIdPend());
-    cfg->setAgentIdentity(cfg->getAgentIdentityPend());
+    cfg->activatePendingIdentity();
     MFW_LOG(CORE::kLogInfo, "MqttManager::UpdateIDs(): Agent identity is now %s",
             cfg->getAgentIdentity().c_str());
 }

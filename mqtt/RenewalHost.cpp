@@ -99,6 +99,16 @@ CORE::Mutex& MqttManager::pairingLock() {
 }
 
 void MqttManager::certificateSwapped() {
+    // A certificate for new IDs moves the session to their topics; the
+    // reconnect leaves the old ones.
+    const SubscribeTopics current = subscribeTopics();
+    if (!current.empty() && topicsFromConfig().first != current) {
+        MFW_LOG(CORE::kLogInfo,
+                "MqttManager::certificateSwapped(): The agent identity changed to %s; moving to "
+                "its topics",
+                config()->getAgentIdentity().c_str());
+        ConfigureTopicNames();
+    }
     MFW_LOG(CORE::kLogInfo,
             "MqttManager::certificateSwapped(): Reconnecting with the new client certificate");
     healing_.ReconnectNow();

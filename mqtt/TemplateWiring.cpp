@@ -1,6 +1,7 @@
 // The manager as the template handler's host: status publications, the
 // reboot request and the desktop's new IDs.
 
+#include "config/mqttConfig.h"
 #include "mqtt/MqttManager.h"
 
 #include <mfw/MessageFrameWork.h>
@@ -31,12 +32,43 @@ void MqttManager::requestSystemReboot() {
 }
 
 void MqttManager::updateIDs(const std::string& edgeId, const std::string& shortTemplateId) {
-    // The client certificate names the agent identity, which the IDs make
-    // up: new IDs need a certificate for the new identity first.
-    MFW_LOG(CORE::kLogWarning,
-            "MqttManager::UpdateIDs(): Moving to edge %s and template %s needs a certificate for "
-            "the new identity, which this agent cannot obtain yet; the IDs are unchanged",
-            edgeId.c_str(), shortTemplateId.c_str());
+    if (!mqttConfig::isUsableId(edgeId) || !mqttConfig::isUsableId(shortTemplateId)) {
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::UpdateIDs(): IDs must be 1 to 32 printable characters without "
+                "blanks, '/', '+' or '#'; the IDs are unchanged");
+        return;
+    }
+    auto cfg = config();
+    std::string identity;
+    {
+        // The certificate monitor reads the pending set under this lock when
+        // it swaps.
+        CORE::MutexLock lock(registration_.mutex());
+        if (cfg->getAgentIdentity().empty() || cfg->getVmId().empty()) {
+            lock.unlock();
+            MFW_LOG(CORE::kLogWarning,
+                    "MqttManager::UpdateIDs(): The desktop is not paired; the IDs are unchanged");
+            return;
+        }
+        if (mqttConfig::makeAgentIdentity(edgeId, shortTemplateId, cfg->getVmId()) ==
+            cfg->getAgentIdentity()) {
+            const bool wasMoving = cfg->movingToIdentity().has_value();
+            cfg->cancelIdentityMove();
+            lock.unlock();
+            MFW_LOG(CORE::kLogInfo, "MqttManager::UpdateIDs(): The IDs are the current ones%s",
+                    wasMoving ? "; the move to other IDs is called off" : "");
+            return;
+        }
+        identity = cfg->beginIdentityMove(edgeId, shortTemplateId);
+    }
+    // The client certificate must name the identity the IDs make up: the
+    // new IDs take effect with a certificate for it, obtained through the
+    // renewal path. Until then the desktop keeps its identity and topics; a
+    // restart meanwhile takes the move up again.
+    MFW_LOG(CORE::kLogInfo,
+            "MqttManager::UpdateIDs(): Moving to agent identity %s once a certificate names it",
+            identity.c_str());
+    certMonitor_->IdentityMoved();
 }
 
 }  // namespace ndpx

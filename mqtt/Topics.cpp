@@ -27,8 +27,7 @@ PublishTopics MqttManager::publishTopics() const {
     return publishTopics_;
 }
 
-bool MqttManager::ConfigureTopicNames() {
-    MFW_LOG(CORE::kLogDebug, "MqttManager::ConfigureTopicNames(): Configuring topic names.");
+std::pair<SubscribeTopics, PublishTopics> MqttManager::topicsFromConfig() {
     auto cfg = config();
     const std::string edgeId = cfg->getEdgeId();
     std::string desktopId;
@@ -64,6 +63,12 @@ bool MqttManager::ConfigureTopicNames() {
     pub.otpRequest = formatTopic("desktop/%s/agent/credentials/request", desktopId);
     pub.notification = formatTopic("desktop/%s/agent/notification", desktopId);
     pub.eventLogger = formatTopic("desktop/%s/agent/eventlogger", desktopId);
+    return {sub, pub};
+}
+
+bool MqttManager::ConfigureTopicNames() {
+    MFW_LOG(CORE::kLogDebug, "MqttManager::ConfigureTopicNames(): Configuring topic names.");
+    const auto [sub, pub] = topicsFromConfig();
     {
         CORE::MutexLock lock(topicsLock_);
         if (!subscribeTopics_.empty()) {

@@ -124,7 +124,9 @@ void TemplateHandler::ReportDomainJoin() {
     }
     std::string info;
     std::string error;
-    if (azureAd_.IsDeviceAzureADJoined(info, error)) {
+    // Where the join state cannot be queried (no such facility on this
+    // system) the question is not asked on every connect.
+    if (azureAd_.available() && azureAd_.IsDeviceAzureADJoined(info, error)) {
         MFW_LOG(CORE::kLogDebug,
                 "TemplateHandler::HandleDomainJoin(): No need to ask for domain information. "
                 "Already in a Azure AD domain");

@@ -47,9 +47,14 @@ TemplateHandler::~TemplateHandler() {
 void TemplateHandler::Start() {
     stop_.reset();
     worker_.start();
+    running_ = true;
 }
 
 void TemplateHandler::Stop() {
+    // The manager stops it, then its destructor and the handler's own do.
+    if (!running_.exchange(false)) {
+        return;
+    }
     stop_.set();
     restart_.Stop();
     azureAd_.Stop();

@@ -279,5 +279,54 @@ TEST_F(CertificateRenewalTest, TheSwapTriggerRefreshesSwapsAndReconnects) {
     stop(*agent);
 }
 
+// SET_ID: the control plane moves the desktop to new IDs. The desktop gets a
+// certificate for its new identity through renewal, swaps it in and carries
+// on at the new topics, and a restart connects there without pairing again.
+TEST_F(CertificateRenewalTest, SetIdMovesTheDesktopWithACertificateForItsNewIdentity) {
+    startCloud();
+    regctlSet("mqtt_CertExpiryDays", "7");
+    auto renewer = startRenewer();
+    auto agent = startAgent();
+    provisionInto(root_, url_, "vm7");
+    ASSERT_TRUE(agent->waitForLine(kConnected, 60s)) << agent->output();
+    MqttTestClient moved(clientOptions(clientCert("moved"), "moved"));
+    ASSERT_TRUE(moved.connect());
+    ASSERT_TRUE(moved.subscribe("desktop/e2/vm7/agent/#", 1));
+    const auto ordered =
+        run({DEVCLOUD_PATH, "set-id", "--dir", dir(), "--port", std::to_string(brokerPort_),
+             "--desktop", "e1/vm7", "--edge-id", "e2", "--short-template-id", "t9"});
+    ASSERT_EQ(ordered.status, 0) << ordered.output;
+
+    ASSERT_TRUE(agent->waitForLine(kSwapped, 60s)) << agent->output();
+    ASSERT_TRUE(waitUntil([&] { return agent->countLines(kConnected) == 2; }, 30s))
+        << agent->output();
+    EXPECT_TRUE(renewer->waitForLine("token sent for e1t3_vm7 (vmId vm7, moving to e2t9_vm7"))
+        << renewer->output();
+    const std::string shown =
+        certctl(root_, {"show", "Agent Connect MQTT Client Certificate"}).output;
+    EXPECT_NE(shown.find("CN=e2t9_vm7"), std::string::npos) << shown;
+    // At the new topics the desktop announces itself and answers commands.
+    const auto status = moved.waitForPayload("desktop/e2/vm7/agent/status", 30s);
+    ASSERT_TRUE(status);
+    EXPECT_NE(status->find("NEED_ID"), std::string::npos) << *status;
+    const auto send = [&] {
+        return run({DEVCLOUD_PATH, "send", "--dir", dir(), "--port", std::to_string(brokerPort_),
+                    "--desktop", "e2/vm7", "--command", "GetHostFacts", "--timeout", "20"});
+    };
+    const auto answer = send();
+    EXPECT_EQ(answer.status, 0) << answer.output;
+
+    // Started again, it connects as the new identity from what it stored.
+    const std::size_t issued = credsvc_->countLines("200 issued");
+    stop(*agent);
+    auto again = startAgent();
+    ASSERT_TRUE(again->waitForLine(kConnected, 60s)) << again->output();
+    EXPECT_EQ(again->countLines("MqttManager::RequestCredentials(): Skipping credentials request"),
+              1u);
+    EXPECT_EQ(send().status, 0);
+    EXPECT_EQ(credsvc_->countLines("200 issued"), issued);
+    stop(*again);
+}
+
 }  // namespace
 }  // namespace ndpx::test

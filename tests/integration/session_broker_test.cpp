@@ -7,6 +7,7 @@
 #include "support/MosquittoBroker.h"
 #include "support/MqttManagerPeer.h"
 #include "support/MqttTestClient.h"
+#include "support/NoDomain.h"
 #include "support/TestRegistry.h"
 #include "support/WaitUntil.h"
 
@@ -78,6 +79,7 @@ protected:
         d.runRegistrationThread = false;
         d.config = [this] { return cfg_; };
         d.connectionMaterial = [this] { return std::optional(material_); };
+        d.templateBackends = test::noDomainBackends();
         manager_ = std::make_unique<MqttManager>(d);
         ASSERT_TRUE(manager_->Start());
         MqttManagerTestPeer(*manager_).markPaired();

@@ -94,7 +94,7 @@ Json::Value load(const fs::path& file) {
     Json::Value v;
     std::string errors;
     if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &v, &errors) || !v.isObject() ||
-        !v["otps"].isObject()) {
+        !v["otps"].isObject() || !(v["moves"].isNull() || v["moves"].isObject())) {
         // Never start afresh over a damaged store: that would revive used
         // passwords.
         throw std::runtime_error("devcloud: " + file.string() + " is damaged");
@@ -116,6 +116,31 @@ OtpGrant grantOf(const Json::Value& entry) {
 }
 
 }  // namespace
+
+void OtpStore::recordMove(const std::string& fromIdentity, const OtpGrant& to) {
+    const StoreLock lock(lockFile_);
+    Json::Value store = load(file_);
+    Json::Value entry(Json::objectValue);
+    entry["from"] = fromIdentity;
+    entry["agentIdentity"] = to.agentIdentity;
+    entry["bootstrapTopic"] = to.bootstrapTopic;
+    entry["vmId"] = to.vmId;
+    entry["orderedAt"] = utcNow();
+    store["moves"][to.vmId] = entry;
+    save(file_, store);
+}
+
+std::optional<OtpGrant> OtpStore::moveOf(const std::string& vmId, const std::string& fromIdentity,
+                                         const std::string& toIdentity) {
+    const StoreLock lock(lockFile_);
+    const Json::Value store = load(file_);
+    const Json::Value& entry = store["moves"][vmId];
+    if (!entry.isObject() || entry["from"].asString() != fromIdentity ||
+        entry["agentIdentity"].asString() != toIdentity) {
+        return std::nullopt;
+    }
+    return grantOf(entry);
+}
 
 OtpStore::OtpStore(const fs::path& dir)
     : file_(dir / "otp-store.json"), lockFile_(dir / "otp-store.lock") {}

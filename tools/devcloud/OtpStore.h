@@ -57,6 +57,15 @@ public:
     // there is none. Throws as issue().
     std::optional<OtpGrant> lastRedeemed(const std::function<bool(const OtpGrant&)>& match);
 
+    // A desktop told to move to new IDs: its certificate requests for `to`'s
+    // identity are granted while it still holds `fromIdentity`. A newer move
+    // of the machine replaces an older one. Throws as issue().
+    void recordMove(const std::string& fromIdentity, const OtpGrant& to);
+    // The grant of the recorded move of `vmId` from `fromIdentity` to
+    // `toIdentity`; nullopt when the control plane ordered no such move.
+    std::optional<OtpGrant> moveOf(const std::string& vmId, const std::string& fromIdentity,
+                                   const std::string& toIdentity);
+
 private:
     std::filesystem::path file_;
     std::filesystem::path lockFile_;

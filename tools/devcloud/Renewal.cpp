@@ -113,6 +113,13 @@ std::optional<RenewalRequest> parseRenewalRequest(const std::string& topic,
         }
         *field = v.asString();
     }
+    if (const Json::Value& moving = request["pendingAgentIdentity"]; !moving.isNull()) {
+        if (!moving.isString() || !plainName(moving.asString())) {
+            error = "pendingAgentIdentity must be a printable name without '/', '+' or '#'";
+            return std::nullopt;
+        }
+        r.pendingAgentIdentity = moving.asString();
+    }
     if (!plainName(r.agentIdentity) || !plainName(r.vmId)) {
         error = "agentIdentity and vmId must be printable names without '/', '+' or '#'";
         return std::nullopt;

@@ -17,10 +17,12 @@ namespace ndpx::devcloud {
 inline constexpr std::size_t kMaxRenewalRequestBytes = 4096;
 
 // What an agent sends: {"agentIdentity", "vmId", "reason",
-// "certificateNotAfter"}, and the desktop whose topic it came on.
+// "certificateNotAfter"} and, while it moves to new IDs,
+// "pendingAgentIdentity"; and the desktop whose topic it came on.
 struct RenewalRequest {
     std::string desktopId;
     std::string agentIdentity;
+    std::string pendingAgentIdentity;  // empty unless the desktop moves
     std::string vmId;
     std::string reason;
     std::string certificateNotAfter;  // RFC 3339, UTC ("Z")

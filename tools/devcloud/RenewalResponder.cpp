@@ -66,7 +66,20 @@ void RenewalResponder::answer(const Message& message) {
             log_(who + ": refused: no pairing of " + names + ") on record");
             return;
         }
-        if (!sendToken(client_, dir_, desktop, *pairing, token_, error)) {
+        std::optional<OtpGrant> grant = pairing;
+        if (!request->pendingAgentIdentity.empty() &&
+            request->pendingAgentIdentity != request->agentIdentity) {
+            // Only the move the control plane ordered: a desktop cannot name
+            // itself anew.
+            grant = OtpStore(dir_).moveOf(request->vmId, request->agentIdentity,
+                                          request->pendingAgentIdentity);
+            if (!grant) {
+                log_(who + ": refused: no move of " + names + ") to " +
+                     request->pendingAgentIdentity + " on record");
+                return;
+            }
+        }
+        if (!sendToken(client_, dir_, desktop, *grant, token_, error)) {
             log_(who + ": failed: " + error);
             return;
         }
@@ -75,7 +88,10 @@ void RenewalResponder::answer(const Message& message) {
         return;
     }
     answered_.fetch_add(1);
-    log_(who + ": token sent for " + names + ", reason \"" + printable(request->reason) +
+    const std::string moving = request->pendingAgentIdentity.empty()
+                                   ? std::string()
+                                   : ", moving to " + request->pendingAgentIdentity;
+    log_(who + ": token sent for " + names + moving + ", reason \"" + printable(request->reason) +
          "\", certificate valid until " + request->certificateNotAfter + ")");
 }
 

@@ -5,6 +5,7 @@
 
 #include "BrokerEndpoint.h"
 #include "CredentialService.h"
+#include "IdentityMove.h"
 #include "OtpStore.h"
 #include "Provision.h"
 #include "Renewal.h"
@@ -403,6 +404,25 @@ int renew(const Home& home, const std::string& host, int port, const std::string
     return 1;
 }
 
+// Orders the desktop's move to new IDs: on record first, so that the renewer
+// grants the certificate the desktop will ask for, then SET_ID.
+int setId(const Home& home, const std::string& host, int port, const std::string& cn,
+          const std::string& desktop, const std::string& edgeId,
+          const std::string& shortTemplateId) {
+    const auto to = ndpx::devcloud::orderMove(home.dir(), desktop, edgeId, shortTemplateId);
+    MqttClient client(controlPlaneOptions(home, host, port, cn, "devcloud-set-id"));
+    if (!client.connect() ||
+        !client.publish(ndpx::devcloud::templateTopic(desktop),
+                        ndpx::devcloud::setIdMessage(edgeId, shortTemplateId), 1)) {
+        std::cerr << "devcloud: cannot send SET_ID: " << client.lastError() << "\n";
+        return 1;
+    }
+    std::cout << "devcloud: SET_ID sent to " << desktop << "; it moves to " << to.agentIdentity
+              << " (topics desktop/" << edgeId << "/" << to.vmId
+              << "/...) once its certificate is renewed" << std::endl;
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -533,6 +553,19 @@ int main(int argc, char** argv) {
     auto* renewCmd = tokenCommand("renew", "Send one desktop a renewal token unasked");
     renewCmd->add_option("--desktop", desktop, "Desktop identifier (as in its topics)")->required();
 
+    std::string newEdgeId;
+    std::string newTemplateId;
+    auto* setIdCmd = app.add_subcommand(
+        "set-id", "Move a paired desktop to new IDs (needs the renewer running to take effect)");
+    setIdCmd->add_option("--dir", dir, "The devcloud folder")->required();
+    setIdCmd->add_option("--host", host, "Broker address")->capture_default_str();
+    setIdCmd->add_option("--port", port, "Broker port")->required();
+    setIdCmd->add_option("--cn", cn, "The control plane's certificate name")->capture_default_str();
+    setIdCmd->add_option("--desktop", desktop, "Desktop identifier (as in its topics)")->required();
+    setIdCmd->add_option("--edge-id", newEdgeId, "The new edge identifier")->required();
+    setIdCmd->add_option("--short-template-id", newTemplateId, "The new short template id")
+        ->required();
+
     ndpx::devcloud::ProvisionRequest prov;
     std::string agentRoot;
     std::string specFile;
@@ -614,6 +647,9 @@ int main(int argc, char** argv) {
         }
         if (renewCmd->parsed()) {
             return renew(home, host, port, cn, desktop, token);
+        }
+        if (setIdCmd->parsed()) {
+            return setId(home, host, port, cn, desktop, newEdgeId, newTemplateId);
         }
         if (sendCmd->parsed()) {
             return send(home, host, port, cn, desktop, command, args, metadata, timeout);

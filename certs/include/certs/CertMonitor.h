@@ -80,6 +80,10 @@ public:
     void TriggerRefresh(bool forced) MFW_EXCLUDES(mutex_);
     // The same, and swap the pending certificate in.
     void TriggerRefreshAndSwap() MFW_EXCLUDES(mutex_);
+    // The desktop moves to new IDs: a check obtains a certificate for the
+    // new identity and swaps it in (see mqttConfig::beginIdentityMove).
+    // Unlike the triggers it is not lost while the thread is busy.
+    void IdentityMoved() MFW_EXCLUDES(mutex_);
     void RefreshSucceeded() MFW_EXCLUDES(mutex_);
     void RefreshFailed() MFW_EXCLUDES(mutex_);
 

@@ -286,6 +286,23 @@ public:
                                               const std::string& vmId);
     std::string getShortAgentIdentity();
 
+    // A move to new IDs (config/IdentityMove.cpp). The new identity waits in
+    // the pending set until a client certificate names it.
+    // An edge or template ID fit for a topic level and a common name.
+    static bool isUsableId(const std::string& id);
+    // The pending identity while a move runs: set, and not the active one.
+    std::optional<std::string> movingToIdentity();
+    // The identity the next client certificate must name.
+    std::string certificateIdentity();
+    // Writes the pending set for the new IDs and this machine; the new
+    // identity.
+    std::string beginIdentityMove(const std::string& edgeId, const std::string& shortTemplateId);
+    // The pending set becomes the active one again: no move runs.
+    void cancelIdentityMove();
+    // The pending set becomes the active one (after pairing, or once a
+    // certificate for the new identity is current).
+    void activatePendingIdentity();
+
 protected:
     void changed(const std::wstring& name, const std::wstring& value) override;
 

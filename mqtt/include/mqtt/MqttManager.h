@@ -36,6 +36,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace ndpx {
 
@@ -66,6 +67,8 @@ public:
 
     // Topics.
     bool ConfigureTopicNames();
+    // The topics the stored identity and pairing name.
+    std::pair<SubscribeTopics, PublishTopics> topicsFromConfig();
     void SubscribeToTopics();
     virtual void UnsubscribeToTopic(const std::string& topic);
     void SubscribeToIPCTopic(const std::string& topic);

@@ -262,11 +262,43 @@ TEST_F(CertMonitorTest, APendingCertificateOfAnotherIdentityIsReplaced) {
     EXPECT_EQ(pendingCn(), kIdentity);
 }
 
+// New IDs: the pending certificate of the old identity is replaced by one
+// for the new identity (the request names both), which is swapped in at once
+// and makes the new IDs current with it. The token comes within a minute of
+// the previous one and is still taken: it answers the move's own request.
+TEST_F(CertMonitorTest, ANewIdentityGetsItsCertificateAndBecomesCurrentWithIt) {
+    current(std::chrono::hours(24 * 20));
+    ASSERT_TRUE(monitor_.Start());
+    ASSERT_TRUE(host_.waitRequests(1));
+    monitor_.HandleOTPTokenResponseMessage(token());
+    ASSERT_TRUE(logged("Current certificate is valid, checks complete."));
+    EXPECT_EQ(pendingCn(), kIdentity);
+
+    host_.issuedTo = cfg_->beginIdentityMove("e2", "t9");
+    monitor_.IdentityMoved();
+    ASSERT_TRUE(host_.waitRequests(2));
+    const Json::Value request = host_.lastRequest();
+    EXPECT_EQ(request["agentIdentity"], kIdentity);
+    EXPECT_EQ(request["pendingAgentIdentity"], "e2t9_vm7");
+    EXPECT_EQ(request["reason"], "identity change");
+    monitor_.HandleOTPTokenResponseMessage(token());
+    ASSERT_TRUE(ndpx::test::waitUntil([&] { return host_.swaps.load() == 1; }));
+    EXPECT_EQ(cfg_->getAgentIdentity(), "e2t9_vm7");
+    EXPECT_EQ(cfg_->getEdgeId(), "e2");
+    EXPECT_EQ(cfg_->getShortTemplateId(), "t9");
+    EXPECT_EQ(cfg_->getVmId(), "vm7");
+    EXPECT_FALSE(cfg_->movingToIdentity());
+    ClientCredentials now;
+    ASSERT_TRUE(certificates_->RetrieveCertificates(false, "e2t9_vm7", now));
+}
+
 // A crash between the certificate store's swap and the pairing values': the
-// next start completes it. A swap that never began is forgotten.
+// next start completes it, and with it a move to new IDs. A swap that never
+// began is forgotten.
 TEST_F(CertMonitorTest, AnInterruptedSwapIsCompletedOrForgottenAtStart) {
     current(std::chrono::hours(24 * 20));
-    const Client renewed = client(kIdentity);
+    const std::string moved = cfg_->beginIdentityMove("e2", "t9");
+    const Client renewed = client(moved);
     ASSERT_TRUE(certificates_->StoreCertificates(true, renewed.issued.certPem,
                                                  pki().issuing.certPem(), renewed.blob, "renewed"));
     cfg_->store().set(kNodeManagerKey, kPendingEndpointUrlValue,
@@ -278,6 +310,7 @@ TEST_F(CertMonitorTest, AnInterruptedSwapIsCompletedOrForgottenAtStart) {
     monitor_.RepairInterruptedSwap();
     EXPECT_TRUE(logged("A certificate swap was interrupted before it began"));
     EXPECT_FALSE(cfg_->store().get(kNodeManagerKey, kEndpointUrlValue));
+    EXPECT_EQ(cfg_->getAgentIdentity(), kIdentity);
 
     cfg_->store().set(kNodeManagerKey, "mqtt_CertSwapIntent",
                       platform::SettingValue::ofString(thumbprintOf(renewed.issued.cert.get())));
@@ -288,6 +321,7 @@ TEST_F(CertMonitorTest, AnInterruptedSwapIsCompletedOrForgottenAtStart) {
               "ssl://renewed.example:8883");
     EXPECT_FALSE(cfg_->store().get(kNodeManagerKey, kPendingEndpointUrlValue));
     EXPECT_FALSE(cfg_->store().get(kNodeManagerKey, "mqtt_CertSwapIntent"));
+    EXPECT_EQ(cfg_->getAgentIdentity(), moved);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include "fakes/FakeMqttClient.h"
 #include "mqtt/MqttManager.h"
 #include "support/MqttManagerPeer.h"
+#include "support/NoDomain.h"
 #include "support/TestRegistry.h"
 #include "support/WaitUntil.h"
 
@@ -46,6 +47,7 @@ protected:
         d.config = [this] { return cfg_; };
         d.clientFactory = test::fakeClientFactory(fake_);
         d.connectionMaterial = [this]() -> std::optional<ConnectionMaterial> { return material_; };
+        d.templateBackends = test::noDomainBackends();
         return d;
     }
 

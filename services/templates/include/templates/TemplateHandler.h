@@ -18,6 +18,7 @@
 
 #include <json/value.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -82,6 +83,7 @@ private:
     RestartMonitor restart_;
     AzureADMonitor azureAd_;
     SerialExecutor worker_{"TemplateWorker"};
+    std::atomic<bool> running_{false};
 };
 
 }  // namespace ndpx

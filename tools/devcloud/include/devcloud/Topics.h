@@ -11,6 +11,10 @@ inline std::string commandsTopic(const std::string& desktopId) {
 inline std::string responseTopic(const std::string& desktopId) {
     return "desktop/" + desktopId + "/agent/sessions/response";
 }
+// Desktop template messages (customisation, time zone, new IDs).
+inline std::string templateTopic(const std::string& desktopId) {
+    return "desktop/" + desktopId + "/agent/receive/dtemplate";
+}
 // Certificate renewal: the agent asks on the request topic and is answered
 // with a one-time password on the token topic.
 inline std::string credentialsRequestTopic(const std::string& desktopId) {
