@@ -34,7 +34,7 @@ std::string mqttConfig::certificateIdentity() {
 std::string mqttConfig::beginIdentityMove(const std::string& edgeId,
                                           const std::string& shortTemplateId) {
     const std::string vmId = getVmId();
-    const std::string identity = makeAgentIdentity(edgeId, shortTemplateId, vmId);
+    std::string identity = makeAgentIdentity(edgeId, shortTemplateId, vmId);
     setEdgeIdPend(edgeId);
     setShortTemplateIdPend(shortTemplateId);
     setVmIdPend(vmId);
