@@ -23,11 +23,11 @@ namespace ndpx::ipc {
 // Status codes of the transport's calls: 0 is success.
 namespace status {
 inline constexpr int kOk = 0;
-inline constexpr int kFailed = 1;        // the system refused (see the log)
-inline constexpr int kClosed = 2;        // the stream or listener is closed
-inline constexpr int kTooLarge = 3;      // a message above the size limit
-inline constexpr int kQueueFull = 4;     // the peer does not read fast enough
-inline constexpr int kInvalid = 5;       // bad arguments (empty endpoint, ...)
+inline constexpr int kFailed = 1;     // the system refused (see the log)
+inline constexpr int kClosed = 2;     // the stream or listener is closed
+inline constexpr int kTooLarge = 3;   // a message above the size limit
+inline constexpr int kQueueFull = 4;  // the peer does not read fast enough
+inline constexpr int kInvalid = 5;    // bad arguments (empty endpoint, ...)
 }  // namespace status
 
 // The bounds that keep one process from costing the agent (or the others)
