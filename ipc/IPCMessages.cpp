@@ -14,6 +14,11 @@
 namespace ndpx {
 namespace {
 
+// Beyond these a process is refused more, so that none can grow the agent's
+// tables (and its broker subscriptions) without bound.
+constexpr std::size_t kMaxTopicsPerProcess = 256;
+constexpr std::size_t kMaxTopicBytes = 1024;
+
 bool invalid(const char* function, const char* property) {
     MFW_LOG(CORE::kLogError, "IPCManager::%s(): Invalid %s property.", function, property);
     return false;
@@ -111,7 +116,19 @@ bool IPCManager::HandleSubscribeMessage(std::uint32_t pid, const Json::Value& me
     IpcMqttSide* mqtt = nullptr;
     {
         CORE::MutexLock lock(mutex_);
+        std::size_t held = 0;
+        for (const auto& [topic, owner] : topics_) {
+            held += owner == pid ? 1 : 0;
+        }
         for (auto& topic : items) {
+            if (topic.size() > kMaxTopicBytes || held >= kMaxTopicsPerProcess) {
+                MFW_LOG(CORE::kLogWarning,
+                        "IPCManager::HandleSubscribeMessage(): Process %lu may hold %zu topics of "
+                        "at most %zu bytes each; ignoring a topic of %zu bytes",
+                        static_cast<unsigned long>(pid), kMaxTopicsPerProcess, kMaxTopicBytes,
+                        topic.size());
+                continue;
+            }
             if (topics_.count(topic) != 0) {
                 MFW_LOG(CORE::kLogWarning,
                         "IPCManager::HandleSubscribeMessage(): Topic already subscribed, "
@@ -124,6 +141,7 @@ bool IPCManager::HandleSubscribeMessage(std::uint32_t pid, const Json::Value& me
                     "process %lu",
                     topic.c_str(), static_cast<unsigned long>(pid));
             topics_.emplace(topic, pid);
+            ++held;
             added.push_back(std::move(topic));
         }
         mqtt = mqtt_;

@@ -214,6 +214,16 @@ TEST_F(IpcManagerTest, TheFirstSubscriberOwnsATopicUntilItCloses) {
     send(second, R"({"type":"subscribe","topics":"b/2"})");
     manager_->OnMQTTMessage("b/2", "again");
     EXPECT_EQ(second->payloads("b/2"), std::vector<std::string>{"again"});
+
+    // A process holds at most 256 topics, each at most 1024 bytes long.
+    std::string many;
+    for (int i = 0; i < 300; ++i) {
+        many += "m/" + std::to_string(i) + ",";
+    }
+    send(second, R"({"type":"subscribe","topics":")" + many + std::string(1025, 'x') + "\"}");
+    EXPECT_TRUE(manager_->ownsTopic("m/253"));  // with b/2 and c/3: 256
+    EXPECT_FALSE(manager_->ownsTopic("m/254"));
+    EXPECT_TRUE(logged("may hold 256 topics of at most 1024 bytes each"));
 }
 
 // A publish is checked in order and refused with its line; a good one goes
