@@ -6,6 +6,7 @@
 // every input must never reach the log.
 
 #include "FuzzLog.h"
+#include "FuzzStore.h"
 #include "mqtt/MqttManager.h"
 #include "support/MqttManagerPeer.h"
 
@@ -58,16 +59,7 @@ public:
 MqttManager* g_manager = nullptr;
 
 void setUp() {
-    char dir[] = "/tmp/command_fuzz.XXXXXX";
-    if (::mkdtemp(dir) == nullptr) {
-        fuzz::fail("no temporary folder");
-    }
-    platform::paths::setRoot(dir);
-    std::string error;
-    std::shared_ptr<platform::SettingsStore> store =
-        platform::openSqliteSettingsStore(platform::paths::settingsStoreFile().string(), error);
-    fuzz::check(store != nullptr, "no settings store", error);
-    CORE::setRegistry(store);
+    const auto store = fuzz::temporaryStore("command_fuzz");
     const std::string key = "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane\\Node Manager";
     for (const auto& [name, value] : {std::pair{"mqtt_EdgeId", "e1"},
                                       {"mqtt_VmId", "vm7"},

@@ -4,11 +4,9 @@
 // password planted in every input must never reach the log.
 
 #include "FuzzLog.h"
+#include "FuzzStore.h"
 #include "config/mqttConfig.h"
 #include "ipc/IPCManager.h"
-
-#include <platform/Paths.h>
-#include <platform/SettingsStore.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -63,15 +61,7 @@ struct Context : ipc::IpcContext {
 };
 
 void setUp() {
-    char dir[] = "/tmp/ipc_fuzz.XXXXXX";
-    if (::mkdtemp(dir) == nullptr) {
-        fuzz::fail("no temporary folder");
-    }
-    platform::paths::setRoot(dir);
-    std::string error;
-    std::shared_ptr<platform::SettingsStore> store =
-        platform::openSqliteSettingsStore(platform::paths::settingsStoreFile().string(), error);
-    fuzz::check(store != nullptr, "no settings store", error);
+    const auto store = fuzz::temporaryStore("ipc_fuzz");
     store->set(std::string(kNodeManagerKey) + "\\ipcincludelist", "fuzzer",
                platform::SettingValue::ofString("1"));
     auto config = std::make_shared<mqttConfig>(store);

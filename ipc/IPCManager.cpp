@@ -201,15 +201,15 @@ void IPCManager::OnBeforeCloseCallback(const ipc::IpcStreamPtr& stream) {
     }
 }
 
-void IPCManager::SubscribeToTopics() {
+std::vector<std::string> IPCManager::tableTopics(const char* function, int notStartedLevel,
+                                                 IpcMqttSide*& mqtt) {
     std::vector<std::string> topics;
-    IpcMqttSide* mqtt = nullptr;
     {
         CORE::MutexLock lock(mutex_);
         if (!started_) {
             lock.unlock();
-            MFW_LOG(CORE::kLogDebug, "IPCManager::SubscribeToTopics(): IPCManager not started");
-            return;
+            MFW_LOG(notStartedLevel, "IPCManager::%s(): IPCManager not started", function);
+            return {};
         }
         for (const auto& [topic, pid] : topics_) {
             topics.push_back(topic);
@@ -217,36 +217,25 @@ void IPCManager::SubscribeToTopics() {
         mqtt = mqtt_;
     }
     if (topics.empty()) {
-        MFW_LOG(CORE::kLogDebug, "IPCManager::SubscribeToTopics(): IPC topics not yet configured");
-        return;
+        MFW_LOG(CORE::kLogDebug, "IPCManager::%s(): IPC topics not yet configured", function);
     }
-    for (const auto& topic : topics) {
+    return topics;
+}
+
+void IPCManager::SubscribeToTopics() {
+    IpcMqttSide* mqtt = nullptr;
+    for (const auto& topic : tableTopics("SubscribeToTopics", CORE::kLogDebug, mqtt)) {
         mqtt->subscribeIpcTopic(topic);
     }
 }
 
 void IPCManager::UnsubscribeToTopics() {
-    std::vector<std::string> topics;
     IpcMqttSide* mqtt = nullptr;
-    {
-        CORE::MutexLock lock(mutex_);
-        if (!started_) {
-            lock.unlock();
-            MFW_LOG(CORE::kLogError, "IPCManager::UnsubscribeToTopics(): IPCManager not started");
-            return;
-        }
-        for (const auto& [topic, pid] : topics_) {
-            topics.push_back(topic);
-        }
-        mqtt = mqtt_;
-    }
-    if (topics.empty()) {
+    const auto topics = tableTopics("UnsubscribeToTopics", CORE::kLogError, mqtt);
+    if (!topics.empty()) {
         MFW_LOG(CORE::kLogDebug,
-                "IPCManager::UnsubscribeToTopics(): IPC topics not yet configured");
-        return;
+                "IPCManager::UnsubscribeToTopics(): Will attempt to unsubscribe from IPC topics.");
     }
-    MFW_LOG(CORE::kLogDebug,
-            "IPCManager::UnsubscribeToTopics(): Will attempt to unsubscribe from IPC topics.");
     for (const auto& topic : topics) {
         mqtt->unsubscribeIpcTopic(topic);
     }

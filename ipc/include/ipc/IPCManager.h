@@ -88,6 +88,10 @@ private:
     bool SendIPCMessage(const std::string& topic, const ipc::IpcStreamPtr& stream,
                         const std::string& payload);
     IpcMqttSide* mqttSide() const MFW_EXCLUDES(mutex_);
+    // The table's topics and the MQTT side, copied under the lock; none,
+    // with `function`'s line, when not started or when the table is empty.
+    std::vector<std::string> tableTopics(const char* function, int notStartedLevel,
+                                         IpcMqttSide*& mqtt) MFW_EXCLUDES(mutex_);
 
     Dependencies deps_;
     mutable CORE::Mutex mutex_;
