@@ -129,6 +129,15 @@ bool IPCManager::HandleSubscribeMessage(std::uint32_t pid, const Json::Value& me
                         topic.size());
                 continue;
             }
+            // Messages are routed by exact topic: a filter's messages would
+            // arrive on topics no process owns, and be lost.
+            if (topic.find_first_of("+#") != std::string::npos) {
+                MFW_LOG(CORE::kLogWarning,
+                        "IPCManager::HandleSubscribeMessage(): Wildcard topics are not supported, "
+                        "ignoring %s",
+                        topic.c_str());
+                continue;
+            }
             if (topics_.count(topic) != 0) {
                 MFW_LOG(CORE::kLogWarning,
                         "IPCManager::HandleSubscribeMessage(): Topic already subscribed, "

@@ -252,6 +252,8 @@ TEST_F(IpcManagerTest, PublishChecksAndMalformedMessagesAreRefused) {
         {R"({"type":"subscribe","topics":""})", "Empty topics field not allowed"},
         {R"({"type":"subscribe","topics":5})", "Invalid topics property."},
         {R"({"type":"subscribe","topics":",,"})", "No valid topics to subscribe"},
+        {R"({"type":"subscribe","topics":"a/#,+/b"})",
+         "Wildcard topics are not supported, ignoring +/b"},
     };
     for (const auto& [text, line] : refused) {
         send(s, text);
