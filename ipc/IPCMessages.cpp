@@ -11,6 +11,8 @@
 
 #include <json/reader.h>
 
+#include <cstring>
+
 namespace ndpx {
 namespace {
 
@@ -53,8 +55,14 @@ void IPCManager::ProcessIncomingMessage(std::uint32_t pid, const std::uint8_t* d
     Json::Value message;
     std::string errors;
     const auto* text = reinterpret_cast<const char*>(data);
+    // A terminating NUL is allowed; one inside would end the parser's input
+    // early and hide what follows it.
+    if (data != nullptr && size > 0 && text[size - 1] == '\0') {
+        --size;
+    }
     const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    if (data == nullptr || !reader->parse(text, text + size, &message, &errors)) {
+    if (data == nullptr || std::memchr(text, 0, size) != nullptr ||
+        !reader->parse(text, text + size, &message, &errors)) {
         MFW_LOG(CORE::kLogError,
                 "IPCManager::ProcessIncomingMessage(): Failed to parse incoming json message");
         return;

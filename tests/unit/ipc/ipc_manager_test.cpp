@@ -259,6 +259,8 @@ TEST_F(IpcManagerTest, PublishChecksAndMalformedMessagesAreRefused) {
         send(s, text);
         EXPECT_TRUE(logged(line)) << text;
     }
+    // A NUL inside would hide what follows it from the parser.
+    send(s, std::string(R"({"type":"subscribe","topics":"n/1"})") + '\0' + "trailing");
     EXPECT_TRUE(mqtt_.published.empty());
     EXPECT_TRUE(mqtt_.subscribed.empty());
     send(s, R"({"type":"publish","topic":"up/1","message":"aGk=","qos":1,"retain":1})");
