@@ -130,6 +130,11 @@ int MqttManager::Connect() {
             CORE::MutexLock lock(topicsLock_);
             pendingTopics_ = {};
         }
+        // The local clients' topics leave with the old session; the table
+        // stays and the new session subscribes them again.
+        if (config()->getIPCServerEnabled()) {
+            ipc_->UnsubscribeToTopics();
+        }
         // The client itself is replaced by the new one under a single
         // writer lock (below), so publishers never find the slot empty: what
         // they send meanwhile waits for the new client, which buffers it.
@@ -284,6 +289,9 @@ void MqttManager::postConnectWork() {
     info_.recordResult(kEndpointConnected);
     healing_.connected();
     SubscribeToTopics();
+    if (config()->getIPCServerEnabled()) {
+        StartIPCServer();
+    }
 
     CORE::PropertyBag request;
     {
@@ -294,6 +302,9 @@ void MqttManager::postConnectWork() {
     if (sendToDesktopManager(L"SetSSOv2Settings", request) != 0) {
         MFW_LOG(CORE::kLogWarning,
                 "MqttManager::OnConnectionSuccess(): SSO Settings not set correctly.");
+    }
+    if (config()->getIPCServerEnabled() && pairedFlag_) {
+        renewIpcSession();
     }
 }
 

@@ -21,6 +21,11 @@ void MqttManager::onMessageArrived(std::string topic, std::string payload) {
 void MqttManager::OnMessage(const std::string& topic, const std::string& payload) {
     MFW_LOG(CORE::kLogDebug, "MqttManager::OnMessage(): Incoming message on topic %s",
             topic.c_str());
+    // A topic a local process owns is its alone.
+    if (ipc_->ownsTopic(topic)) {
+        ipc_->OnMQTTMessage(topic, payload);
+        return;
+    }
     const SubscribeTopics topics = subscribeTopics();
     Json::Value root;
     if (!MqttManagerUtil::parseJson(payload, root)) {

@@ -52,7 +52,11 @@ MqttManager::MqttManager(MqttManagerDependencies deps)
           *deps_.time)),
       templates_(std::make_unique<TemplateHandler>(
           static_cast<TemplateHost&>(*this), [this] { return config(); },
-          std::move(deps_.templateBackends), *deps_.time)) {
+          std::move(deps_.templateBackends), *deps_.time)),
+      ipc_(std::make_unique<IPCManager>(
+          IPCManager::Dependencies{[this] { return config(); },
+                                   deps_.ipcTransport ? deps_.ipcTransport : defaultIpcTransport(),
+                                   {}})) {
     // The filter's settings are read once, when the manager is built.
     auto cfg = config();
     duplicates_ = std::make_unique<DuplicateMessageHandler>(
@@ -65,6 +69,7 @@ MqttManager::~MqttManager() {
     // Threads must not outlive the object; Stop is normally called before.
     metrics_.unload();
     shutdownEvent_.set();
+    ipc_->Stop();
     reports_->Close();
     templates_->Stop();
     certMonitor_->Stop();
@@ -202,6 +207,8 @@ void MqttManager::StartAgentRegistrationThread() {
 bool MqttManager::Stop() {
     stopRequested_ = true;
     SetState(MQTT_STATE_STOPPING);
+    // Local clients go first: nothing of theirs is published after this.
+    ipc_->Stop();
 
     PublishDesktopStatus("UNAVAILABLE", 0);
     // Ends every wait of the registration thread, the executor's host
@@ -287,10 +294,6 @@ void MqttManager::RevertToRequireBootstrap(bool forgetPairingData, const std::st
 
 void MqttManager::UpdateIDs() {
     registration_.UpdateIDs();
-}
-
-bool MqttManager::StartIPCServer() {
-    return true;
 }
 
 }  // namespace ndpx

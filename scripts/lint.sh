@@ -18,7 +18,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 # The folders of the module, the host framework, the host and the tools.
-source_dirs=(plugin config mqtt services certs net mfw platform host tools)
+source_dirs=(plugin config mqtt services certs net ipc mfw platform host tools)
 
 # Sets `files` to the C++ files that changed since $1 (committed or not), or
 # to all of them.

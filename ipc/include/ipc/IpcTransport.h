@@ -35,13 +35,13 @@ inline constexpr int kInvalid = 5;    // bad arguments (empty endpoint, ...)
 struct IpcLimits {
     // Largest message either way; a larger one is refused (send) or ends
     // the stream (receive), each with a log line.
-    std::size_t maxMessageBytes = 256 * 1024;
+    std::size_t maxMessageBytes = std::size_t{256} * 1024;
     // Connected processes at once; more are refused at connect.
     std::size_t maxStreams = 32;
     // Sends queued for one stream and not yet taken by its process; past
     // either bound sendAsync answers kQueueFull.
     std::size_t maxQueuedSends = 256;
-    std::size_t maxQueuedBytes = 4 * 1024 * 1024;
+    std::size_t maxQueuedBytes = std::size_t{4} * 1024 * 1024;
     // Messages taken from one process per second; past it the stream is not
     // read for the rest of the second, so the sender is slowed by its own
     // socket buffer, not the agent.

@@ -5,6 +5,7 @@
 // from defaultDependencies(); tests pass their own.
 
 #include "config/mqttConfig.h"
+#include "ipc/IPCLibServer.h"
 #include "mqtt/MqttClient.h"
 #include "templates/TemplateHandler.h"
 
@@ -89,6 +90,8 @@ struct MqttManagerDependencies {
     // The machine's domain membership, time zone and Azure AD join state,
     // for the template handler.
     TemplateBackends templateBackends;
+    // The IPC bridge's transport; by default this system's own.
+    IPCLibServer::ContextFactory ipcTransport;
 };
 
 // The production wiring: pairing data and certificates from the machine's

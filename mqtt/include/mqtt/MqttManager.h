@@ -11,6 +11,7 @@
 
 #include "certs/CertMonitor.h"
 #include "events/EventLogger.h"
+#include "ipc/IPCManager.h"
 #include "mqtt/ConnectionInfo.h"
 #include "mqtt/Healing.h"
 #include "mqtt/ManagerDependencies.h"
@@ -42,7 +43,8 @@ namespace ndpx {
 
 class MqttManager : private MqttClientListener,
                     private certs::CertMonitorHost,
-                    private TemplateHost {
+                    private TemplateHost,
+                    private IpcMqttSide {
 public:
     static MqttManager& GetInstance();
     // Destroys the process's manager, whose threads (the duplicate filter's
@@ -188,6 +190,15 @@ private:
     void requestSystemReboot() override;
     void updateIDs(const std::string& edgeId, const std::string& shortTemplateId) override;
 
+    // IpcMqttSide: what the IPC bridge needs (IpcWiring.cpp).
+    void subscribeIpcTopic(const std::string& topic) override;
+    void unsubscribeIpcTopic(const std::string& topic) override;
+    bool publishIpcMessage(const std::string& topic, const std::string& payload, int qos,
+                           bool retain) override;
+    // The bridge's part of the post-connect work: its server, its topics,
+    // and the identity told again when it changed.
+    void renewIpcSession();
+
     // The state as the session's own threads move it: once Stop has begun
     // they leave STOPPING alone.
     void setRunState(std::int32_t state);
@@ -279,6 +290,9 @@ private:
     std::unique_ptr<AsyncReportGenerator> reports_;
     std::unique_ptr<certs::CertMonitor> certMonitor_;
     std::unique_ptr<TemplateHandler> templates_;
+    std::unique_ptr<IPCManager> ipc_;
+    // The identity the bridge's clients were last told, on the executor.
+    std::string ipcIdentity_;
 };
 
 }  // namespace ndpx
