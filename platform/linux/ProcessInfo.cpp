@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -63,7 +63,7 @@ std::optional<ProcessIdentity> processIdentity(std::int32_t pid, std::string& er
     char target[4096];
     const ssize_t n = ::readlink((proc + "/exe").c_str(), target, sizeof target - 1);
     if (n < 0) {
-        error = std::string("cannot read its executable: ") + std::strerror(errno);
+        error = "cannot read its executable: " + std::generic_category().message(errno);
         return std::nullopt;
     }
     id.executable.assign(target, static_cast<std::size_t>(n));
