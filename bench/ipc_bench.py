@@ -13,13 +13,12 @@ Usage: python3 bench/ipc_bench.py [--build build] [--messages 300] [--rounds 5]
 import argparse
 import os
 import shutil
-import signal
 import subprocess
 import sys
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from pairing_bench import NODE_MANAGER, value_of, wait_for  # noqa: E402
+from pairing_bench import NODE_MANAGER, stop_all, value_of, wait_for  # noqa: E402
 
 
 def main():
@@ -71,12 +70,7 @@ def main():
                         "--direct-cert", certs["bench-direct"], "--messages", str(args.messages),
                         "--rounds", str(args.rounds)], check=True)
     finally:
-        for p in reversed(procs):
-            p.send_signal(signal.SIGTERM)
-            try:
-                p.wait(30)
-            except subprocess.TimeoutExpired:
-                p.kill()
+        stop_all(procs)
         shutil.rmtree(work, ignore_errors=True)
 
 

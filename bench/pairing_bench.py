@@ -122,6 +122,16 @@ def table(title, rows, parts):
               f"{statistics.mean(v):8.1f}")
 
 
+def stop_all(procs):
+    """Asks each process to stop, newest first; kills one that does not."""
+    for p in reversed(procs):
+        p.send_signal(signal.SIGTERM)
+        try:
+            p.wait(30)
+        except subprocess.TimeoutExpired:
+            p.kill()
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--build", default="build")
@@ -219,12 +229,7 @@ def main():
             ratio = pct([r["total"] for r in renewals], 50) / pct([r["total"] for r in rows], 50)
             print(f"\nrenewal p50 / pairing p50 = {ratio:.2f}")
     finally:
-        for p in procs:
-            p.send_signal(signal.SIGTERM)
-            try:
-                p.wait(30)
-            except subprocess.TimeoutExpired:
-                p.kill()
+        stop_all(procs)
         shutil.rmtree(work, ignore_errors=True)
 
 

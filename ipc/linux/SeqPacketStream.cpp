@@ -144,12 +144,12 @@ void SeqPacketStream::close(std::chrono::milliseconds timeout) {
     complete(std::move(dropped), false);
 }
 
-void SeqPacketStream::closeForListener() {
+bool SeqPacketStream::closeNow() {
     Completions dropped;
     {
         const std::lock_guard lock(mutex_);
         if (closed_) {
-            return;
+            return false;
         }
         closed_ = true;
         fd_.reset();
@@ -157,6 +157,11 @@ void SeqPacketStream::closeForListener() {
     }
     drained_.notify_all();
     complete(std::move(dropped), false);
+    return true;
+}
+
+void SeqPacketStream::closeForListener() {
+    closeNow();
 }
 
 void SeqPacketStream::shutEvents() {
@@ -339,19 +344,9 @@ void SeqPacketStream::writeSome() {
 }
 
 void SeqPacketStream::finish() {
-    Completions dropped;
-    {
-        const std::lock_guard lock(mutex_);
-        if (closed_) {
-            return;
-        }
-        closed_ = true;
-        fd_.reset();
-        dropped = takeSendsLocked();
+    if (closeNow()) {
+        postCloseEvent();
     }
-    drained_.notify_all();
-    complete(std::move(dropped), false);
-    postCloseEvent();
 }
 
 SeqPacketStream::Completions SeqPacketStream::takeSendsLocked() {

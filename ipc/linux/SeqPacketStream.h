@@ -85,6 +85,8 @@ private:
     // Closes the socket on the I/O thread (the peer's close, a refused
     // message, an error); the status-0 message follows what was received.
     void finish();
+    // Closes the socket and fails what is queued; false when already closed.
+    bool closeNow();
     // Empties the queue of sends, giving their completions; caller holds
     // mutex_.
     Completions takeSendsLocked();
