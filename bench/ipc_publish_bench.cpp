@@ -132,7 +132,9 @@ int main(int argc, char** argv) {
     app.add_option("--direct-cert", directCert, "The direct client's certificate prefix")
         ->required();
     app.add_option("--topic", topic)->capture_default_str();
-    app.add_option("--messages", messages, "Messages per measurement (under the bridge's 500 a second)")->capture_default_str();
+    app.add_option("--messages", messages,
+                   "Messages per measurement (under the bridge's 500 a second)")
+        ->capture_default_str();
     app.add_option("--rounds", rounds, "Alternating rounds")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
 

@@ -2,10 +2,10 @@
 
 #include <unistd.h>
 #include <cerrno>
-#include <system_error>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <system_error>
 
 namespace ndpx::platform {
 namespace {
