@@ -80,8 +80,10 @@ TEST_F(IpcBridgeTest, IncludeListedProcessesPublishAndSubscribeThroughTheSession
     // Every process learns the identity.
     const auto identity = run(ipcctlArgs("ipcctl", {"identity"}));
     EXPECT_EQ(identity.status, 0) << identity.output;
-    EXPECT_NE(identity.output.find("e1t3_vm7"), std::string::npos) << identity.output;
-    EXPECT_NE(identity.output.find("vm7"), std::string::npos) << identity.output;
+    for (const char* line :
+         {"edgeid: e1\n", "shorttemplateid: t3\n", "vmid: vm7\n", "identity: e1t3_vm7\n"}) {
+        EXPECT_NE(identity.output.find(line), std::string::npos) << identity.output;
+    }
 
     // The first subscriber (unprivileged) owns the topic; a second is ignored.
     auto first = subscriber("ipcctl", kIn, true);
@@ -106,6 +108,17 @@ TEST_F(IpcBridgeTest, IncludeListedProcessesPublishAndSubscribeThroughTheSession
     EXPECT_TRUE(agent->waitForLine("The process is not in includelist, rejecting request"));
     EXPECT_NE(run(ipcctlArgs("disabled", {"publish", kOut, "x"})).status, 0);
     EXPECT_TRUE(agent->waitForLine("The process is in includelist but has been disabled"));
+    // A listed name in argv[0] (and so in the process's title) is no
+    // disguise: the executable decides.
+    const auto disguised = run({"/bin/bash", "-c",
+                                "exec -a ipcctl " + ipcctlNamed("stranger") + " --root " +
+                                    root_.path().string() + " publish " + kOut + " x"});
+    EXPECT_NE(disguised.status, 0) << disguised.output;
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            return agent->countLines("The process is not in includelist, rejecting request") >= 2;
+        },
+        20s));
 
     // When the first goes, its topic is freed; a new subscriber takes it.
     first->signal(SIGTERM);
