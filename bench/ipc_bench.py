@@ -18,7 +18,7 @@ import sys
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from pairing_bench import NODE_MANAGER, stop_all, value_of, wait_for  # noqa: E402
+from pairing_bench import NODE_MANAGER, start_cloud, stop_all, value_of, wait_for  # noqa: E402
 
 
 def main():
@@ -35,14 +35,7 @@ def main():
     work = tempfile.mkdtemp(prefix="ndpx-ipc-bench.")
     procs = []
     try:
-        cloud, root = os.path.join(work, "cloud"), os.path.join(work, "desktop")
-        os.makedirs(cloud)
-        subprocess.run([devcloud, "ca", "init", "--dir", cloud], check=True, capture_output=True)
-        for name in ("broker", "credsvc"):
-            out = open(os.path.join(work, name + ".out"), "w")
-            procs.append(subprocess.Popen([devcloud, name, "--dir", cloud], stdout=out, stderr=out))
-        assert wait_for(os.path.join(work, "broker.out"), "port ", 30), "broker did not start"
-        assert wait_for(os.path.join(work, "credsvc.out"), "thumbprint ", 30), "service did not start"
+        cloud, root = start_cloud(devcloud, work, procs), os.path.join(work, "desktop")
         port = value_of(os.path.join(work, "broker.out"), "port")
         url = value_of(os.path.join(work, "credsvc.out"), "url")
         certs = {}

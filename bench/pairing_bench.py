@@ -132,6 +132,20 @@ def stop_all(procs):
             p.kill()
 
 
+def start_cloud(devcloud, work, procs):
+    """A devcloud CA, broker and credential service under `work` (their
+    output in broker.out and credsvc.out); the devcloud folder."""
+    cloud = os.path.join(work, "cloud")
+    os.makedirs(cloud)
+    subprocess.run([devcloud, "ca", "init", "--dir", cloud], check=True, capture_output=True)
+    for name in ("broker", "credsvc"):
+        out = open(os.path.join(work, name + ".out"), "w")
+        procs.append(subprocess.Popen([devcloud, name, "--dir", cloud], stdout=out, stderr=out))
+    assert wait_for(os.path.join(work, "broker.out"), "port ", 30), "broker did not start"
+    assert wait_for(os.path.join(work, "credsvc.out"), "thumbprint ", 30), "service did not start"
+    return cloud
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--build", default="build")
@@ -146,14 +160,7 @@ def main():
     work = tempfile.mkdtemp(prefix="ndpx-pairing-bench.")
     procs = []
     try:
-        cloud = os.path.join(work, "cloud")
-        os.makedirs(cloud)
-        subprocess.run([devcloud, "ca", "init", "--dir", cloud], check=True, capture_output=True)
-        for name in ("broker", "credsvc"):
-            out = open(os.path.join(work, name + ".out"), "w")
-            procs.append(subprocess.Popen([devcloud, name, "--dir", cloud], stdout=out, stderr=out))
-        assert wait_for(os.path.join(work, "broker.out"), "port ", 30), "broker did not start"
-        assert wait_for(os.path.join(work, "credsvc.out"), "thumbprint ", 30), "service did not start"
+        cloud = start_cloud(devcloud, work, procs)
         url = value_of(os.path.join(work, "credsvc.out"), "url")
         thumbprint = value_of(os.path.join(work, "credsvc.out"), "thumbprint")
         if args.renew:
