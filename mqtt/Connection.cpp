@@ -199,6 +199,7 @@ int MqttManager::Connect() {
     will["guid"] = guid;
     options.willPayload = MqttManagerUtil::writeCompact(will);
     options.willQos = cfg->getLWTQoS();
+    session_.setMarker(std::filesystem::path(folder) / "last-connected", material->clientId);
     if (!writeTlsMaterial(*material, options)) {
         TearDownConnection();
         return 0;
@@ -236,7 +237,8 @@ void MqttManager::applyNoDelay() {
 
 // The library's callbacks, handed over by the connection: on the executor.
 
-void MqttManager::onConnected(const std::string&) {
+void MqttManager::onConnected(const std::string&, bool sessionPresent) {
+    session_.connected(sessionPresent, config()->getCleanStart());
     OnReconnected();
 }
 void MqttManager::onConnectSuccess() {
@@ -349,6 +351,7 @@ void MqttManager::OnConnectionLost(const std::string& cause) {
     duplicates_->SetConnected(false);
     metrics_.ReportError("Connection lost");
     subscribedMask_ = 0;
+    session_.disconnected();
     MFW_LOG(CORE::kLogInfo, "MqttManager::OnConnectionLost(): Connection lost: %s", cause.c_str());
 }
 

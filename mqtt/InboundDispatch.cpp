@@ -11,11 +11,26 @@
 #include <mfw/MessageFrameWork.h>
 #include <mfw/corestring.h>
 #include <mfw/moduleLog.h>
+#include <platform/Memory.h>
 
 namespace ndpx {
 
+namespace {
+
+// Above this a message is no command, template or token answer, and is
+// dropped before it is parsed: parsing it would cost many times its size.
+constexpr std::size_t kMaxInboundBytes = 256 * 1024;
+// After a message this large the heap hands its free pages back.
+constexpr std::size_t kReleaseMemoryAfterBytes = 64 * 1024;
+
+}  // namespace
+
 void MqttManager::onMessageArrived(std::string topic, std::string payload) {
     OnMessage(topic, payload);
+    if (payload.size() >= kReleaseMemoryAfterBytes) {
+        std::string().swap(payload);
+        platform::releaseFreeMemory();
+    }
 }
 
 void MqttManager::OnMessage(const std::string& topic, const std::string& payload) {
@@ -24,6 +39,13 @@ void MqttManager::OnMessage(const std::string& topic, const std::string& payload
     // A topic a local process owns is its alone.
     if (ipc_->ownsTopic(topic)) {
         ipc_->OnMQTTMessage(topic, payload);
+        return;
+    }
+    if (payload.size() > kMaxInboundBytes) {
+        MFW_LOG(CORE::kLogError,
+                "MqttManager::OnMessage(): Dropping a message of %zu bytes on topic %s: messages "
+                "to the agent are at most %zu bytes",
+                payload.size(), topic.c_str(), kMaxInboundBytes);
         return;
     }
     const SubscribeTopics topics = subscribeTopics();

@@ -25,8 +25,10 @@ public:
     void onDeliveryComplete(int token) override {
         owner_.handOff_([&l = owner_.listener_, token] { l.onDeliveryComplete(token); });
     }
-    void onConnected(const std::string& cause) override {
-        ifCurrent([cause](MqttClientListener& l) { l.onConnected(cause); });
+    void onConnected(const std::string& cause, bool sessionPresent) override {
+        ifCurrent([cause, sessionPresent](MqttClientListener& l) {
+            l.onConnected(cause, sessionPresent);
+        });
     }
     void onDisconnectReceived(int reasonCode) override {
         ifCurrent([reasonCode](MqttClientListener& l) { l.onDisconnectReceived(reasonCode); });

@@ -12,10 +12,12 @@ constexpr int kDataTypeJson = 4;
 
 MqttLmMonConsumer::MqttLmMonConsumer(std::function<std::string()> stateName,
                                      std::function<Json::Value()> certificate,
-                                     std::function<Json::Value()> publications)
+                                     std::function<Json::Value()> publications,
+                                     std::function<Json::Value()> session)
     : stateName_(std::move(stateName)),
       certificate_(std::move(certificate)),
-      publications_(std::move(publications)) {}
+      publications_(std::move(publications)),
+      session_(std::move(session)) {}
 
 MqttLmMonConsumer::~MqttLmMonConsumer() {
     unload();
@@ -53,6 +55,9 @@ bool MqttLmMonConsumer::DoSetMetricCallback() {
     }
     if (publications_) {
         root["publications"] = publications_();
+    }
+    if (session_) {
+        root["session"] = session_();
     }
     return SendData("MQTTMetrics", "ndpx_mqtt", "MQTTMetrics", kDataTypeJson,
                     MqttManagerUtil::writeCompact(root));

@@ -40,7 +40,7 @@ MqttManager::MqttManager(MqttManagerDependencies deps)
                                        : std::make_shared<certs::CertificateUtil>()),
       shutdownEvent_(CORE::coreevent::Reset::Manual, false, *deps_.time),
       metrics_([this] { return GetStateName(); }, [this] { return certificateMetric(); },
-               [this] { return publicationMetric(); }),
+               [this] { return publicationMetric(); }, [this] { return sessionMetric(); }),
       connection_(
           deps_.clientFactory ? deps_.clientFactory : pahoClientFactory(), *this,
           [this](std::function<void()> work) { return executor_.post(std::move(work)); },
@@ -239,6 +239,7 @@ bool MqttManager::Stop() {
     duplicates_->Clear();
     healing_.StopTearDownThread();
     TearDownConnection();
+    session_.disconnected();
     // The client is gone: no callback can queue more work. Finish what is queued.
     executor_.stop();
     // No completion of a command may run once the module is told to go.

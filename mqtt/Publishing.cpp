@@ -84,6 +84,13 @@ bool MqttManager::refusePublication() {
     return false;
 }
 
+Json::Value MqttManager::sessionMetric() const {
+    Json::Value out(Json::objectValue);
+    out["reconnects"] = Json::UInt64(session_.reconnects());
+    out["lostSessions"] = Json::UInt64(session_.lostSessions());
+    return out;
+}
+
 Json::Value MqttManager::publicationMetric() const {
     Json::Value out(Json::objectValue);
     out["buffered"] = Json::UInt64(bufferedPublications_.load());

@@ -1,4 +1,5 @@
 #include <mfw/log.h>
+#include <mfw/logthrottle.h>
 #include <platform/CalendarTime.h>
 #include <platform/Threads.h>
 
@@ -23,6 +24,37 @@ struct SinkList {
 SinkList& sinkList() {
     static SinkList* list = new SinkList;  // outlives static destructors that log
     return *list;
+}
+
+// Warnings and errors repeat when bad input repeats; they are throttled so
+// that a flood of it cannot fill the disk. Lower levels are off unless asked
+// for, and then all of them are wanted.
+struct Throttle {
+    std::mutex mutex;
+    LogThrottle throttle;
+};
+
+Throttle& throttle() {
+    static Throttle* t = new Throttle;  // as the sink list
+    return *t;
+}
+
+// A format of conversions only ("%s") says nothing of the line's kind.
+bool onlyConversions(std::string_view fmt) {
+    for (std::size_t i = 0; i < fmt.size(); ++i) {
+        if (fmt[i] != '%') {
+            if (fmt[i] != ' ' && fmt[i] != '\n') {
+                return false;
+            }
+            continue;
+        }
+        const std::size_t end = fmt.find_first_of("diouxXeEfFgGaAcspn%", i + 1);
+        if (end == std::string_view::npos) {
+            return false;
+        }
+        i = end;
+    }
+    return true;
 }
 
 std::string timestampNow() {
@@ -179,6 +211,23 @@ void CaptureSink::clear() {
     records_.clear();
 }
 
+namespace {
+
+void writeToSinks(const LogRecord& record) {
+    // Copy the list so that no lock is held while sinks write.
+    std::vector<std::shared_ptr<LogSink>> sinks;
+    {
+        auto& list = sinkList();
+        std::lock_guard lock(list.mutex);
+        sinks = list.sinks;
+    }
+    for (const auto& sink : sinks) {
+        sink->write(record);
+    }
+}
+
+}  // namespace
+
 void setLogLevel(int level) {
     g_level.store(std::clamp(level, 0, 5), std::memory_order_relaxed);
 }
@@ -202,6 +251,17 @@ void removeLogSink(const std::shared_ptr<LogSink>& sink) {
 }
 
 void clearLogSinks() {
+    // The last counts of left-out lines are told before the sinks go.
+    std::vector<LogThrottle::LeftOut> due;
+    {
+        auto& t = throttle();
+        std::lock_guard lock(t.mutex);
+        due = t.throttle.drain();
+    }
+    for (const auto& leftOut : due) {
+        writeToSinks(LogRecord{leftOut.source, leftOut.level, leftOutText(leftOut),
+                               ndpx::platform::currentThreadId(), timestampNow()});
+    }
     auto& list = sinkList();
     std::lock_guard lock(list.mutex);
     list.sinks.clear();
@@ -229,17 +289,26 @@ void __SysMessageV(const char* source, int level, const char* fmt, va_list args)
     record.source = source != nullptr ? source : "";
     record.level = level;
     record.threadId = ndpx::platform::currentThreadId();
-    record.timestamp = timestampNow();
 
-    // Copy the list so that no lock is held while sinks write.
-    std::vector<std::shared_ptr<LogSink>> sinks;
-    {
-        auto& list = sinkList();
-        std::lock_guard lock(list.mutex);
-        sinks = list.sinks;
+    std::vector<LogThrottle::LeftOut> due;
+    bool admitted = true;
+    if (level >= kLogWarning) {
+        const std::string_view kind = onlyConversions(fmt) ? std::string_view(record.text) : fmt;
+        auto& t = throttle();
+        std::lock_guard lock(t.mutex);
+        admitted = t.throttle.admit(record.source, level, kind, record.text,
+                                    LogThrottle::Clock::now(), due);
     }
-    for (const auto& sink : sinks) {
-        sink->write(record);
+    if (!admitted && due.empty()) {
+        return;
+    }
+    record.timestamp = timestampNow();
+    for (const auto& leftOut : due) {
+        writeToSinks(LogRecord{leftOut.source, leftOut.level, leftOutText(leftOut), record.threadId,
+                               record.timestamp});
+    }
+    if (admitted) {
+        writeToSinks(record);
     }
 }
 

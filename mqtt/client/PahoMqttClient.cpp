@@ -9,6 +9,8 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <string_view>
+#include <utility>
 
 namespace ndpx {
 
@@ -16,12 +18,37 @@ static_assert(kMqttSuccess == MQTTASYNC_SUCCESS);
 static_assert(kMqttAlreadyDisconnected == MQTTASYNC_DISCONNECTED);
 static_assert(kMqttSessionLost == MQTTASYNC_OPERATION_INCOMPLETE);
 
+namespace {
+
+// The library tells whether the broker kept the session only to the connect
+// call's own callback, which it calls for the first connection and never for
+// an automatic reconnect. What it does tell on every connection is its
+// protocol trace line when it drops the session state because the broker
+// kept none, on the thread that then calls the connected callback: that line
+// sets this flag, and the connected callback takes it.
+thread_local bool t_sessionDropped = false;
+constexpr std::string_view kSessionDroppedTrace =
+    "Cleaning session state on connect because sessionPresent is 0";
+
+void onLibraryTrace(enum MQTTASYNC_TRACE_LEVELS, char* message) {
+    if (message != nullptr &&
+        std::string_view(message).find(kSessionDroppedTrace) != std::string_view::npos) {
+        t_sessionDropped = true;
+    }
+}
+
+}  // namespace
+
 void initMqttClientLibrary() {
     static std::once_flag once;
     std::call_once(once, [] {
         MQTTAsync_init_options init = MQTTAsync_init_options_initializer;
         init.do_openssl_init = 0;  // the module sets up the TLS library itself
         MQTTAsync_global_init(&init);
+        // The protocol level is the least the session line needs; below it
+        // the library would format every function's entry and exit.
+        MQTTAsync_setTraceCallback(&onLibraryTrace);
+        MQTTAsync_setTraceLevel(MQTTASYNC_TRACE_PROTOCOL);
     });
 }
 
@@ -266,7 +293,10 @@ private:
         if (cause != nullptr) {
             MQTTAsync_free(cause);
         }
-        guarded([&] { static_cast<PahoMqttClient*>(context)->listener_.onConnected(text); });
+        const bool sessionPresent = !std::exchange(t_sessionDropped, false);
+        guarded([&] {
+            static_cast<PahoMqttClient*>(context)->listener_.onConnected(text, sessionPresent);
+        });
     }
 
     static void onDisconnected(void* context, MQTTProperties*, enum MQTTReasonCodes reasonCode) {

@@ -55,14 +55,14 @@ struct FakeMqttState {
     }
     // The connection succeeds: the connect call's callback, then the
     // connected callback, as the library calls them.
-    bool connectionUp() {
+    bool connectionUp(bool sessionPresent = true) {
         {
             std::lock_guard lock(mutex);
             isConnected = true;
         }
-        return fire([](MqttClientListener& l) {
+        return fire([sessionPresent](MqttClientListener& l) {
             l.onConnectSuccess();
-            l.onConnected("connect");
+            l.onConnected("connect", sessionPresent);
         });
     }
     bool connectionDown(const std::string& cause) {

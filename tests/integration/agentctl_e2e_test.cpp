@@ -86,6 +86,9 @@ TEST_F(AgentctlTest, StatusOfAPairedDesktopRequestsToWorkersAndAnEventPublished)
     EXPECT_NE(status["endpoint"].asString().find(std::to_string(brokerPort_)), std::string::npos);
     EXPECT_GT(status["clientCertificate"]["secondsToExpiry"].asInt64(), 86400);
     EXPECT_TRUE(status["publications"]["dropped"].isUInt64()) << json.output;
+    // A first connection has no session to keep: none counts as lost.
+    ASSERT_TRUE(status["session"]["lostSessions"].isUInt64()) << json.output;
+    EXPECT_EQ(status["session"]["lostSessions"].asUInt64(), 0u);
     const auto text = agentctl({"status"});
     EXPECT_NE(text.output.find("state          MQTT_STATE_CONNECTED\n"), std::string::npos)
         << text.output;

@@ -139,8 +139,13 @@ TEST_F(IpcBridgeTest, IncludeListedProcessesPublishAndSubscribeThroughTheSession
     auto late = subscriber("helper", kLate);
     ASSERT_TRUE(agent->waitForLine("Subscribing to topic " + kLate + " on behalf of process", 20s))
         << agent->output();
+    // Its saved state gone, the broker comes back without the desktop's
+    // session: the agent must say so, and still restore every subscription.
+    std::filesystem::remove_all(cloud_.path() / "broker" / "store");
     startBroker({});
     ASSERT_TRUE(waitUntil([&] { return agent->countLines(kConnected) >= 2; }, 60s))
+        << agent->output();
+    EXPECT_EQ(agent->countLines("The broker kept no session for this desktop after"), 1u)
         << agent->output();
     ASSERT_TRUE(waitUntil(
         [&] { return agent->countLines("Successfully subscribed to IPC topic " + kLate) >= 1; },

@@ -13,10 +13,12 @@ public:
     // `stateName` reads the current state's name when a metric is collected;
     // `certificate`, when given, what is known of the client certificate
     // (a JSON object, or null when nothing is); `publications`, when given,
-    // the publication counters.
+    // the publication counters; `session`, when given, the reconnection
+    // counters.
     explicit MqttLmMonConsumer(std::function<std::string()> stateName,
                                std::function<Json::Value()> certificate = {},
-                               std::function<Json::Value()> publications = {});
+                               std::function<Json::Value()> publications = {},
+                               std::function<Json::Value()> session = {});
     ~MqttLmMonConsumer();
     MqttLmMonConsumer(const MqttLmMonConsumer&) = delete;
     MqttLmMonConsumer& operator=(const MqttLmMonConsumer&) = delete;
@@ -39,6 +41,7 @@ private:
     std::function<std::string()> stateName_;
     std::function<Json::Value()> certificate_;
     std::function<Json::Value()> publications_;
+    std::function<Json::Value()> session_;
     int collectorId_ = 0;
 };
 

@@ -19,6 +19,7 @@
 #include "mqtt/MqttLmMonConsumer.h"
 #include "mqtt/MqttState.h"
 #include "mqtt/Registration.h"
+#include "mqtt/SessionContinuity.h"
 #include "mqtt/Topics.h"
 #include "reports/AsyncReportGenerator.h"
 #include "services/DuplicateMessageHandler.h"
@@ -166,7 +167,7 @@ private:
     void onConnectionLost(const std::string& cause) override;
     void onMessageArrived(std::string topic, std::string payload) override;
     void onDeliveryComplete(int token) override;
-    void onConnected(const std::string& cause) override;
+    void onConnected(const std::string& cause, bool sessionPresent) override;
     void onDisconnectReceived(int reasonCode) override;
     void onConnectSuccess() override;
     void onConnectFailure(const MqttFailure& failure) override;
@@ -215,6 +216,8 @@ private:
     // Publications handed to the client while it was not connected (it
     // buffers them) and publications refused or failed.
     Json::Value publicationMetric() const;
+    // Reconnections and the sessions the broker did not keep.
+    Json::Value sessionMetric() const;
     bool refusePublication();
     void postConnectWork();
     void classifyConnectFailure();
@@ -258,6 +261,7 @@ private:
     std::string chainRootPem_ MFW_GUARDED_BY(materialLock_);
 
     ConnectionInfo info_;
+    SessionContinuity session_{*deps_.time};
     std::atomic<bool> endpointOnly_{false};
     // Publications the library failed after a session was lost (see docs).
     std::atomic<std::uint64_t> failedPublications_{0};

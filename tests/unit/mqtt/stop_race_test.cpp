@@ -46,7 +46,7 @@ protected:
     void startLibrary(int round) {
         fire([&](MqttClientListener& l) {
             l.onConnectSuccess();
-            l.onConnected("up");
+            l.onConnected("up", true);
         });
         fire([&](MqttClientListener& l) { l.onConnectionLost("flap"); });
         fire([&, round, n = 0](MqttClientListener& l) mutable {

@@ -67,8 +67,9 @@ public:
     // Runs on the library's receive thread: copy and hand off, return fast.
     virtual void onMessageArrived(std::string topic, std::string payload) = 0;
     virtual void onDeliveryComplete(int token) = 0;
-    // After every successful connection, the first one included.
-    virtual void onConnected(const std::string& cause) = 0;
+    // After every successful connection, the first one included;
+    // `sessionPresent` as the broker answered (false: it kept no session).
+    virtual void onConnected(const std::string& cause, bool sessionPresent) = 0;
     virtual void onDisconnectReceived(int reasonCode) = 0;
     virtual void onConnectSuccess() = 0;
     virtual void onConnectFailure(const MqttFailure& failure) = 0;

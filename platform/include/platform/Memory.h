@@ -1,0 +1,11 @@
+#pragma once
+// Handing freed heap memory back to the system.
+
+namespace ndpx::platform {
+
+// Returns the free pages of every heap arena to the system. The allocator
+// keeps what a large message once needed, for good, unless asked: a desktop
+// that once took a big message would otherwise carry it for its lifetime.
+void releaseFreeMemory();
+
+}  // namespace ndpx::platform
