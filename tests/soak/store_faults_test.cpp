@@ -38,10 +38,29 @@ class StoreFaultTest : public RenewalCloudTest {
 protected:
     // agenthost with SIGXFSZ ignored (the disposition survives exec), so that
     // a write past the limit fails with EFBIG, as a full disk fails it.
-    std::unique_ptr<Process> startLimitableAgent() {
+    static std::unique_ptr<Process> startLimitableAgent(const TempDir& root) {
         return std::make_unique<Process>(std::vector<std::string>{
             "/bin/sh", "-c", "trap '' XFSZ; exec \"$0\" \"$@\"", AGENTHOST_PATH, "--root",
-            root_.path().string(), "--plugin", MODULE_PATH, "--log-level", "0"});
+            root.path().string(), "--plugin", MODULE_PATH, "--log-level", "0"});
+    }
+    // A desktop of its own under `root`, waiting for its provisioning.
+    std::unique_ptr<Process> startUnpairedAgent(const TempDir& root) {
+        regctlSet(root, "mqtt_SslCertThumbprint", thumbprint_);
+        regctlSet(root, "mqtt_StartupMaxJitter", "0");
+        regctlSet(root, "mqtt_CertExpiryDays", "7");
+        auto agent = startLimitableAgent(root);
+        EXPECT_TRUE(agent->waitForLine("MQTT_STATE_WAITING_CONFIG")) << agent->output();
+        return agent;
+    }
+    // Provisions the desktop under `root` with the credential service held,
+    // so that its answer waits until the test lets it go; the password.
+    std::string provisionHeld(const TempDir& root, Process& agent) {
+        credsvc_->signal(SIGSTOP);
+        const std::string otp = provisionStaged(root, url_);
+        EXPECT_TRUE(agent.waitForLine(
+            "MqttManager::RequestCredentials(): Requesting credentials from hub.", 60s))
+            << agent.output();
+        return otp;
     }
     static void limitFileSize(const Process& agent, rlim_t bytes) {
         const rlimit limit{bytes, RLIM_INFINITY};
@@ -80,22 +99,40 @@ protected:
     }
 };
 
-// The settings store fills while the answer of the credential service is on
-// its way (the service is held until the limit is set): the certificate is
-// stored, the endpoint cannot be. The agent says why and backs off; once
-// there is room again and it is restarted, a new provisioning pairs it.
-TEST_F(StoreFaultTest, ASettingsStoreFullWhilePairingFailsClearlyAndTheDesktopPairsAgain) {
+// The stores fill while the answer of the credential service is on its way
+// (the service is held until the limit is set).
+//
+// A disk full for every file: the certificate store cannot even be opened
+// (SQLite sizes its shared index anew for each connection), so the request
+// fails at the service's chain before a byte is sent and the password is
+// kept; with room again, the chain's next pass pairs.
+//
+// Only the settings store full: the certificate is stored, the endpoint
+// cannot be. The agent says why and backs off; with room again and a
+// restart, the stores read and a new provisioning pairs it.
+TEST_F(StoreFaultTest, AStoreFullWhilePairingFailsClearlyAndTheDesktopPairsOnceThereIsRoom) {
     startCloud();
-    regctlSet("mqtt_SslCertThumbprint", thumbprint_);
-    regctlSet("mqtt_StartupMaxJitter", "0");
-    regctlSet("mqtt_CertExpiryDays", "7");
-    auto agent = startLimitableAgent();
-    ASSERT_TRUE(agent->waitForLine("MQTT_STATE_WAITING_CONFIG")) << agent->output();
-    credsvc_->signal(SIGSTOP);
-    const std::string otp = provisionStaged(root_, url_);
-    ASSERT_TRUE(agent->waitForLine(
-        "MqttManager::RequestCredentials(): Requesting credentials from hub.", 60s))
-        << agent->output();
+    {
+        TempDir full;
+        auto agent = startUnpairedAgent(full);
+        const std::string otp = provisionHeld(full, *agent);
+        limitFileSize(*agent, 1);
+        credsvc_->signal(SIGCONT);
+        EXPECT_TRUE(agent->waitForLine(
+            "BuildCertificateChain(): Unable to open the certificate database: ", 30s))
+            << agent->output();
+        EXPECT_TRUE(agent->waitForLine(
+            "MqttManager::RequestCredentials(): Failed to register with REST API.", 30s));
+        EXPECT_TRUE(agent->waitForLine("Wait interval set to", 10s)) << agent->output();
+        EXPECT_EQ(credsvc_->countLines("vmId="), 0u) << "no request may reach the service";
+        limitFileSize(*agent, RLIM_INFINITY);
+        EXPECT_TRUE(agent->waitForLine(kConnected, 60s)) << agent->output();
+        stop(*agent);
+        expectNoSecret(*agent, {otp});
+    }
+
+    auto agent = startUnpairedAgent(root_);
+    const std::string otp = provisionHeld(root_, *agent);
     // Only now: storing the password truncated the log.
     fillSettingsLog();
     limitFileSize(*agent, kFileSizeLimit);
@@ -115,7 +152,7 @@ TEST_F(StoreFaultTest, ASettingsStoreFullWhilePairingFailsClearlyAndTheDesktopPa
     const std::string second = provisionStaged(root_, url_);
     ASSERT_TRUE(again->waitForLine(kConnected, 60s)) << again->output();
     EXPECT_EQ(sendCommand().status, 0);
-    EXPECT_EQ(credsvc_->countLines("200 issued"), 2u) << credsvc_->output();
+    EXPECT_EQ(credsvc_->countLines("200 issued"), 3u) << credsvc_->output();
     // The password the full store could not clear is gone with the next pairing.
     const auto stored =
         run({REGCTL_PATH, "--root", root_.path().string(), "get", kNodeManager, "mqtt_Otp"});
@@ -142,7 +179,7 @@ TEST_F(StoreFaultTest, ASettingsStoreFullAtTheSwapKeepsTheCertificateInUseUntilT
         }
     });
     auto renewer = startRenewer();
-    auto agent = startLimitableAgent();
+    auto agent = startLimitableAgent(root_);
     provisionInto(root_, url_, "vm7");
     ASSERT_TRUE(agent->waitForLine(kConnected, 60s)) << agent->output();
     ASSERT_TRUE(agent->waitForLine(
