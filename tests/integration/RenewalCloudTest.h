@@ -3,6 +3,7 @@
 // renewal tests and the renewal fault scenarios share.
 
 #include "DesktopCloudTest.h"
+#include "support/WaitUntil.h"
 
 #include <chrono>
 #include <memory>
@@ -44,11 +45,24 @@ protected:
         return c;
     }
 
+    // The agent takes no token within "mqtt_CertOtpRepeatInterval" of the one
+    // before. Tests that renew more than once set it to its least, 1 s, note
+    // when a token was taken and wait that out before asking for the next.
+    void tokenTaken() { tokenTaken_ = std::chrono::steady_clock::now(); }
+    void waitOutTokenRepeat() const {
+        const auto until = tokenTaken_ + std::chrono::milliseconds(1100);
+        waitUntil([&] { return std::chrono::steady_clock::now() >= until; },
+                  std::chrono::seconds(2));
+    }
+
     // `devcloud send` of one command to desktop e1/vm7; status 0 when answered.
     RunResult sendCommand() {
         return run({DEVCLOUD_PATH, "send", "--dir", dir(), "--port", std::to_string(brokerPort_),
                     "--desktop", "e1/vm7", "--command", "GetHostFacts", "--timeout", "20"});
     }
+
+private:
+    std::chrono::steady_clock::time_point tokenTaken_;
 };
 
 }  // namespace ndpx::test

@@ -193,15 +193,11 @@ TEST_F(StoreFaultTest, ASettingsStoreFullAtTheSwapKeepsTheCertificateInUseUntilT
              "--desktop", "e1/vm7", "--url", url_, "--force-swap"});
     ASSERT_EQ(renew.status, 0) << renew.output;
     ASSERT_TRUE(agent->waitForLine(kPendingStored, 30s)) << agent->output();
-    auto tokenTaken = std::chrono::steady_clock::now();
+    tokenTaken();
     fillSettingsLog();
     limitFileSize(*agent, kFileSizeLimit);
-    // The swap trigger asks for a certificate first: its token must come
-    // after the repeat interval (1 s) or it is ignored.
-    const auto afterRepeatInterval = [&] {
-        waitUntil([&] { return std::chrono::steady_clock::now() > tokenTaken + 1100ms; }, 2s);
-    };
-    afterRepeatInterval();
+    // The swap trigger asks for a certificate first.
+    waitOutTokenRepeat();
     regctlSet("mqtt_TriggerCertSwap", "1");
     ASSERT_TRUE(agent->waitForLine(
         "CertMonitor::ActivatePendingCertificate(): Failed to activate pending certificate", 60s))
@@ -213,8 +209,8 @@ TEST_F(StoreFaultTest, ASettingsStoreFullAtTheSwapKeepsTheCertificateInUseUntilT
 
     limitFileSize(*agent, RLIM_INFINITY);
     regctlSet("mqtt_TriggerCertSwap", "0");
-    tokenTaken = std::chrono::steady_clock::now();
-    afterRepeatInterval();
+    tokenTaken();
+    waitOutTokenRepeat();
     regctlSet("mqtt_TriggerCertSwap", "1");
     ASSERT_TRUE(agent->waitForLine(kSwapped, 60s)) << agent->output();
     ASSERT_TRUE(waitUntil([&] { return agent->countLines(kConnected) == 2; }, 30s))
