@@ -416,15 +416,26 @@ bool CertMonitor::swapLocked() {
         return false;
     }
     auto& store = cfg->store();
-    store.set(kNodeManagerKey, kSwapIntentValue,
-              platform::SettingValue::ofString(thumbprintOfPem(pending.clientCertPem)));
+    // Unrecorded, a swap cut short would leave the new certificate with the
+    // old pairing values for good: no record, no swap.
+    if (!store.set(kNodeManagerKey, kSwapIntentValue,
+                   platform::SettingValue::ofString(thumbprintOfPem(pending.clientCertPem)))) {
+        MFW_LOG(CORE::kLogError,
+                "CertMonitor::ActivatePendingCertificate(): Unable to record the swap in the "
+                "settings store: %s",
+                store.lastWriteError().c_str());
+        return false;
+    }
     if (!certificates_->ActivatePendingCertificate()) {
         store.remove(kNodeManagerKey, kSwapIntentValue);
         return false;
     }
-    pairingConfig(*cfg).activatePendingConfig();
-    completeMoveIfNamed(*cfg, pending.clientCertPem);
-    store.remove(kNodeManagerKey, kSwapIntentValue);
+    // The certificate is in use from here on. Pairing values that could not
+    // be written keep the record, so the next start completes them.
+    if (pairingConfig(*cfg).activatePendingConfig()) {
+        completeMoveIfNamed(*cfg, pending.clientCertPem);
+        store.remove(kNodeManagerKey, kSwapIntentValue);
+    }
     return true;
 }
 

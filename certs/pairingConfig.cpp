@@ -20,7 +20,12 @@ std::string readValue(mqttConfig& config, const char* name) {
 }
 
 bool writeValue(mqttConfig& config, const char* name, const std::string& text) {
-    return config.store().set(kNodeManagerKey, name, platform::SettingValue::ofString(text));
+    if (config.store().set(kNodeManagerKey, name, platform::SettingValue::ofString(text))) {
+        return true;
+    }
+    MFW_LOG(CORE::kLogError, "pairingConfig: Unable to write %s to the settings store: %s", name,
+            config.store().lastWriteError().c_str());
+    return false;
 }
 
 // Base64 of PEM text to the PEM text; nothing for bad or empty input.

@@ -28,6 +28,11 @@ bool holdsSecret(std::string_view name) {
 bool mqttConfig::writeString(const char* name, const std::string& value) {
     const bool written =
         store().set(kNodeManagerKey, name, ndpx::platform::SettingValue::ofString(value));
+    if (!written) {
+        MFW_LOG(CORE::kLogError,
+                "mqttConfig::writeString(): Unable to write %s to the settings store: %s", name,
+                store().lastWriteError().c_str());
+    }
     // The store's files must not keep an overwritten secret (a used password)
     // beside the live value.
     if (written && holdsSecret(name) && !store().scrub()) {

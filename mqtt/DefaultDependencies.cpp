@@ -73,6 +73,7 @@ public:
             bool done = false;
             bool aborted = false;
             bool ok = false;
+            std::uint32_t status = 0;
             std::string body;
         };
         auto exchange = std::make_shared<Exchange>();
@@ -81,6 +82,7 @@ public:
                                [exchange](net::HttpRequest* req, std::string body) {
                                    std::lock_guard lock(exchange->mutex);
                                    exchange->ok = req->isSuccess();
+                                   exchange->status = req->getResponseCode();
                                    exchange->body = std::move(body);
                                    exchange->done = true;
                                    exchange->ended.notify_all();
@@ -104,6 +106,13 @@ public:
         std::lock_guard lock(exchange->mutex);
         if (!exchange->done) {
             return false;
+        }
+        // A failed transfer has said why; an answer that is no success has not.
+        if (!exchange->ok && exchange->status != 0) {
+            MFW_LOG(CORE::kLogError,
+                    "MqttManager::MakeOTPRequest(): The credential service answered with HTTP "
+                    "status %u",
+                    exchange->status);
         }
         response = std::move(exchange->body);
         return exchange->ok;

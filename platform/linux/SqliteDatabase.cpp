@@ -52,7 +52,7 @@ bool createPrivateFile(const std::string& file, std::string& error) {
 bool switchToWal(sqlite3* db, std::string& error) {
     const StmtPtr stmt = prepare(db, "PRAGMA journal_mode=WAL");
     if (!stmt || sqlite3_step(stmt.get()) != SQLITE_ROW) {
-        error = sqlite3_errmsg(db);
+        error = errorText(db);
         return false;
     }
     const std::string mode = columnText(stmt.get(), 0);
@@ -100,10 +100,24 @@ DbPtr openDatabase(const std::string& file, const OpenOptions& options, std::str
     // pages.
     if (!exec(raw, "PRAGMA secure_delete=ON") ||
         (options.durableCommits && !exec(raw, "PRAGMA synchronous=FULL"))) {
-        error = "cannot configure " + file + ": " + sqlite3_errmsg(raw);
+        error = "cannot configure " + file + ": " + errorText(raw);
         return nullptr;
     }
     return db;
+}
+
+std::string errorText(sqlite3* db) {
+    std::string text = sqlite3_errmsg(db);
+    // SQLite keeps the system's error only for some failures (a file it
+    // could not open); otherwise its extended code tells the operation.
+    const int code = sqlite3_extended_errcode(db);
+    const int osError = sqlite3_system_errno(db);
+    if (osError != 0 && (code & 0xff) == SQLITE_CANTOPEN) {
+        text += " (" + std::generic_category().message(osError) + ")";
+    } else if (code != (code & 0xff)) {
+        text += " (extended code " + std::to_string(code) + ")";
+    }
+    return text;
 }
 
 bool exec(sqlite3* db, const char* sql) {

@@ -186,13 +186,13 @@ public:
         std::lock_guard lock(mutex_);
         Transaction tx(*this);
         if (!tx.begun() || !insertKeyAndParents(k)) {
-            return false;
+            return failed();
         }
         {
             StmtUse q(upsert_.get());
             if (!q.bind(1, k) || !q.bind(2, name) ||
                 sqlite3_bind_int(q.get(), 3, type) != SQLITE_OK) {
-                return false;
+                return failed();
             }
             int rc = SQLITE_OK;
             if (type == kTypeDword) {
@@ -203,10 +203,10 @@ public:
                 rc = q.bind(4, data) ? SQLITE_OK : SQLITE_ERROR;
             }
             if (rc != SQLITE_OK || sqlite3_step(q.get()) != SQLITE_DONE) {
-                return false;
+                return failed();
             }
         }
-        return tx.commit();
+        return tx.commit() || failed();
     }
 
     bool remove(std::string_view key, std::string_view name) override {
@@ -214,7 +214,7 @@ public:
         std::lock_guard lock(mutex_);
         StmtUse q(removeValue_.get());
         if (!q.bind(1, k) || !q.bind(2, name) || sqlite3_step(q.get()) != SQLITE_DONE) {
-            return false;
+            return failed();
         }
         if (sqlite3_changes(db_.get()) > 0) {
             ++counter_;
@@ -230,15 +230,15 @@ public:
         std::lock_guard lock(mutex_);
         Transaction tx(*this);
         if (!tx.begun()) {
-            return false;
+            return failed();
         }
         for (sqlite3_stmt* stmt : {removeTreeVals_.get(), removeTreeKeys_.get()}) {
             StmtUse q(stmt);
             if (!q.bind(1, k) || sqlite3_step(q.get()) != SQLITE_DONE) {
-                return false;
+                return failed();
             }
         }
-        return tx.commit();
+        return tx.commit() || failed();
     }
 
     bool createKey(std::string_view key) override {
@@ -248,7 +248,7 @@ public:
         }
         std::lock_guard lock(mutex_);
         Transaction tx(*this);
-        return tx.begun() && insertKeyAndParents(k) && tx.commit();
+        return (tx.begun() && insertKeyAndParents(k) && tx.commit()) || failed();
     }
 
     bool keyExists(std::string_view key) override {
@@ -309,6 +309,11 @@ public:
         return sqlite3_step(q.get()) == SQLITE_ROW && sqlite3_column_int(q.get(), 0) == 0;
     }
 
+    std::string lastWriteError() override {
+        std::lock_guard lock(mutex_);
+        return lastWriteError_;
+    }
+
     std::uint64_t changeCounter() override {
         std::lock_guard lock(mutex_);
         StmtUse q(dataVersion_.get());
@@ -363,6 +368,13 @@ private:
         bool committed_ = false;
     };
 
+    // Caller holds mutex_; notes why the connection's last call failed, before
+    // a rollback replaces the reason. Always false.
+    bool failed() {
+        lastWriteError_ = file_ + ": " + sqlite::errorText(db_.get());
+        return false;
+    }
+
     // Caller holds mutex_ inside a transaction.
     bool insertKeyAndParents(const std::string& key) {
         std::size_t pos = 0;
@@ -384,6 +396,7 @@ private:
     std::mutex mutex_;
     std::uint64_t counter_ = 0;
     std::int64_t lastDataVersion_ = -1;
+    std::string lastWriteError_;
     // The connection outlives the statements declared after it.
     DbPtr db_;
     StmtPtr get_, insertKey_, upsert_, removeValue_, removeTreeVals_, removeTreeKeys_, keyExists_,

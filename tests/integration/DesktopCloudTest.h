@@ -8,9 +8,11 @@
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
+#include <json/reader.h>
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -107,6 +109,23 @@ protected:
         argv.insert(argv.end(), extra.begin(), extra.end());
         const auto r = run(argv);
         ASSERT_EQ(r.status, 0) << r.output;
+    }
+
+    // Provisions desktop vm7 under `root` with its document only (no trust in
+    // the CA), the file appearing whole; returns the one-time password in it.
+    std::string provisionStaged(const TempDir& root, const std::string& url) {
+        const auto staged = cloud_.path() / "spec.json";
+        const auto r =
+            run({DEVCLOUD_PATH, "provision", "--dir", dir(), "--url", url, "--vm-id", "vm7",
+                 "--edge-id", "e1", "--short-template-id", "t3", "--spec-file", staged.string()});
+        EXPECT_EQ(r.status, 0) << r.output;
+        std::ifstream in(staged);
+        Json::Value spec;
+        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &spec, nullptr));
+        const auto target = root.path() / "AzureData" / "CustomData.bin";
+        std::filesystem::create_directories(target.parent_path());
+        std::filesystem::rename(staged, target);  // appears whole, as a provisioning system does
+        return spec["nexHub"]["oneTimePassword"].asString();
     }
 
     // A CRL of the devcloud CA listing the certificates (PEM files) in

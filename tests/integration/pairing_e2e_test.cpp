@@ -20,21 +20,8 @@ protected:
     PairingTest() { startCloud(); }
 
     // Provisions the desktop; returns the one-time password it was given.
-    std::string provision() { return provision(url_); }
-    std::string provision(const std::string& url) {
-        const auto staged = cloud_.path() / "spec.json";
-        const auto r =
-            run({DEVCLOUD_PATH, "provision", "--dir", dir(), "--url", url, "--vm-id", "vm7",
-                 "--edge-id", "e1", "--short-template-id", "t3", "--spec-file", staged.string()});
-        EXPECT_EQ(r.status, 0) << r.output;
-        std::ifstream in(staged);
-        Json::Value spec;
-        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &spec, nullptr));
-        const auto target = root_.path() / "AzureData" / "CustomData.bin";
-        std::filesystem::create_directories(target.parent_path());
-        std::filesystem::rename(staged, target);  // appears whole, as a provisioning system does
-        return spec["nexHub"]["oneTimePassword"].asString();
-    }
+    std::string provision() { return provisionStaged(root_, url_); }
+    std::string provision(const std::string& url) { return provisionStaged(root_, url); }
 };
 
 TEST_F(PairingTest, ProvisionedDesktopPairsConnectsAnswersAndReconnectsFromItsCache) {

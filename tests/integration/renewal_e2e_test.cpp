@@ -2,7 +2,7 @@
 // module, the devcloud broker (with a revocation list), credential service and
 // renewal responder, all real processes.
 
-#include "DesktopCloudTest.h"
+#include "RenewalCloudTest.h"
 #include "support/WaitUntil.h"
 
 #include <json/reader.h>
@@ -132,37 +132,8 @@ private:
     std::jthread thread_;
 };
 
-class CertificateRenewalTest : public DesktopCloudTest {
+class CertificateRenewalTest : public RenewalCloudTest {
 protected:
-    std::unique_ptr<Process> startRenewer() {
-        auto renewer = std::make_unique<Process>(
-            std::vector<std::string>{DEVCLOUD_PATH, "renewer", "--dir", dir(), "--port",
-                                     std::to_string(brokerPort_), "--url", url_});
-        EXPECT_TRUE(renewer->waitForLine("renewer ready", 30s)) << renewer->output();
-        return renewer;
-    }
-
-    struct Certificate {
-        std::string serial;
-        std::string pem;
-    };
-    Certificate currentCertificate() {
-        const std::string shown =
-            certctl(root_, {"show", "Agent Connect MQTT Client Certificate"}).output;
-        Certificate c;
-        const auto serial = shown.find("Serial:");
-        if (serial != std::string::npos) {
-            const auto from = shown.find_first_not_of(' ', serial + 7);
-            c.serial = shown.substr(from, shown.find('\n', from) - from);
-        }
-        const auto begin = shown.find("-----BEGIN CERTIFICATE-----");
-        const std::string end = "-----END CERTIFICATE-----";
-        if (begin != std::string::npos) {
-            c.pem = shown.substr(begin, shown.find(end, begin) + end.size() - begin) + "\n";
-        }
-        return c;
-    }
-
     // True when the `lines` show in `output` in this order.
     static bool inOrder(const std::string& output, const std::vector<std::string>& lines) {
         std::size_t at = 0;
@@ -239,9 +210,7 @@ TEST_F(CertificateRenewalTest,
     EXPECT_FALSE(refused.connect(5s)) << "the broker does not check its revocation list";
     ASSERT_TRUE(waitUntil([&] { return agent->countLines(kConnected) >= 3; }, 60s))
         << agent->output();
-    const auto answer =
-        run({DEVCLOUD_PATH, "send", "--dir", dir(), "--port", std::to_string(brokerPort_),
-             "--desktop", "e1/vm7", "--command", "GetHostFacts", "--timeout", "20"});
+    const auto answer = sendCommand();
     EXPECT_EQ(answer.status, 0) << answer.output;
 
     for (const auto& otp : seen.otps()) {

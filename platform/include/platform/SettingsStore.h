@@ -63,6 +63,11 @@ public:
     // copies has nothing to do. False when the copies may still be there.
     virtual bool scrub() { return true; }
 
+    // Why the last write, removal or key creation that failed failed, naming
+    // the store ("/var/lib/.../registry.sqlite: disk I/O error ..."),
+    // for the log; empty when the backend cannot tell.
+    virtual std::string lastWriteError() { return {}; }
+
     // A number that changes whenever anything in the store changed, whoever
     // wrote it (this process or another). Cheap: no value is read.
     virtual std::uint64_t changeCounter() = 0;

@@ -40,6 +40,11 @@ struct OpenOptions {
 // ":memory:" opens a private in-memory database. Null with `error` set.
 DbPtr openDatabase(const std::string& file, const OpenOptions& options, std::string& error);
 
+// Why the last call on `db` failed: SQLite's text, with the system's error
+// or SQLite's extended code when there is one ("disk I/O error (extended
+// code 778)", a failed write).
+std::string errorText(sqlite3* db);
+
 // Runs one or more statements that return no rows.
 bool exec(sqlite3* db, const char* sql);
 

@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <set>
 
 namespace ndpx::certs::test {
 namespace {
@@ -81,6 +82,53 @@ private:
     std::condition_variable changed_;
     std::vector<Json::Value> requests_;
     CORE::Mutex pairingLock_;
+};
+
+// The test's store, refusing to write the values named in `refuse` as a full
+// disk refuses every write.
+class RefusingStore : public platform::SettingsStore {
+public:
+    explicit RefusingStore(std::shared_ptr<platform::SettingsStore> inner)
+        : inner_(std::move(inner)) {}
+    void refuse(std::set<std::string> names) {
+        std::lock_guard lock(mutex_);
+        refused_ = std::move(names);
+    }
+
+    std::optional<platform::SettingValue> get(std::string_view key,
+                                              std::string_view name) override {
+        return inner_->get(key, name);
+    }
+    bool set(std::string_view key, std::string_view name,
+             const platform::SettingValue& value) override {
+        {
+            std::lock_guard lock(mutex_);
+            if (refused_.count(std::string(name)) != 0) {
+                return false;
+            }
+        }
+        return inner_->set(key, name, value);
+    }
+    bool remove(std::string_view key, std::string_view name) override {
+        return inner_->remove(key, name);
+    }
+    bool removeKey(std::string_view key) override { return inner_->removeKey(key); }
+    bool createKey(std::string_view key) override { return inner_->createKey(key); }
+    bool keyExists(std::string_view key) override { return inner_->keyExists(key); }
+    std::vector<std::pair<std::string, platform::SettingValue>> listValues(
+        std::string_view key) override {
+        return inner_->listValues(key);
+    }
+    std::vector<std::string> listSubkeys(std::string_view key) override {
+        return inner_->listSubkeys(key);
+    }
+    std::string lastWriteError() override { return "disk full"; }
+    std::uint64_t changeCounter() override { return inner_->changeCounter(); }
+
+private:
+    std::shared_ptr<platform::SettingsStore> inner_;
+    std::mutex mutex_;
+    std::set<std::string> refused_;
 };
 
 Json::Value token(const char* otp = "otp-1", const char* url = "https://hub.example/otp") {
@@ -290,6 +338,42 @@ TEST_F(CertMonitorTest, ANewIdentityGetsItsCertificateAndBecomesCurrentWithIt) {
     EXPECT_FALSE(cfg_->movingToIdentity());
     ClientCredentials now;
     ASSERT_TRUE(certificates_->RetrieveCertificates(false, "e2t9_vm7", now));
+}
+
+// A swap the settings store cannot record does not happen: the current
+// certificate stays. One whose pairing values cannot be written after the
+// certificate store swapped keeps its record, and the next start completes it.
+TEST_F(CertMonitorTest, ASwapThatCannotBeRecordedWaitsAndOneCutShortIsCompletedAtStart) {
+    auto refusing = std::make_shared<RefusingStore>(reg_.shared());
+    refusing->refuse({"mqtt_CertSwapIntent"});
+    cfg_ = std::make_shared<mqttConfig>(refusing);
+    current(std::chrono::hours(12));
+    ClientCredentials before;
+    ASSERT_TRUE(certificates_->RetrieveCertificates(false, kIdentity, before));
+    ASSERT_TRUE(monitor_.Start());
+    ASSERT_TRUE(host_.waitRequests(1));
+    monitor_.HandleOTPTokenResponseMessage(token());
+    ASSERT_TRUE(logged("Unable to record the swap in the settings store: disk full"));
+    ASSERT_TRUE(logged("Failed to activate pending certificate"));
+    EXPECT_EQ(host_.swaps.load(), 0);
+    EXPECT_EQ(pendingCn(), kIdentity);
+    ClientCredentials still;
+    ASSERT_TRUE(certificates_->RetrieveCertificates(false, kIdentity, still));
+    EXPECT_EQ(still.clientCertPem, before.clientCertPem);
+
+    refusing->refuse({kEndpointUrlValue});
+    nextCheck();
+    ASSERT_TRUE(ndpx::test::waitUntil([&] { return host_.swaps.load() == 1; }));
+    EXPECT_EQ(pendingCn(), "");
+    EXPECT_TRUE(cfg_->store().get(kNodeManagerKey, "mqtt_CertSwapIntent"));
+    EXPECT_FALSE(cfg_->store().get(kNodeManagerKey, kEndpointUrlValue));
+
+    refusing->refuse({});
+    monitor_.RepairInterruptedSwap();
+    EXPECT_TRUE(logged("Completed a certificate swap that was interrupted"));
+    EXPECT_EQ(cfg_->store().get(kNodeManagerKey, kEndpointUrlValue)->text,
+              "ssl://renewed.example:8883");
+    EXPECT_FALSE(cfg_->store().get(kNodeManagerKey, "mqtt_CertSwapIntent"));
 }
 
 // A crash between the certificate store's swap and the pairing values': the
