@@ -24,15 +24,35 @@ void FileCreationWaiter::reset() {
     [[maybe_unused]] const auto n = ::read(event_.get(), &value, sizeof value);
 }
 
-FileCreationWaiter::Result FileCreationWaiter::wait(const std::filesystem::path& file,
-                                                    std::string& error, int& failedStep) {
+namespace {
+
+// Out of instances or watches (fs.inotify.max_user_instances and
+// max_user_watches count per user), or of descriptors: only polling is left.
+bool exhausted(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOSPC;
+}
+
+}  // namespace
+
+FileCreationWaiter::Result FileCreationWaiter::wait(
+    const std::filesystem::path& file, std::string& error, int& failedStep,
+    const std::function<void(const std::string& reason)>& onPolling) {
     if (!event_) {
         failedStep = 2;
         error = "no event descriptor";
         return Result::Failed;
     }
+    const auto fallBack = [&](const char* what, int cause) {
+        if (onPolling) {
+            onPolling(std::string(what) + ": " + std::generic_category().message(cause));
+        }
+        return poll(file, error, failedStep);
+    };
     const UniqueFd notify(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (!notify) {
+        if (const int cause = errno; exhausted(cause)) {
+            return fallBack("no inotify instance", cause);
+        }
         failedStep = 2;
         error = std::generic_category().message(errno);
         return Result::Failed;
@@ -40,6 +60,9 @@ FileCreationWaiter::Result FileCreationWaiter::wait(const std::filesystem::path&
     const auto dir = file.parent_path();
     if (::inotify_add_watch(notify.get(), dir.c_str(),
                             IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE_SELF) < 0) {
+        if (const int cause = errno; exhausted(cause)) {
+            return fallBack("no inotify watch", cause);
+        }
         failedStep = 1;
         error = std::generic_category().message(errno);
         return Result::Failed;
@@ -85,6 +108,26 @@ FileCreationWaiter::Result FileCreationWaiter::wait(const std::filesystem::path&
                 error = "directory removed";
                 return Result::Failed;
             }
+        }
+    }
+}
+
+FileCreationWaiter::Result FileCreationWaiter::poll(const std::filesystem::path& file,
+                                                    std::string& error, int& failedStep) {
+    for (;;) {
+        std::error_code ec;
+        if (std::filesystem::exists(file, ec)) {
+            return Result::Created;
+        }
+        pollfd fd{event_.get(), POLLIN, 0};
+        const int n = ::poll(&fd, 1, static_cast<int>(kPollInterval.count()));
+        if (n > 0 && (fd.revents & POLLIN) != 0) {
+            return Result::Interrupted;
+        }
+        if (n < 0 && errno != EINTR) {
+            failedStep = 3;
+            error = std::generic_category().message(errno);
+            return Result::Failed;
         }
     }
 }

@@ -15,6 +15,8 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -36,6 +38,8 @@ constexpr milliseconds kMaxDelay(250);
 // the events.
 constexpr milliseconds kConfirmWindow(1000);
 constexpr milliseconds kConfirmStep(25);
+// Without inotify (the per-user limit reached) the data version is polled.
+constexpr milliseconds kPollInterval(1000);
 
 // The watch's own connection: PRAGMA data_version changes exactly when
 // another connection committed.
@@ -87,11 +91,14 @@ private:
     std::optional<std::int64_t> version_;
 };
 
+// Watches with inotify when `inotifyFd` is valid; otherwise polls, and says
+// why in pollingReason().
 class InotifySettingsWatch final : public SettingsWatch {
 public:
     InotifySettingsWatch(UniqueFd inotifyFd, UniqueFd stopFd, const std::filesystem::path& file,
-                         std::function<void()> onChange)
-        : inotify_(std::move(inotifyFd)),
+                         std::function<void()> onChange, std::string pollingReason = {})
+        : pollingReason_(std::move(pollingReason)),
+          inotify_(std::move(inotifyFd)),
           stop_(std::move(stopFd)),
           dbName_(file.filename().string()),
           walName_(dbName_ + "-wal"),
@@ -109,6 +116,8 @@ public:
     }
     InotifySettingsWatch(const InotifySettingsWatch&) = delete;
     InotifySettingsWatch& operator=(const InotifySettingsWatch&) = delete;
+
+    std::string pollingReason() const override { return pollingReason_; }
 
 private:
     enum class Seen { Nothing, Write, Replaced };
@@ -145,6 +154,10 @@ private:
     // the last event: a commit whose events were drained together with an
     // earlier one may become visible only after that earlier one was reported.
     void run() {
+        if (!inotify_.valid()) {
+            poll();
+            return;
+        }
         bool active = false;           // events seen less than kConfirmWindow ago
         bool forced = false;           // report without asking the data version
         bool inBurst = false;          // events seen since the last check
@@ -203,6 +216,20 @@ private:
         }
     }
 
+    // Ends at once when the watch is destroyed.
+    void poll() {
+        pollfd stop{stop_.get(), POLLIN, 0};
+        while (true) {
+            const int n = ::poll(&stop, 1, static_cast<int>(kPollInterval.count()));
+            if (n > 0 || (n < 0 && errno != EINTR)) {
+                return;
+            }
+            if (probe_.changed()) {
+                notify();
+            }
+        }
+    }
+
     void notify() {
         try {
             onChange_();
@@ -211,6 +238,7 @@ private:
         }
     }
 
+    const std::string pollingReason_;
     UniqueFd inotify_;
     UniqueFd stop_;
     std::string dbName_;
@@ -236,17 +264,33 @@ std::unique_ptr<SettingsWatch> watchSqliteSettingsStore(const std::string& file,
     if (!paths::createSecureDirectories(dir, error)) {
         return nullptr;
     }
-    UniqueFd inotifyFd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     UniqueFd stopFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-    if (!inotifyFd.valid() || !stopFd.valid()) {
+    if (!stopFd.valid()) {
         return nullptr;
     }
-    if (::inotify_add_watch(inotifyFd.get(), dir.c_str(),
-                            IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE) < 0) {
-        return nullptr;
+    // Out of instances or watches (per-user limits) or descriptors: poll.
+    const auto exhausted = [](int e) {
+        return e == EMFILE || e == ENFILE || e == ENOMEM || e == ENOSPC;
+    };
+    UniqueFd inotifyFd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    std::string pollingReason;
+    if (!inotifyFd.valid()) {
+        const int cause = errno;
+        if (!exhausted(cause)) {
+            return nullptr;
+        }
+        pollingReason = "no inotify instance: " + std::generic_category().message(cause);
+    } else if (::inotify_add_watch(inotifyFd.get(), dir.c_str(),
+                                   IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE) < 0) {
+        const int cause = errno;
+        if (!exhausted(cause)) {
+            return nullptr;
+        }
+        pollingReason = "no inotify watch: " + std::generic_category().message(cause);
+        inotifyFd.reset();
     }
     return std::make_unique<InotifySettingsWatch>(std::move(inotifyFd), std::move(stopFd), path,
-                                                  std::move(onChange));
+                                                  std::move(onChange), std::move(pollingReason));
 }
 
 }  // namespace ndpx::platform
