@@ -3,6 +3,8 @@
 #include <platform/SqliteDatabase.h>
 #include <platform/UniqueFd.h>
 
+#include "InotifyHub.h"
+
 #include <poll.h>
 #include <sqlite3.h>
 #include <sys/eventfd.h>
@@ -10,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -91,17 +94,61 @@ private:
     std::optional<std::int64_t> version_;
 };
 
-// Watches with inotify when `inotifyFd` is valid; otherwise polls, and says
-// why in pollingReason().
+// What the directory's events meant for the database since the watch's
+// thread last looked; filled on the inotify hub's thread.
+class Inbox {
+public:
+    enum Seen { Nothing, Write, Replaced };
+
+    explicit Inbox(const std::filesystem::path& file)
+        : wake(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+          dbName_(file.filename().string()),
+          walName_(dbName_ + "-wal") {}
+
+    void take(const inotify::Event& event) {
+        Seen now = Nothing;
+        if ((event.mask & IN_Q_OVERFLOW) != 0) {
+            now = Replaced;  // events were lost: start afresh
+        } else if (event.name == dbName_ && (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
+            now = Replaced;
+        } else if (event.name == dbName_ || event.name == walName_) {
+            now = Write;
+        } else {
+            return;
+        }
+        int before = seen_.load();
+        while (before < now && !seen_.compare_exchange_weak(before, now)) {
+        }
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(wake.get(), &one, sizeof one);
+    }
+
+    Seen drain() {
+        std::uint64_t count = 0;
+        [[maybe_unused]] const auto n = ::read(wake.get(), &count, sizeof count);
+        return static_cast<Seen>(seen_.exchange(Nothing));
+    }
+
+    const UniqueFd wake;
+
+private:
+    const std::string dbName_;
+    const std::string walName_;
+    std::atomic<int> seen_{Nothing};
+};
+
+// Follows the store through the process's inotify hub when `inbox` is given;
+// otherwise polls, and says why in pollingReason().
 class InotifySettingsWatch final : public SettingsWatch {
 public:
-    InotifySettingsWatch(UniqueFd inotifyFd, UniqueFd stopFd, const std::filesystem::path& file,
-                         std::function<void()> onChange, std::string pollingReason = {})
+    InotifySettingsWatch(std::unique_ptr<Inbox> inbox,
+                         std::unique_ptr<inotify::DirectoryWatch> directory, UniqueFd stopFd,
+                         const std::filesystem::path& file, std::function<void()> onChange,
+                         std::string pollingReason)
         : pollingReason_(std::move(pollingReason)),
-          inotify_(std::move(inotifyFd)),
+          inbox_(std::move(inbox)),
+          directory_(std::move(directory)),
           stop_(std::move(stopFd)),
-          dbName_(file.filename().string()),
-          walName_(dbName_ + "-wal"),
           probe_(file.string()),
           onChange_(std::move(onChange)),
           thread_([this] { run(); }) {}
@@ -120,41 +167,14 @@ public:
     std::string pollingReason() const override { return pollingReason_; }
 
 private:
-    enum class Seen { Nothing, Write, Replaced };
-
-    // Reads all queued events and says what they mean for the database.
-    Seen drainEvents() {
-        Seen seen = Seen::Nothing;
-        alignas(inotify_event) char buffer[4096];
-        while (true) {
-            const ssize_t n = ::read(inotify_.get(), buffer, sizeof buffer);
-            if (n <= 0) {
-                break;  // EAGAIN: drained
-            }
-            for (ssize_t off = 0; off < n;) {
-                const auto* ev = reinterpret_cast<const inotify_event*>(buffer + off);
-                off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
-                if ((ev->mask & IN_Q_OVERFLOW) != 0) {
-                    seen = Seen::Replaced;  // events were lost: start afresh
-                    continue;
-                }
-                const std::string_view name = ev->len > 0 ? ev->name : "";
-                if (name == dbName_ && (ev->mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
-                    seen = Seen::Replaced;
-                } else if ((name == dbName_ || name == walName_) && seen == Seen::Nothing) {
-                    seen = Seen::Write;
-                }
-            }
-        }
-        return seen;
-    }
+    using Seen = Inbox::Seen;
 
     // After events, the data version is checked once the burst has settled,
     // then again at growing intervals until kConfirmWindow has passed since
     // the last event: a commit whose events were drained together with an
     // earlier one may become visible only after that earlier one was reported.
     void run() {
-        if (!inotify_.valid()) {
+        if (!inbox_) {
             poll();
             return;
         }
@@ -173,7 +193,7 @@ private:
                                 ? static_cast<int>(std::chrono::ceil<milliseconds>(wait).count())
                                 : 0;
             }
-            pollfd fds[2] = {{stop_.get(), POLLIN, 0}, {inotify_.get(), POLLIN, 0}};
+            pollfd fds[2] = {{stop_.get(), POLLIN, 0}, {inbox_->wake.get(), POLLIN, 0}};
             if (::poll(fds, 2, timeoutMs) < 0 && errno != EINTR) {
                 return;
             }
@@ -183,7 +203,7 @@ private:
             }
             const auto now = Clock::now();
             if ((fds[1].revents & POLLIN) != 0) {
-                const Seen seen = drainEvents();
+                const Seen seen = inbox_->drain();
                 if (seen != Seen::Nothing) {
                     if (!inBurst) {
                         inBurst = true;
@@ -239,10 +259,10 @@ private:
     }
 
     const std::string pollingReason_;
-    UniqueFd inotify_;
+    // The directory watch goes first, so no event arrives in a gone inbox.
+    const std::unique_ptr<Inbox> inbox_;
+    const std::unique_ptr<inotify::DirectoryWatch> directory_;
     UniqueFd stop_;
-    std::string dbName_;
-    std::string walName_;
     VersionProbe probe_;
     std::function<void()> onChange_;
     std::thread thread_;  // last: starts once everything above is ready
@@ -265,32 +285,26 @@ std::unique_ptr<SettingsWatch> watchSqliteSettingsStore(const std::string& file,
         return nullptr;
     }
     UniqueFd stopFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-    if (!stopFd.valid()) {
+    auto inbox = std::make_unique<Inbox>(path);
+    if (!stopFd.valid() || !inbox->wake.valid()) {
         return nullptr;
     }
-    // Out of instances or watches (per-user limits) or descriptors: poll.
-    const auto exhausted = [](int e) {
-        return e == EMFILE || e == ENFILE || e == ENOMEM || e == ENOSPC;
-    };
-    UniqueFd inotifyFd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    inotify::WatchError failure;
+    auto directory = inotify::watchDirectory(
+        dir, IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE,
+        [raw = inbox.get()](const inotify::Event& event) { raw->take(event); }, failure);
     std::string pollingReason;
-    if (!inotifyFd.valid()) {
-        const int cause = errno;
-        if (!exhausted(cause)) {
+    if (!directory) {
+        if (!inotify::exhausted(failure.error)) {
             return nullptr;
         }
-        pollingReason = "no inotify instance: " + std::generic_category().message(cause);
-    } else if (::inotify_add_watch(inotifyFd.get(), dir.c_str(),
-                                   IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE) < 0) {
-        const int cause = errno;
-        if (!exhausted(cause)) {
-            return nullptr;
-        }
-        pollingReason = "no inotify watch: " + std::generic_category().message(cause);
-        inotifyFd.reset();
+        pollingReason = (failure.instance ? "no inotify instance: " : "no inotify watch: ") +
+                        std::generic_category().message(failure.error);
+        inbox.reset();
     }
-    return std::make_unique<InotifySettingsWatch>(std::move(inotifyFd), std::move(stopFd), path,
-                                                  std::move(onChange), std::move(pollingReason));
+    return std::make_unique<InotifySettingsWatch>(std::move(inbox), std::move(directory),
+                                                  std::move(stopFd), path, std::move(onChange),
+                                                  std::move(pollingReason));
 }
 
 }  // namespace ndpx::platform

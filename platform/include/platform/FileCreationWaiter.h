@@ -1,6 +1,7 @@
 #pragma once
-// Waits, without polling, until a file appears in a directory; another thread
-// can interrupt the wait at any time (e.g. when the agent stops).
+// Waits until a file appears in a directory, on change notifications (it
+// polls only when the system has none left to give); another thread can
+// interrupt the wait at any time (e.g. when the agent stops).
 
 #include <platform/UniqueFd.h>
 
@@ -38,7 +39,8 @@ public:
 private:
     Result poll(const std::filesystem::path& file, std::string& error, int& failedStep);
 
-    UniqueFd event_;
+    UniqueFd event_;    // interrupt()
+    UniqueFd changed_;  // the directory changed
 };
 
 }  // namespace ndpx::platform

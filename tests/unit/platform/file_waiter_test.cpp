@@ -3,11 +3,14 @@
 
 #include "support/FdLimit.h"
 #include "support/TempDir.h"
+#include "support/WaitUntil.h"
 
 #include <platform/FileCreationWaiter.h>
+#include <platform/SettingsStore.h>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
 #include <fstream>
 #include <future>
@@ -91,6 +94,41 @@ TEST(FileCreationWaiter, WithoutInotifyItPollsAfterSayingWhyAndStillEndsAtOnce) 
     EXPECT_LT(std::chrono::steady_clock::now() - start, FileCreationWaiter::kPollInterval / 2);
     ASSERT_EQ(reasons.size(), 2u);  // one per wait
     EXPECT_NE(reasons[0].find("no inotify instance"), std::string::npos) << reasons[0];
+}
+
+// The settings watch's inotify instance serves the wait too (no descriptor
+// is left for another), and the wait's end in the same directory leaves the
+// settings watch seeing changes.
+TEST(FileCreationWaiter, SharesTheProcesssInotifyInstanceWithTheSettingsWatch) {
+    test::TempDir dir;
+    std::string error;
+    const auto store = openSqliteSettingsStore((dir.path() / "registry.sqlite").string(), error);
+    ASSERT_NE(store, nullptr) << error;
+    std::atomic<int> changes{0};
+    const auto watch = store->watch([&] { ++changes; });
+    ASSERT_NE(watch, nullptr);
+    std::ofstream(dir.path() / "spec.tmp") << "{}";
+    FileCreationWaiter waiter;
+    bool polled = false;
+    {
+        const test::FdLimit noMoreFds(0);
+        auto created = std::async(std::launch::async, [&] {
+            int step = 0;
+            return waiter.wait(dir.path() / "spec.json", error, step,
+                               [&](const std::string&) { polled = true; });
+        });
+        EXPECT_EQ(created.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+        const auto start = std::chrono::steady_clock::now();
+        ASSERT_EQ(
+            std::rename((dir.path() / "spec.tmp").c_str(), (dir.path() / "spec.json").c_str()), 0);
+        ASSERT_EQ(created.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        EXPECT_EQ(created.get(), Result::Created);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, FileCreationWaiter::kPollInterval / 2);
+    }
+    EXPECT_FALSE(polled);
+    const int before = changes;
+    ASSERT_TRUE(store->set("HKLM\\W", "seq", SettingValue::ofDword(1)));
+    EXPECT_TRUE(test::waitUntil([&] { return changes > before; }, std::chrono::seconds(5)));
 }
 
 }  // namespace

@@ -241,16 +241,16 @@ TEST_F(SqliteStoreTest, WithoutInotifyTheWatchPollsAndSaysWhy) {
     std::atomic<std::uint32_t> lastSeen{0};
     std::unique_ptr<SettingsWatch> watch;
     {
-        const test::FdLimit onlyTheStopEvent(1);
+        const test::FdLimit onlyItsOwnEvents(2);  // stop and wake-up
         watch = reader->watch([&] {
-            const auto v = reader->get("HKLM\W", "seq");
+            const auto v = reader->get("HKLM\\W", "seq");
             lastSeen = v ? v->dword : 0;
         });
     }
     ASSERT_NE(watch, nullptr);
     EXPECT_NE(watch->pollingReason().find("no inotify instance"), std::string::npos)
         << watch->pollingReason();
-    ASSERT_TRUE(writer->set("HKLM\W", "seq", SettingValue::ofDword(7)));
+    ASSERT_TRUE(writer->set("HKLM\\W", "seq", SettingValue::ofDword(7)));
     EXPECT_TRUE(test::waitUntil([&] { return lastSeen == 7; }, 5s));
 
     const auto start = std::chrono::steady_clock::now();
