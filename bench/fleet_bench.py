@@ -103,7 +103,9 @@ class AgentLog:
             self.waits.append(int(m.group(1)))
         m = LEVEL.match(line)
         if m and int(m.group(1)) >= 3 and len(self.problems) < 50:
-            self.problems.append((t, m.group(2)))
+            # Alike across agents, so that they group.
+            text = re.sub(r"\S*/desktop\d+/", "DESKTOP/", m.group(2))
+            self.problems.append((t, re.sub(r"\bvm\d+\b", "vmN", text)))
 
     def first_problems(self, usual):
         return [text for _, text in self.problems if text not in usual][:3]
@@ -118,13 +120,14 @@ def usual_problems(logs):
 
 
 def memory_of(pid):
-    """(VmRSS, PSS) in kB, or None once the process is gone."""
+    """(VmRSS, PSS) in kB and the open descriptors, or None once the process
+    is gone."""
     try:
         with open(f"/proc/{pid}/status") as f:
             rss = next(int(l.split()[1]) for l in f if l.startswith("VmRSS:"))
         with open(f"/proc/{pid}/smaps_rollup") as f:
             pss = next(int(l.split()[1]) for l in f if l.startswith("Pss:"))
-        return rss, pss
+        return rss, pss, len(os.listdir(f"/proc/{pid}/fd"))
     except (OSError, StopIteration):
         return None
 
@@ -307,7 +310,8 @@ def main():
         rss, pss = sum(m[0] for m in memory), sum(m[1] for m in memory)
         print(f"agents' memory ({len(memory)} running): VmRSS {rss / 1024:.0f} MiB "
               f"({rss / len(memory) / 1024:.1f} each), PSS {pss / 1024:.0f} MiB "
-              f"({pss / len(memory) / 1024:.1f} each)")
+              f"({pss / len(memory) / 1024:.1f} each); open descriptors: "
+              f"{max(m[2] for m in memory)} at most in one agent")
     peak = re.search(r"peak requests in flight (\d+)", credsvc_out)
     print(f"credential service: peak requests in flight {peak.group(1) if peak else '?'}, "
           f"{credsvc_out.count(': 200 issued')} certificates issued, "
@@ -326,12 +330,14 @@ def main():
         print("\nfailures (first warning and error lines of each agent that did not connect):")
         for text, count in failed.most_common():
             print(f"  {count:4d} x {text}")
-    noisy = collections.Counter(p for l in logs if l.connected for p in l.first_problems(usual))
+    noisy = collections.Counter(p for l in logs if l.connected for p in {x for _, x in l.problems})
+    everyone = {text for text, count in noisy.items() if count == len(connected)}
     if noisy:
-        print("\nwarnings and errors of agents that did connect (first three each, "
-              "start-up warnings most agents log left out):")
-        for text, count in noisy.most_common(8):
-            print(f"  {count:4d} x {text}")
+        print(f"\nwarnings and errors of agents that did connect (agents logging each; "
+              f"{len(everyone)} that every one of them logs left out):")
+        for text, count in noisy.most_common():
+            if text not in everyone:
+                print(f"  {count:4d} x {text}")
 
     histogram("credential requests per agent (agents)",
               collections.Counter(len(l.requests) for l in logs), " req")
