@@ -107,9 +107,9 @@ public:
 
     void take(const inotify::Event& event) {
         Seen now = Nothing;
-        if ((event.mask & IN_Q_OVERFLOW) != 0) {
-            now = Replaced;  // events were lost: start afresh
-        } else if (event.name == dbName_ && (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
+        // Lost events (an overflow) count as a new file: start afresh.
+        if ((event.mask & IN_Q_OVERFLOW) != 0 ||
+            (event.name == dbName_ && (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0)) {
             now = Replaced;
         } else if (event.name == dbName_ || event.name == walName_) {
             now = Write;
