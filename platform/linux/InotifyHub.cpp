@@ -167,9 +167,8 @@ DirectoryWatch::~DirectoryWatch() {
     hub_->remove(id_);
 }
 
-std::unique_ptr<DirectoryWatch> watchDirectory(const std::filesystem::path& dir,
-                                               std::uint32_t mask, Handler handler,
-                                               WatchError& failure) {
+std::unique_ptr<DirectoryWatch> watchDirectory(const std::filesystem::path& dir, std::uint32_t mask,
+                                               Handler handler, WatchError& failure) {
     int error = 0;
     auto hub = Hub::shared(error);
     if (!hub) {

@@ -45,9 +45,8 @@ struct WatchError {
 
 // Watches `dir` for the events in `mask`; nullptr and `failure` when no
 // instance or watch could be had.
-std::unique_ptr<DirectoryWatch> watchDirectory(const std::filesystem::path& dir,
-                                               std::uint32_t mask, Handler handler,
-                                               WatchError& failure);
+std::unique_ptr<DirectoryWatch> watchDirectory(const std::filesystem::path& dir, std::uint32_t mask,
+                                               Handler handler, WatchError& failure);
 
 // Out of instances or watches (per-user limits), or of descriptors: a caller
 // can only poll.
