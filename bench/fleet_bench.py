@@ -24,8 +24,8 @@ bench waits until every agent's log shows MQTT_STATE_CONNECTED, or until
 
 At the default fs.inotify.max_user_instances (128 per user) only part of a
 large fleet gets inotify instances; the rest must fall back to polling.
---raise-inotify raises the limit first (and says so) to see the fleet
-without that.
+--raise-inotify raises the limit for the run (and says so, and puts it
+back) to see the fleet without that.
 
 With --outage S the credential service answers 500 for the first S seconds
 after provisioning (then a normal one takes over the same port), so that
@@ -157,16 +157,22 @@ def raise_limits(agents):
               file=sys.stderr)
 
 
+def set_inotify_instances(value, why):
+    subprocess.run(["sysctl", "-w", f"fs.inotify.max_user_instances={value}"], check=True,
+                   capture_output=True)
+    print(f"set fs.inotify.max_user_instances (machine-wide) to {value}: {why}", file=sys.stderr)
+
+
 def raise_inotify(agents):
+    """The limit before, when it was raised."""
     with open(INOTIFY_LIMIT) as f:
         now = int(f.read())
-    want = 4 * agents + 128
-    if now < want:
-        subprocess.run(["sysctl", "-w", f"fs.inotify.max_user_instances={want}"], check=True,
-                       capture_output=True)
-        print(f"raised fs.inotify.max_user_instances {now} -> {want} (machine-wide, "
-              "not restored): each waiting agent takes inotify instances, and all agents "
-              "run as one user here", file=sys.stderr)
+    want = 2 * agents + 128
+    if now >= want:
+        return None
+    set_inotify_instances(want, f"was {now}; every agent takes an inotify instance and all "
+                                "of them run as one user here")
+    return now
 
 
 def histogram(title, counter, unit):
@@ -230,14 +236,15 @@ def main():
     n = args.agents
 
     raise_limits(n)
-    if args.raise_inotify:
-        raise_inotify(n)
     print(f"baseline: {n} x openssl genrsa 2048, two at a time ...", file=sys.stderr)
     baseline = keygen_baseline(n)
 
     work = tempfile.mkdtemp(prefix="ndpx-fleet-bench.")
     procs, agents = [], []
+    inotify_before = None
     try:
+        if args.raise_inotify:
+            inotify_before = raise_inotify(n)
         cloud = start_cloud(devcloud, work, procs)
         url = value_of(os.path.join(work, "credsvc.out"), "url")
         thumbprint = value_of(os.path.join(work, "credsvc.out"), "thumbprint")
@@ -289,6 +296,8 @@ def main():
     finally:
         stop_all(agents)
         stop_all(procs)
+        if inotify_before is not None:
+            set_inotify_instances(inotify_before, "back to what it was")
     credsvc_out = open(os.path.join(work, service + ".out")).read()
     for l in logs:
         l.poll()
