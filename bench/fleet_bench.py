@@ -41,7 +41,6 @@ import os
 import re
 import resource
 import shutil
-import signal
 import subprocess
 import sys
 import tempfile
