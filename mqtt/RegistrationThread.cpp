@@ -275,7 +275,14 @@ bool Registration::WaitForLCMFileCreation() {
     std::filesystem::create_directories(path.parent_path(), ec);
     std::string error;
     int step = 0;
-    switch (fileWaiter_.wait(path, error, step)) {
+    const auto polling = [&path](const std::string& reason) {
+        MFW_LOG(CORE::kLogWarning,
+                "MqttManager::WaitForLCMFileCreation(): Cannot watch for '%s' (%s); looking for it "
+                "every %d ms instead.",
+                path.c_str(), reason.c_str(),
+                static_cast<int>(platform::FileCreationWaiter::kPollInterval.count()));
+    };
+    switch (fileWaiter_.wait(path, error, step, polling)) {
         case platform::FileCreationWaiter::Result::Created:
             return true;
         case platform::FileCreationWaiter::Result::Interrupted:

@@ -45,6 +45,12 @@ bool sysconfig::init(const std::wstring& keyPath, const std::vector<std::wstring
     }
     if (watch && !watch_) {
         watch_ = store_->watch([this] { onStoreChanged(); });
+        if (const auto why = watch_ ? watch_->pollingReason() : std::string(); !why.empty()) {
+            __SysMessage("mfw", kLogWarning,
+                         "sysconfig: changes to the settings of %s are looked for every second, "
+                         "not seen at once (%s)",
+                         toUtf8(keyPath).c_str(), why.c_str());
+        }
     }
     return true;
 }

@@ -1,47 +1,76 @@
 #include <platform/FileCreationWaiter.h>
 
+#include "InotifyHub.h"
+
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <system_error>
 
 namespace ndpx::platform {
 
-FileCreationWaiter::FileCreationWaiter() : event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+namespace {
+
+void post(const UniqueFd& event) {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto n = ::write(event.get(), &one, sizeof one);
+}
+
+void drain(const UniqueFd& event) {
+    std::uint64_t value = 0;
+    [[maybe_unused]] const auto n = ::read(event.get(), &value, sizeof value);
+}
+
+}  // namespace
+
+FileCreationWaiter::FileCreationWaiter()
+    : event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      changed_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 FileCreationWaiter::~FileCreationWaiter() = default;
 
 void FileCreationWaiter::interrupt() {
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const auto n = ::write(event_.get(), &one, sizeof one);
+    post(event_);
 }
 
 void FileCreationWaiter::reset() {
-    std::uint64_t value = 0;
-    [[maybe_unused]] const auto n = ::read(event_.get(), &value, sizeof value);
+    drain(event_);
 }
 
-FileCreationWaiter::Result FileCreationWaiter::wait(const std::filesystem::path& file,
-                                                    std::string& error, int& failedStep) {
-    if (!event_) {
+FileCreationWaiter::Result FileCreationWaiter::wait(
+    const std::filesystem::path& file, std::string& error, int& failedStep,
+    const std::function<void(const std::string& reason)>& onPolling) {
+    if (!event_ || !changed_) {
         failedStep = 2;
         error = "no event descriptor";
         return Result::Failed;
     }
-    const UniqueFd notify(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (!notify) {
-        failedStep = 2;
-        error = std::generic_category().message(errno);
-        return Result::Failed;
-    }
-    const auto dir = file.parent_path();
-    if (::inotify_add_watch(notify.get(), dir.c_str(),
-                            IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE_SELF) < 0) {
-        failedStep = 1;
-        error = std::generic_category().message(errno);
+    drain(changed_);  // left from an earlier wait
+    std::atomic<bool> gone{false};
+    inotify::WatchError failure;
+    // The process's one inotify instance (the settings watch has it already).
+    const auto watch = inotify::watchDirectory(
+        file.parent_path(), IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE_SELF,
+        [&](const inotify::Event& event) {
+            gone = gone || (event.mask & (IN_DELETE_SELF | IN_IGNORED)) != 0;
+            post(changed_);
+        },
+        failure);
+    if (!watch) {
+        const std::string why = std::generic_category().message(failure.error);
+        if (inotify::exhausted(failure.error)) {
+            if (onPolling) {
+                onPolling((failure.instance ? "no inotify instance: " : "no inotify watch: ") +
+                          why);
+            }
+            return poll(file, error, failedStep);
+        }
+        failedStep = failure.instance ? 2 : 1;
+        error = why;
         return Result::Failed;
     }
     // Checked after the watch is in place, so a file made in between is not missed.
@@ -50,7 +79,7 @@ FileCreationWaiter::Result FileCreationWaiter::wait(const std::filesystem::path&
         return Result::Created;
     }
     for (;;) {
-        pollfd fds[2] = {{notify.get(), POLLIN, 0}, {event_.get(), POLLIN, 0}};
+        pollfd fds[2] = {{changed_.get(), POLLIN, 0}, {event_.get(), POLLIN, 0}};
         const int n = ::poll(fds, 2, -1);
         if (n < 0) {
             if (errno == EINTR) {
@@ -64,19 +93,7 @@ FileCreationWaiter::Result FileCreationWaiter::wait(const std::filesystem::path&
             return Result::Interrupted;
         }
         if ((fds[0].revents & POLLIN) != 0) {
-            alignas(inotify_event) char buf[4096];
-            bool gone = false;
-            for (;;) {
-                const ssize_t len = ::read(notify.get(), buf, sizeof buf);
-                if (len <= 0) {
-                    break;
-                }
-                for (ssize_t off = 0; off < len;) {
-                    const auto* ev = reinterpret_cast<const inotify_event*>(buf + off);
-                    gone = gone || (ev->mask & (IN_DELETE_SELF | IN_IGNORED)) != 0;
-                    off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
-                }
-            }
+            drain(changed_);
             if (std::filesystem::exists(file, ec)) {
                 return Result::Created;
             }
@@ -85,6 +102,26 @@ FileCreationWaiter::Result FileCreationWaiter::wait(const std::filesystem::path&
                 error = "directory removed";
                 return Result::Failed;
             }
+        }
+    }
+}
+
+FileCreationWaiter::Result FileCreationWaiter::poll(const std::filesystem::path& file,
+                                                    std::string& error, int& failedStep) {
+    for (;;) {
+        std::error_code ec;
+        if (std::filesystem::exists(file, ec)) {
+            return Result::Created;
+        }
+        pollfd fd{event_.get(), POLLIN, 0};
+        const int n = ::poll(&fd, 1, static_cast<int>(kPollInterval.count()));
+        if (n > 0 && (fd.revents & POLLIN) != 0) {
+            return Result::Interrupted;
+        }
+        if (n < 0 && errno != EINTR) {
+            failedStep = 3;
+            error = std::generic_category().message(errno);
+            return Result::Failed;
         }
     }
 }

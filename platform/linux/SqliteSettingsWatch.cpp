@@ -3,6 +3,8 @@
 #include <platform/SqliteDatabase.h>
 #include <platform/UniqueFd.h>
 
+#include "InotifyHub.h"
+
 #include <poll.h>
 #include <sqlite3.h>
 #include <sys/eventfd.h>
@@ -10,11 +12,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -36,6 +41,8 @@ constexpr milliseconds kMaxDelay(250);
 // the events.
 constexpr milliseconds kConfirmWindow(1000);
 constexpr milliseconds kConfirmStep(25);
+// Without inotify (the per-user limit reached) the data version is polled.
+constexpr milliseconds kPollInterval(1000);
 
 // The watch's own connection: PRAGMA data_version changes exactly when
 // another connection committed.
@@ -87,14 +94,61 @@ private:
     std::optional<std::int64_t> version_;
 };
 
+// What the directory's events meant for the database since the watch's
+// thread last looked; filled on the inotify hub's thread.
+class Inbox {
+public:
+    enum Seen { Nothing, Write, Replaced };
+
+    explicit Inbox(const std::filesystem::path& file)
+        : wake(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+          dbName_(file.filename().string()),
+          walName_(dbName_ + "-wal") {}
+
+    void take(const inotify::Event& event) {
+        Seen now = Nothing;
+        // Lost events (an overflow) count as a new file: start afresh.
+        if ((event.mask & IN_Q_OVERFLOW) != 0 ||
+            (event.name == dbName_ && (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0)) {
+            now = Replaced;
+        } else if (event.name == dbName_ || event.name == walName_) {
+            now = Write;
+        } else {
+            return;
+        }
+        int before = seen_.load();
+        while (before < now && !seen_.compare_exchange_weak(before, now)) {
+        }
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(wake.get(), &one, sizeof one);
+    }
+
+    Seen drain() {
+        std::uint64_t count = 0;
+        [[maybe_unused]] const auto n = ::read(wake.get(), &count, sizeof count);
+        return static_cast<Seen>(seen_.exchange(Nothing));
+    }
+
+    const UniqueFd wake;
+
+private:
+    const std::string dbName_;
+    const std::string walName_;
+    std::atomic<int> seen_{Nothing};
+};
+
+// Follows the store through the process's inotify hub when `inbox` is given;
+// otherwise polls, and says why in pollingReason().
 class InotifySettingsWatch final : public SettingsWatch {
 public:
-    InotifySettingsWatch(UniqueFd inotifyFd, UniqueFd stopFd, const std::filesystem::path& file,
-                         std::function<void()> onChange)
-        : inotify_(std::move(inotifyFd)),
+    InotifySettingsWatch(std::unique_ptr<Inbox> inbox,
+                         std::unique_ptr<inotify::DirectoryWatch> directory, UniqueFd stopFd,
+                         const std::filesystem::path& file, std::function<void()> onChange,
+                         std::string pollingReason)
+        : pollingReason_(std::move(pollingReason)),
+          inbox_(std::move(inbox)),
+          directory_(std::move(directory)),
           stop_(std::move(stopFd)),
-          dbName_(file.filename().string()),
-          walName_(dbName_ + "-wal"),
           probe_(file.string()),
           onChange_(std::move(onChange)),
           thread_([this] { run(); }) {}
@@ -110,41 +164,20 @@ public:
     InotifySettingsWatch(const InotifySettingsWatch&) = delete;
     InotifySettingsWatch& operator=(const InotifySettingsWatch&) = delete;
 
-private:
-    enum class Seen { Nothing, Write, Replaced };
+    std::string pollingReason() const override { return pollingReason_; }
 
-    // Reads all queued events and says what they mean for the database.
-    Seen drainEvents() {
-        Seen seen = Seen::Nothing;
-        alignas(inotify_event) char buffer[4096];
-        while (true) {
-            const ssize_t n = ::read(inotify_.get(), buffer, sizeof buffer);
-            if (n <= 0) {
-                break;  // EAGAIN: drained
-            }
-            for (ssize_t off = 0; off < n;) {
-                const auto* ev = reinterpret_cast<const inotify_event*>(buffer + off);
-                off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
-                if ((ev->mask & IN_Q_OVERFLOW) != 0) {
-                    seen = Seen::Replaced;  // events were lost: start afresh
-                    continue;
-                }
-                const std::string_view name = ev->len > 0 ? ev->name : "";
-                if (name == dbName_ && (ev->mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
-                    seen = Seen::Replaced;
-                } else if ((name == dbName_ || name == walName_) && seen == Seen::Nothing) {
-                    seen = Seen::Write;
-                }
-            }
-        }
-        return seen;
-    }
+private:
+    using Seen = Inbox::Seen;
 
     // After events, the data version is checked once the burst has settled,
     // then again at growing intervals until kConfirmWindow has passed since
     // the last event: a commit whose events were drained together with an
     // earlier one may become visible only after that earlier one was reported.
     void run() {
+        if (!inbox_) {
+            poll();
+            return;
+        }
         bool active = false;           // events seen less than kConfirmWindow ago
         bool forced = false;           // report without asking the data version
         bool inBurst = false;          // events seen since the last check
@@ -160,7 +193,7 @@ private:
                                 ? static_cast<int>(std::chrono::ceil<milliseconds>(wait).count())
                                 : 0;
             }
-            pollfd fds[2] = {{stop_.get(), POLLIN, 0}, {inotify_.get(), POLLIN, 0}};
+            pollfd fds[2] = {{stop_.get(), POLLIN, 0}, {inbox_->wake.get(), POLLIN, 0}};
             if (::poll(fds, 2, timeoutMs) < 0 && errno != EINTR) {
                 return;
             }
@@ -170,7 +203,7 @@ private:
             }
             const auto now = Clock::now();
             if ((fds[1].revents & POLLIN) != 0) {
-                const Seen seen = drainEvents();
+                const Seen seen = inbox_->drain();
                 if (seen != Seen::Nothing) {
                     if (!inBurst) {
                         inBurst = true;
@@ -203,6 +236,20 @@ private:
         }
     }
 
+    // Ends at once when the watch is destroyed.
+    void poll() {
+        pollfd stop{stop_.get(), POLLIN, 0};
+        while (true) {
+            const int n = ::poll(&stop, 1, static_cast<int>(kPollInterval.count()));
+            if (n > 0 || (n < 0 && errno != EINTR)) {
+                return;
+            }
+            if (probe_.changed()) {
+                notify();
+            }
+        }
+    }
+
     void notify() {
         try {
             onChange_();
@@ -211,10 +258,11 @@ private:
         }
     }
 
-    UniqueFd inotify_;
+    const std::string pollingReason_;
+    // The directory watch goes first, so no event arrives in a gone inbox.
+    const std::unique_ptr<Inbox> inbox_;
+    const std::unique_ptr<inotify::DirectoryWatch> directory_;
     UniqueFd stop_;
-    std::string dbName_;
-    std::string walName_;
     VersionProbe probe_;
     std::function<void()> onChange_;
     std::thread thread_;  // last: starts once everything above is ready
@@ -236,17 +284,27 @@ std::unique_ptr<SettingsWatch> watchSqliteSettingsStore(const std::string& file,
     if (!paths::createSecureDirectories(dir, error)) {
         return nullptr;
     }
-    UniqueFd inotifyFd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     UniqueFd stopFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-    if (!inotifyFd.valid() || !stopFd.valid()) {
+    auto inbox = std::make_unique<Inbox>(path);
+    if (!stopFd.valid() || !inbox->wake.valid()) {
         return nullptr;
     }
-    if (::inotify_add_watch(inotifyFd.get(), dir.c_str(),
-                            IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE) < 0) {
-        return nullptr;
+    inotify::WatchError failure;
+    auto directory = inotify::watchDirectory(
+        dir, IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE,
+        [raw = inbox.get()](const inotify::Event& event) { raw->take(event); }, failure);
+    std::string pollingReason;
+    if (!directory) {
+        if (!inotify::exhausted(failure.error)) {
+            return nullptr;
+        }
+        pollingReason = (failure.instance ? "no inotify instance: " : "no inotify watch: ") +
+                        std::generic_category().message(failure.error);
+        inbox.reset();
     }
-    return std::make_unique<InotifySettingsWatch>(std::move(inotifyFd), std::move(stopFd), path,
-                                                  std::move(onChange));
+    return std::make_unique<InotifySettingsWatch>(std::move(inbox), std::move(directory),
+                                                  std::move(stopFd), path, std::move(onChange),
+                                                  std::move(pollingReason));
 }
 
 }  // namespace ndpx::platform

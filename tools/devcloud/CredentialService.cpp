@@ -43,6 +43,23 @@ namespace fs = std::filesystem;
 
 constexpr auto kSilentHoldLimit = std::chrono::minutes(10);
 
+// Counts a request while it is handled and keeps the highest count seen.
+class InFlight {
+public:
+    InFlight(std::atomic<int>& now, std::atomic<int>& peak) : now_(now) {
+        const int mine = ++now_;
+        int seen = peak.load();
+        while (mine > seen && !peak.compare_exchange_weak(seen, mine)) {
+        }
+    }
+    ~InFlight() { --now_; }
+    InFlight(const InFlight&) = delete;
+    InFlight& operator=(const InFlight&) = delete;
+
+private:
+    std::atomic<int>& now_;
+};
+
 struct BioFree {
     void operator()(BIO* b) const { BIO_free_all(b); }
 };
@@ -226,6 +243,7 @@ bool CredentialService::start() {
     server_->set_read_timeout(std::chrono::seconds(10));
     server_->set_payload_max_length(std::size_t{64} * 1024);
     server_->Post(".*", [this](const httplib::Request& req, httplib::Response& res) {
+        const InFlight counted(inFlight_, peakInFlight_);
         if (options_.fault == Fault::Silent) {
             log("credsvc: " + req.remote_addr + ": fault silent: holding the request unanswered");
             holdUnanswered();

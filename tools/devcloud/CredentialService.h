@@ -10,6 +10,7 @@
 #include "BrokerEndpoint.h"
 #include "devcloud/Home.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -72,6 +73,9 @@ public:
     const std::string& thumbprint() const { return thumbprint_; }
     // SHA-256 of its DER form (what `openssl x509 -fingerprint` shows).
     const std::string& derFingerprint() const { return derFingerprint_; }
+    // The most requests ever handled at once (from the request read to its
+    // answer), to see how a pairing storm meets the serving threads.
+    int peakInFlight() const { return peakInFlight_.load(); }
 
     struct Answer {
         int status;
@@ -99,6 +103,9 @@ private:
     devca::PkeyPtr serverKey_;
     std::string thumbprint_;
     std::string derFingerprint_;
+
+    std::atomic<int> inFlight_{0};
+    std::atomic<int> peakInFlight_{0};
 
     std::unique_ptr<Server> server_;
     std::thread listener_;

@@ -236,7 +236,8 @@ int credsvc(const Home& home, const ndpx::devcloud::CredentialServiceOptions& op
     int sig = 0;
     sigwait(&signals, &sig);
     service.stop();
-    say("devcloud: credential service stopped");
+    say("devcloud: credential service stopped, peak requests in flight " +
+        std::to_string(service.peakInFlight()));
     return 0;
 }
 

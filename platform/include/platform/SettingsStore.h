@@ -86,6 +86,9 @@ public:
 class SettingsWatch {
 public:
     virtual ~SettingsWatch() = default;
+    // Empty while changes are noticed as they happen; otherwise why they are
+    // only looked for now and then (e.g. no inotify instance left).
+    virtual std::string pollingReason() const { return {}; }
 };
 
 // The Linux backend: SQLite, WAL, file mode 0600, change watch by inotify.

@@ -1,5 +1,6 @@
 #include <platform/SettingsStore.h>
 
+#include "support/FdLimit.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
@@ -215,6 +216,7 @@ TEST_F(SqliteStoreTest, WatchReportsWritesOfOthersAndCoalesces) {
         lastSeen = v ? v->dword : 0;
     });
     ASSERT_NE(watch, nullptr);
+    EXPECT_EQ(watch->pollingReason(), "");
 
     ASSERT_TRUE(writer->set("HKLM\\W", "seq", SettingValue::ofDword(1)));
     ASSERT_TRUE(test::waitUntil([&] { return lastSeen == 1; }, 5s));
@@ -229,6 +231,31 @@ TEST_F(SqliteStoreTest, WatchReportsWritesOfOthersAndCoalesces) {
     const auto start = std::chrono::steady_clock::now();
     watch.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+}
+
+// With no inotify instance to be had the watch says why, polls the store and
+// still stops at once.
+TEST_F(SqliteStoreTest, WithoutInotifyTheWatchPollsAndSaysWhy) {
+    auto writer = open();
+    auto reader = open();
+    std::atomic<std::uint32_t> lastSeen{0};
+    std::unique_ptr<SettingsWatch> watch;
+    {
+        const test::FdLimit onlyItsOwnEvents(2);  // stop and wake-up
+        watch = reader->watch([&] {
+            const auto v = reader->get("HKLM\\W", "seq");
+            lastSeen = v ? v->dword : 0;
+        });
+    }
+    ASSERT_NE(watch, nullptr);
+    EXPECT_NE(watch->pollingReason().find("no inotify instance"), std::string::npos)
+        << watch->pollingReason();
+    ASSERT_TRUE(writer->set("HKLM\\W", "seq", SettingValue::ofDword(7)));
+    EXPECT_TRUE(test::waitUntil([&] { return lastSeen == 7; }, 5s));
+
+    const auto start = std::chrono::steady_clock::now();
+    watch.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
 }
 
 }  // namespace
