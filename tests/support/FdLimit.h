@@ -3,6 +3,7 @@
 // can be opened (the lowest free number is taken first), as when the system's
 // inotify instances or a process's descriptors run out; restores it after.
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -12,10 +13,16 @@ class FdLimit {
 public:
     explicit FdLimit(int spare) {
         ::getrlimit(RLIMIT_NOFILE, &saved_);
-        const int lowestFree = ::dup(0);
-        ::close(lowestFree);
+        // Descriptors the process inherited may sit above the lowest free
+        // one (a test runner's pipes): the limit ends after the spare-th free.
+        int fd = 0;
+        for (int free = 0; free < spare || ::fcntl(fd, F_GETFD) != -1; ++fd) {
+            if (::fcntl(fd, F_GETFD) == -1) {
+                ++free;
+            }
+        }
         rlimit lowered = saved_;
-        lowered.rlim_cur = static_cast<rlim_t>(lowestFree + spare);
+        lowered.rlim_cur = static_cast<rlim_t>(fd);
         ::setrlimit(RLIMIT_NOFILE, &lowered);
     }
     ~FdLimit() { ::setrlimit(RLIMIT_NOFILE, &saved_); }
