@@ -68,10 +68,10 @@ class Ledger:
 
 def read_agent_log(log):
     """What one agent process logged: {ID: [arrival times]}, {ID: [(time,
-    stamp)]} of answers published, and the count of copies its duplicate
-    filter dropped. A killed process's log ends where it was killed; the
+    stamp)]} of answers published, the count of copies its duplicate
+    filter dropped, and the time of its last line. A killed process's log ends where it was killed; the
     host rotates at 10 MB (.1 is the newest of the older files)."""
-    received, published, dropped = {}, {}, 0
+    received, published, dropped, last = {}, {}, 0, None
     files = [f"{log}.{i}" for i in range(5, 0, -1)] + [log]
     for name in files:
         try:
@@ -83,7 +83,7 @@ def read_agent_log(log):
                 m = STAMP.match(line)
                 if not m:
                     continue
-                at = datetime.datetime.strptime(m.group(1), "%Y-%m-%d %H:%M:%S.%f")
+                at = last = datetime.datetime.strptime(m.group(1), "%Y-%m-%d %H:%M:%S.%f")
                 if (i := INCOMING.search(line)) is not None:
                     received.setdefault(i.group(1), []).append(at)
                 elif DUPLICATE.search(line):
@@ -95,7 +95,7 @@ def read_agent_log(log):
                         continue
                     if str(answer.get("ID", "")).startswith("soak-"):
                         published.setdefault(answer["ID"], []).append((at, stamp_of(answer)))
-    return received, published, dropped
+    return received, published, dropped, last
 
 
 def pct(values, p):
@@ -113,22 +113,31 @@ def verdict(ledger, runs):
                         "never_agent", "never_at_kill")}
     r.update(sent=len(ledger.sent), resends=ledger.resends(), strays=len(ledger.strays),
              dropped_by_filter=sum(a[4] for a in agent), unknown_pid=0, agent_ids=[],
-             at_kill=[], at_kill_outcome={"answered later": 0, "never": 0, "ran twice": 0})
+             at_kill=[], both_delivered=0, at_kill_outcome={"answered later": 0, "never": 0, "ran twice": 0})
     latencies = []
-    for pid, end, received, published, _ in agent:
+    for pid, end, received, published, *_ in agent:
         for cid, arrivals in received.items():
             if cid in published:
                 latencies.append((published[cid][0][0] - arrivals[0]).total_seconds() * 1000)
-    kills = [(pid, sum(1 for c in rec if c not in pub))
-             for pid, end, rec, pub, _ in agent if end == "killed"]
+    # Per kill: commands inside (arrived, no answer logged), and those the
+    # killed process answered that the broker still delivered to the next
+    # one (no acknowledgement reached it), with the oldest one's age at the
+    # kill (the killed process's last line).
+    kills = []
+    for (pid, end, rec, pub, _, last), following in zip(agent, agent[1:] + [None]):
+        if end != "killed":
+            continue
+        again = [c for c in rec if c in pub and following and c in following[2]]
+        age = max(((last - rec[c][0]).total_seconds() * 1000 for c in again), default=0.0)
+        kills.append((sum(1 for c in rec if c not in pub), len(again), age))
     r["at_kill"] = kills
     for cid in ledger.sent:
         copies = ledger.answers.get(cid, [])
         stamps = set(copies)
-        for _, _, _, published, _ in agent:
+        for _, _, _, published, *_ in agent:
             stamps.update(s for _, s in published.get(cid, []) if s is not None)
         r["unknown_pid"] += sum(1 for s in stamps if s[0] not in pids)
-        in_runs = [(pid, end, cid in rec, cid in pub) for pid, end, rec, pub, _ in agent]
+        in_runs = [(pid, end, cid in rec, cid in pub) for pid, end, rec, pub, *_ in agent]
         at_kill = any(end == "killed" and got and not answered
                       for _, end, got, answered in in_runs)
         if len(stamps) >= 2:
@@ -137,6 +146,8 @@ def verdict(ledger, runs):
             r[key] += 1
             if one_process:
                 r["agent_ids"].append(cid)
+            else:
+                r["both_delivered"] += len(set(copies)) >= 2
         elif len(copies) >= 2:
             r["delivered_twice"] += 1
         elif len(copies) == 1:

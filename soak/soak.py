@@ -40,6 +40,9 @@ def parse_args():
                         help=f"(long form: {default}, short: {SHORT[name]})")
     ap.add_argument("--resend-after", type=float, default=15,
                     help="seconds without an answer before a command is sent again")
+    ap.add_argument("--agent-setting", action="append", default=[], metavar="NAME=VALUE",
+                    help="an agent setting (Node Manager key) written before it starts, e.g. "
+                         "mqtt_DuplicateMsgInterval=0 to see the suite catch a command run twice")
     ap.add_argument("--seed", type=int, default=None)
     ap.add_argument("--keep", action="store_true", help="keep the work folder and its logs")
     args = ap.parse_args()
@@ -52,8 +55,10 @@ def parse_args():
     return args
 
 
-def pair(cloud, agent):
+def pair(cloud, agent, settings):
     """Settings, start and provisioning of the desktop; its topics."""
+    for name, _, value in (s.partition("=") for s in settings):
+        agent.setting(name, value)
     agent.setting("mqtt_SslCertThumbprint", cloud.thumbprint)
     agent.setting("mqtt_IPCServerEnabled", "1")
     # The suite itself sends bad input on the IPC socket: admit this interpreter.
@@ -136,8 +141,11 @@ def report(args, r, faults, sampler, requester, took):
     for name, value in rows:
         print(f"  {name:62s} {value:7d}")
     print(f"  adds up: {'yes' if r['adds_up'] else 'NO'}")
-    print(f"\ninside the agent at a SIGKILL: {[n for _, n in r['at_kill']]} per kill; "
-          f"outcome {r['at_kill_outcome']}")
+    print("\nper SIGKILL of the agent: inside (arrived, no answer logged) / answered yet "
+          "delivered again to the next process / that one's age at the kill (ms)")
+    print("  " + ", ".join(f"{i}/{a}/{age:.0f}" for i, a, age in r["at_kill"]))
+    print(f"  inside at a kill, outcome: {r['at_kill_outcome']}; ran twice across a kill with "
+          f"both answers delivered: {r['both_delivered']}")
     if r["window_ms"]:
         print("arrival to answer published, agent log (ms): p50 %.1f  p99 %.1f  max %.1f  "
               "mean %.1f" % r["window_ms"])
@@ -159,7 +167,7 @@ def main():
         cloud = Cloud(args.build, work, proxy.port)
         proxy.upstream = ("127.0.0.1", cloud.port)
         agent = Agent(args.build, work, os.path.join(work, "desktop"))
-        topics = pair(cloud, agent)
+        topics = pair(cloud, agent, args.agent_setting)
         ledger = Ledger()
         requester = Requester("soak-requester", cloud.port, cloud.client_cert("soak-control"),
                               topics, ledger)
