@@ -2,7 +2,6 @@
 moments over the stream, run one after another on the fault thread."""
 import json
 import os
-import random
 import socket
 import threading
 import time

@@ -158,11 +158,23 @@ def report(args, r, faults, sampler, requester, took):
         print("\nagent faults, IDs: " + " ".join(r["agent_ids"][:50]))
 
 
+def failures(r, faults, counts):
+    failed = []
+    if r["agent_fault"]:
+        failed.append(f"the agent lost or ran twice {r['agent_fault']} commands")
+    if not r["adds_up"]:
+        failed.append("the ledger does not add up")
+    if faults.error or faults.done != counts:
+        failed.append(f"faults not all done: {faults.done} of {counts} ({faults.error!r})")
+    return failed
+
+
 def main():
     args = parse_args()
     rng = random.Random(args.seed)
     work = tempfile.mkdtemp(prefix="ndpx-soak.")
     proxy, cloud, agent, requester = StallProxy(), None, None, None
+    failed = ["did not finish"]  # kept for a look, until the run says otherwise
     try:
         cloud = Cloud(args.build, work, proxy.port)
         proxy.upstream = ("127.0.0.1", cloud.port)
@@ -180,17 +192,9 @@ def main():
         agent.stop()
         r = verdict(ledger, agent.runs)
         report(args, r, faults, sampler, requester, took)
-        failed = []
-        if r["agent_fault"]:
-            failed.append(f"the agent lost or ran twice {r['agent_fault']} commands")
-        if not r["adds_up"]:
-            failed.append("the ledger does not add up")
-        if faults.error or faults.done != counts:
-            failed.append(f"faults not all done: {faults.done} of {counts} ({faults.error!r})")
+        failed = failures(r, faults, counts)
         for line in failed:
             print("soak: FAILED: " + line)
-        if failed or args.keep:
-            print(f"soak: logs kept in {work}")
         return 1 if failed else 0
     finally:
         if requester:
@@ -200,7 +204,9 @@ def main():
         if cloud:
             cloud.stop()
         proxy.close()
-        if not args.keep and "failed" in locals() and not failed:
+        if failed or args.keep:
+            print(f"soak: logs kept in {work}")
+        else:
             shutil.rmtree(work, ignore_errors=True)
 
 
