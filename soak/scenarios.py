@@ -44,8 +44,10 @@ def big_command():
 
 def ipc_bad_input(path, payloads):
     """The same messages on the agent's local IPC socket, one connection
-    each (the agent may end a stream for a bad message). Returns how many
-    the socket took."""
+    each (the agent may end a stream for a bad message). Each connection
+    waits for the agent's identity message, which says it was admitted (a
+    peer gone before its admission is refused unread), and stays open a
+    moment after its send. Returns how many messages were sent admitted."""
     taken = 0
     for payload in payloads + [b"{" + b" " * (300 * 1024) + b"}",  # over the 256 KiB limit
                                json.dumps({"type": 7}).encode(),
@@ -55,10 +57,13 @@ def ipc_bad_input(path, payloads):
             with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as s:
                 s.settimeout(2)
                 s.connect(path)
+                s.recv(65536)  # "setidentity"
                 s.send(payload)
                 taken += 1
+                s.settimeout(0.3)
+                s.recv(65536)  # the agent ends the stream, or nothing comes
         except OSError:
-            pass  # too large for one packet, or refused: either is an answer
+            pass  # too large for one packet, refused or timed out: all answers
     return taken
 
 
