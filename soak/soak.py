@@ -95,9 +95,9 @@ class Sampler:
 
 def stream(args, requester, faults, sampler):
     """Commands at `rate` a second for `minutes`, resending overdue ones,
-    sampling at a third and two thirds; then the drain."""
+    sampling at a tenth and at half of it; then the drain."""
     seconds, sent, t0 = args.minutes * 60, 0, time.monotonic()
-    marks = [(seconds / 3, "start"), (seconds * 2 / 3, "middle")]
+    marks = [(seconds / 10, "start"), (seconds / 2, "middle")]
     faults.start()
     while (elapsed := time.monotonic() - t0) < seconds:
         while sent < int(elapsed * args.rate):
