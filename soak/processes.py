@@ -47,9 +47,13 @@ class Cloud:
         self.devcloud = os.path.join(build, "tools/devcloud/devcloud")
         self.work = work
         self.procs = []
-        self.dir = start_cloud(self.devcloud, work, self.procs, broker_args=["--persist"],
-                               credsvc_args=["--broker-host", "127.0.0.1", "--broker-port",
-                                             str(agent_port)])
+        try:
+            self.dir = start_cloud(self.devcloud, work, self.procs, broker_args=["--persist"],
+                                   credsvc_args=["--broker-host", "127.0.0.1", "--broker-port",
+                                                 str(agent_port)])
+        except BaseException:
+            stop_all(self.procs)  # the one that did start
+            raise
         self.broker_out = os.path.join(work, "broker.out")
         self.port = int(value_of(self.broker_out, "port"))
         assert wait_for_text(self.broker_out, "pid "), "the broker did not name its pid"
