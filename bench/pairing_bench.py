@@ -132,15 +132,17 @@ def stop_all(procs):
             p.kill()
 
 
-def start_cloud(devcloud, work, procs):
+def start_cloud(devcloud, work, procs, broker_args=(), credsvc_args=()):
     """A devcloud CA, broker and credential service under `work` (their
-    output in broker.out and credsvc.out); the devcloud folder."""
+    output in broker.out and credsvc.out, extra arguments for each given);
+    the devcloud folder."""
     cloud = os.path.join(work, "cloud")
     os.makedirs(cloud)
     subprocess.run([devcloud, "ca", "init", "--dir", cloud], check=True, capture_output=True)
-    for name in ("broker", "credsvc"):
+    for name, extra in (("broker", broker_args), ("credsvc", credsvc_args)):
         out = open(os.path.join(work, name + ".out"), "w")
-        procs.append(subprocess.Popen([devcloud, name, "--dir", cloud], stdout=out, stderr=out))
+        procs.append(subprocess.Popen([devcloud, name, "--dir", cloud, *extra], stdout=out,
+                                      stderr=out))
     assert wait_for(os.path.join(work, "broker.out"), "port ", 30), "broker did not start"
     assert wait_for(os.path.join(work, "credsvc.out"), "thumbprint ", 30), "service did not start"
     return cloud

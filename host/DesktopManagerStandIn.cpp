@@ -9,7 +9,10 @@
 #include <mfw/log.h>
 #include <platform/Paths.h>
 
+#include <unistd.h>
+
 #include <array>
+#include <atomic>
 #include <ctime>
 
 namespace ndpx::host {
@@ -89,6 +92,15 @@ void sendSessionReport(CORE::PropertyBag& response) {
     response.set(L"RESULT", L"OK");
 }
 
+// Which process ran a command, and its how-manieth run in that process: two
+// answers to one ID with different stamps mean the command ran twice, the
+// same stamp twice means one answer was delivered twice (soak/).
+void stampExecution(CORE::PropertyBag& response) {
+    static std::atomic<long long> runs{0};
+    response.setInt64(L"EXEC_PID", static_cast<long long>(::getpid()));
+    response.setInt64(L"EXEC_SEQ", ++runs);
+}
+
 class DesktopManagerOperation : public CORE::serviceOperation {
 public:
     bool handleMessage(const std::wstring& operation, CORE::PropertyBag& request,
@@ -115,6 +127,7 @@ public:
         }
         if (CORE::iequals(operation, L"Echo")) {
             response = request;  // benchmarks measure the transport, not the work
+            stampExecution(response);
             return true;
         }
         if (handleNotifyQueueMessage(operation, request, response)) {

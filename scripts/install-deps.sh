@@ -18,6 +18,7 @@ packages=(
   libcpp-httplib-dev
   libcli11-dev
   mosquitto mosquitto-clients
+  python3 python3-paho-mqtt
   procps
   tinyproxy
 )

@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -55,17 +56,25 @@ bool waitForFileText(const fs::path& file, const std::string& text, std::size_t 
     const platform::UniqueFd watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     const fs::path dir = file.has_parent_path() ? file.parent_path() : fs::path(".");
     // Writers may also replace the file (write a new one, then rename).
-    if (watch.get() < 0 ||
+    if (watch.get() >= 0 &&
         ::inotify_add_watch(watch.get(), dir.c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO) < 0) {
         throw std::runtime_error("inotify failed for " + dir.string());
     }
+    // The user's inotify instances are few and shared by all its processes:
+    // without one, look again every 20 ms.
+    const int recheckMs = watch.get() < 0 ? 20 : -1;
     for (;;) {
         // Read after the watch is in place, so that no write goes unseen.
         if (readTextFile(file).find(text, offset) != std::string::npos) {
             return true;
         }
         pollfd fds[2] = {{watch.get(), POLLIN, 0}, {exitFd, POLLIN, 0}};
-        const int n = ::poll(fds, exitFd >= 0 ? 2 : 1, remainingMs(deadline));
+        const int left = remainingMs(deadline);
+        const int n =
+            ::poll(fds, exitFd >= 0 ? 2 : 1, recheckMs < 0 ? left : std::min(left, recheckMs));
+        if (n == 0 && recheckMs > 0 && left > 0) {
+            continue;
+        }
         if (n == 0 || (n > 0 && (fds[1].revents & POLLIN) != 0)) {
             return false;
         }

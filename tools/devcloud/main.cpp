@@ -134,7 +134,8 @@ void reloadBroker(const ndpx::devcloud::BrokerProcess& process, const std::strin
     }
 }
 
-int broker(Home home, int port, bool noDelay, const std::string& bind, const std::string& crl) {
+int broker(Home home, int port, bool noDelay, const std::string& bind, const std::string& crl,
+           bool saveEveryChange) {
     home.initCa();
     const fs::path dir = home.dir() / "broker";
     fs::create_directories(dir / "store");
@@ -162,6 +163,7 @@ int broker(Home home, int port, bool noDelay, const std::string& bind, const std
         }
     }
     config.persistenceDir = (dir / "store").string();
+    config.saveEveryChange = saveEveryChange;
     config.logFile = (dir / "mosquitto.log").string();
     config.logToStdout = true;  // on the terminal, next to our own lines
     const fs::path conf = dir / "mosquitto.conf";
@@ -187,7 +189,8 @@ int broker(Home home, int port, bool noDelay, const std::string& bind, const std
                   << ndpx::devcloud::brokerEndpointFile(home.dir()).string() << "\n";
     }
     std::cout << "devcloud: broker ready on " << bind << " port " << config.port << "\n"
-              << "port " << config.port << std::endl;
+              << "port " << config.port << "\n"
+              << "pid " << process.pid() << std::endl;
     const ndpx::platform::UniqueFd sigFd(::signalfd(-1, &signals, SFD_CLOEXEC));
     pollfd fds[2] = {{sigFd.get(), POLLIN, 0}, {process.exitFd(), POLLIN, 0}};
     for (;;) {
@@ -459,6 +462,11 @@ int main(int argc, char** argv) {
     brokerCmd->add_option("--crl", brokerCrl,
                           "CRL of the CA (PEM, e.g. from ca crl): listed client certificates are "
                           "refused; SIGHUP reads it again");
+    bool persist = false;
+    brokerCmd->add_flag("--persist", persist,
+                        "Save the store after every change, so that a killed broker loses no "
+                        "session, subscription or message it acknowledged (default: saved when "
+                        "it stops)");
 
     std::string prefix;
     auto* certCmd = app.add_subcommand("client-cert", "Issue a client certificate");
@@ -601,7 +609,7 @@ int main(int argc, char** argv) {
             return caCrl(home, revokeFiles, crlOut);
         }
         if (brokerCmd->parsed()) {
-            return broker(home, port, !noNoDelay, bind, brokerCrl);
+            return broker(home, port, !noNoDelay, bind, brokerCrl, persist);
         }
         if (credsvcCmd->parsed()) {
             if (!brokerHost.empty() || brokerPort != 0) {

@@ -123,7 +123,7 @@ TEST_F(DesktopManagerStandInTest, GetHostFactsAndListSessionsAnswerWithTheMachin
     }
 }
 
-TEST_F(DesktopManagerStandInTest, EchoReturnsTheRequestUnchangedAndUnknownCommandsAnError) {
+TEST_F(DesktopManagerStandInTest, EchoReturnsTheRequestStampedAndUnknownCommandsAnError) {
     CORE::PropertyBag request;
     request.set(L"ID", L"42");
     request.add(L"DATA", L"x");
@@ -133,6 +133,14 @@ TEST_F(DesktopManagerStandInTest, EchoReturnsTheRequestUnchangedAndUnknownComman
     request.addBag(L"NESTED", nested);
     CORE::PropertyBag response;
     ASSERT_EQ(send(L"Echo", request, response), CORE::kErrorSuccess);
+    CORE::PropertyBag again;
+    ASSERT_EQ(send(L"Echo", request, again), CORE::kErrorSuccess);
+    // Each run is stamped with the process and a count of its own.
+    EXPECT_EQ(response.getInt64(L"EXEC_PID"), static_cast<long long>(::getpid()));
+    EXPECT_EQ(again.getInt64(L"EXEC_SEQ").value_or(0),
+              response.getInt64(L"EXEC_SEQ").value_or(0) + 1);
+    response.remove(L"EXEC_PID");
+    response.remove(L"EXEC_SEQ");
     EXPECT_EQ(response, request);
 
     CORE::PropertyBag unknown;
