@@ -200,6 +200,13 @@ int MqttManager::Connect() {
     options.willPayload = MqttManagerUtil::writeCompact(will);
     options.willQos = cfg->getLWTQoS();
     session_.setMarker(std::filesystem::path(folder) / "last-connected", material->clientId);
+    if (duplicates_->IsEnabled()) {
+        // Before any command can arrive: those answered by an earlier
+        // process may be delivered again.
+        for (const auto& id : answered_->open(std::filesystem::path(folder) / "answered-commands")) {
+            duplicates_->Record(id);
+        }
+    }
     if (!writeTlsMaterial(*material, options)) {
         TearDownConnection();
         return 0;

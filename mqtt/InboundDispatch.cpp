@@ -230,8 +230,14 @@ void MqttManager::onAsyncMsgComplete(void* context, const std::wstring& id, int 
     }
     int token = 0;
     const std::string text = MqttManagerUtil::writeCompact(answer);
-    if (self->DoPublishMessage(self->publishTopics().response, text, token, 1, false) &&
-        CORE::isLoggingAtLevel(CORE::kLogInfo)) {
+    const bool published =
+        self->DoPublishMessage(self->publishTopics().response, text, token, 1, false);
+    if (published && self->duplicates_->IsEnabled()) {
+        // The answer is in the library's persistence now; the command's
+        // acknowledgement may not have reached the broker yet.
+        self->answered_->record(id);
+    }
+    if (published && CORE::isLoggingAtLevel(CORE::kLogInfo)) {
         const std::string redacted = RedactWriter::write(answer);
         MFW_LOG(CORE::kLogInfo,
                 "MqttManager::PublishMessage(): Published message (%d) to topic %s: %s", token,

@@ -62,6 +62,7 @@ MqttManager::MqttManager(MqttManagerDependencies deps)
     duplicates_ = std::make_unique<DuplicateMessageHandler>(
         cfg->getDuplicateMsgInterval(),
         static_cast<std::uint32_t>(cfg->getDuplicateMsgTimerInterval()), *deps_.time);
+    answered_ = std::make_unique<AnsweredCommandLog>(cfg->getDuplicateMsgInterval(), *deps_.time);
     metrics_.load();
 }
 

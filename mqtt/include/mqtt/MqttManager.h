@@ -22,6 +22,7 @@
 #include "mqtt/SessionContinuity.h"
 #include "mqtt/Topics.h"
 #include "reports/AsyncReportGenerator.h"
+#include "services/AnsweredCommandLog.h"
 #include "services/DuplicateMessageHandler.h"
 #include "services/SerialExecutor.h"
 #include "templates/TemplateHandler.h"
@@ -244,6 +245,8 @@ private:
     std::int32_t state_ MFW_GUARDED_BY(stateLock_) = MQTT_STATE_UNKNOWN;
 
     std::unique_ptr<DuplicateMessageHandler> duplicates_;
+    // The answered IDs the filter takes back after a restart.
+    std::unique_ptr<AnsweredCommandLog> answered_;
     MqttLmMonConsumer metrics_;
 
     // Topics (copied out under the lock).
