@@ -203,7 +203,8 @@ int MqttManager::Connect() {
     if (duplicates_->IsEnabled()) {
         // Before any command can arrive: those answered by an earlier
         // process may be delivered again.
-        for (const auto& id : answered_->open(std::filesystem::path(folder) / "answered-commands")) {
+        for (const auto& id :
+             answered_->open(std::filesystem::path(folder) / "answered-commands")) {
             duplicates_->Record(id);
         }
     }

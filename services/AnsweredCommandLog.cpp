@@ -83,10 +83,9 @@ void AnsweredCommandLog::record(const std::wstring& id) {
         return;
     }
     // Keeps what is live, dropping what outlived the retention.
-    const auto expired =
-        std::find_if(live_.begin(), live_.end(), [&](const Entry& e) {
-            return now - e.unixSeconds < retentionSeconds_;
-        });
+    const auto expired = std::find_if(live_.begin(), live_.end(), [&](const Entry& e) {
+        return now - e.unixSeconds < retentionSeconds_;
+    });
     live_.erase(live_.begin(), expired);
     live_.push_back(Entry{now, toHex(CORE::toUtf8(id))});
     if (lines_ >= live_.size() + kCompactAfterLines) {

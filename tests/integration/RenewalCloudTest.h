@@ -27,6 +27,18 @@ protected:
         std::string serial;
         std::string pem;
     };
+
+    // Provisions the desktop `agent` runs for, waits until it is connected
+    // and its first certificate check found the certificate good, and
+    // returns that certificate.
+    Certificate pairAndAwaitFirstCheck(Process& agent) {
+        provisionInto(root_, url_, "vm7");
+        EXPECT_TRUE(agent.waitForLine(kConnected, std::chrono::seconds(60))) << agent.output();
+        EXPECT_TRUE(agent.waitForLine("CertMonitor::ClientCertificateRefresh(): Current "
+                                      "certificate is valid, checks complete."))
+            << agent.output();
+        return currentCertificate();
+    }
     // The client certificate in use, as certctl shows it.
     Certificate currentCertificate() {
         const std::string shown =

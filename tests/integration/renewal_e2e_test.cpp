@@ -226,13 +226,9 @@ TEST_F(CertificateRenewalTest, TheSwapTriggerRefreshesSwapsAndReconnects) {
     regctlSet("mqtt_CertExpiryDays", "7");
     auto renewer = startRenewer();
     auto agent = startAgent();
-    provisionInto(root_, url_, "vm7");
-    ASSERT_TRUE(agent->waitForLine(kConnected, 60s)) << agent->output();
-    ASSERT_TRUE(agent->waitForLine(
-        "CertMonitor::ClientCertificateRefresh(): Current certificate is valid, checks complete."))
-        << agent->output();
+    const Certificate old = pairAndAwaitFirstCheck(*agent);
+    ASSERT_FALSE(HasFailure());
     EXPECT_EQ(agent->countLines(kRequesting), 0u);
-    const Certificate old = currentCertificate();
 
     regctlSet("mqtt_TriggerCertSwap", "1");
     ASSERT_TRUE(agent->waitForLine(kSwapped, 60s)) << agent->output();

@@ -46,12 +46,8 @@ TEST_F(CredentialServiceRenewalTest,
     regctlSet("mqtt_HubRequestTimeout", "10");  // receive share: 2 s
     auto renewer = startRenewer();
     auto agent = startAgent();
-    provisionInto(root_, url_, "vm7");
-    ASSERT_TRUE(agent->waitForLine(kConnected, 60s)) << agent->output();
-    ASSERT_TRUE(agent->waitForLine(
-        "CertMonitor::ClientCertificateRefresh(): Current certificate is valid, checks complete."))
-        << agent->output();
-    const Certificate old = currentCertificate();
+    const Certificate old = pairAndAwaitFirstCheck(*agent);
+    ASSERT_FALSE(HasFailure());
 
     struct Case {
         const char* fault;

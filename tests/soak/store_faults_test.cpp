@@ -180,12 +180,8 @@ TEST_F(StoreFaultTest, ASettingsStoreFullAtTheSwapKeepsTheCertificateInUseUntilT
     });
     auto renewer = startRenewer();
     auto agent = startLimitableAgent(root_);
-    provisionInto(root_, url_, "vm7");
-    ASSERT_TRUE(agent->waitForLine(kConnected, 60s)) << agent->output();
-    ASSERT_TRUE(agent->waitForLine(
-        "CertMonitor::ClientCertificateRefresh(): Current certificate is valid, checks complete."))
-        << agent->output();
-    const Certificate old = currentCertificate();
+    const Certificate old = pairAndAwaitFirstCheck(*agent);
+    ASSERT_FALSE(HasFailure());
 
     // A pending certificate, asked to be swapped in at the next check.
     const auto renew =
