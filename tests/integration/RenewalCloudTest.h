@@ -34,8 +34,9 @@ protected:
     Certificate pairAndAwaitFirstCheck(Process& agent) {
         provisionInto(root_, url_, "vm7");
         EXPECT_TRUE(agent.waitForLine(kConnected, std::chrono::seconds(60))) << agent.output();
-        EXPECT_TRUE(agent.waitForLine("CertMonitor::ClientCertificateRefresh(): Current "
-                                      "certificate is valid, checks complete."))
+        EXPECT_TRUE(
+            agent.waitForLine("CertMonitor::ClientCertificateRefresh(): Current "
+                              "certificate is valid, checks complete."))
             << agent.output();
         return currentCertificate();
     }
