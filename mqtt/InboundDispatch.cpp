@@ -19,9 +19,9 @@ namespace {
 
 // Above this a message is no command, template or token answer, and is
 // dropped before it is parsed: parsing it would cost many times its size.
-constexpr std::size_t kMaxInboundBytes = 256 * 1024;
+constexpr std::size_t kMaxInboundBytes = std::size_t{256} * 1024;
 // After a message this large the heap hands its free pages back.
-constexpr std::size_t kReleaseMemoryAfterBytes = 64 * 1024;
+constexpr std::size_t kReleaseMemoryAfterBytes = std::size_t{64} * 1024;
 
 }  // namespace
 
