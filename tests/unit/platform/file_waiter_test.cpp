@@ -65,6 +65,9 @@ TEST(FileCreationWaiter, InterruptEndsTheWaitAndMissingDirectoryFails) {
 // file renamed into place (rename needs no descriptor) and still ends at once
 // on an interrupt.
 TEST(FileCreationWaiter, WithoutInotifyItPollsAfterSayingWhyAndStillEndsAtOnce) {
+    if (test::FdLimit::kSanitizerNeedsDescriptors) {
+        GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own";
+    }
     test::TempDir dir;
     const auto file = dir.path() / "spec.json";
     std::ofstream(dir.path() / "spec.tmp") << "{}";
@@ -100,6 +103,9 @@ TEST(FileCreationWaiter, WithoutInotifyItPollsAfterSayingWhyAndStillEndsAtOnce) 
 // is left for another), and the wait's end in the same directory leaves the
 // settings watch seeing changes.
 TEST(FileCreationWaiter, SharesTheProcesssInotifyInstanceWithTheSettingsWatch) {
+    if (test::FdLimit::kSanitizerNeedsDescriptors) {
+        GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own";
+    }
     test::TempDir dir;
     std::string error;
     const auto store = openSqliteSettingsStore((dir.path() / "registry.sqlite").string(), error);
