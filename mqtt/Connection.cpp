@@ -200,7 +200,7 @@ int MqttManager::Connect() {
     options.willPayload = MqttManagerUtil::writeCompact(will);
     options.willQos = cfg->getLWTQoS();
     session_.setMarker(std::filesystem::path(folder) / "last-connected", material->clientId);
-    if (duplicates_->IsEnabled()) {
+    if (duplicates_->IsEnabled() && !answeredLoaded_.exchange(true)) {
         // Before any command can arrive: those answered by an earlier
         // process may be delivered again.
         for (const auto& id :

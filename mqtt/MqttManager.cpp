@@ -238,11 +238,14 @@ bool MqttManager::Stop() {
     certMonitor_->Stop();
     config()->setLiveChangeHandlers({});
     duplicates_->Clear();
+    answeredLoaded_ = false;  // the next Start reads them again
     healing_.StopTearDownThread();
     TearDownConnection();
-    session_.disconnected();
     // The client is gone: no callback can queue more work. Finish what is queued.
     executor_.stop();
+    // After the executor: its connection events write the same marker, and
+    // its socket scan (no-delay) must not meet a file opened meanwhile.
+    session_.disconnected(true);
     // No completion of a command may run once the module is told to go.
     CORE::MessageFrameWork::System().CancelAsyncCompletions(this);
 

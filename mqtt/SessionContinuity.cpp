@@ -23,12 +23,18 @@ void SessionContinuity::connected(bool sessionPresent, bool cleanStart) {
     std::string clientId;
     std::string previousId;
     std::optional<platform::TimeSource::SteadyTime> lostAt;
+    bool mark = false;
     {
         std::lock_guard lock(mutex_);
         file = markerFile_;
         clientId = clientId_;
         previousId = std::exchange(lastConnectedId_, clientId_);
         lostAt = std::exchange(lostAt_, std::nullopt);
+        const auto now = time_.steadyNow();
+        mark = !markedAt_ || previousId != clientId || now - *markedAt_ >= std::chrono::seconds(5);
+        if (mark) {
+            markedAt_ = now;
+        }
     }
     if (!previousId.empty()) {
         reconnects_.fetch_add(1);
@@ -57,20 +63,27 @@ void SessionContinuity::connected(bool sessionPresent, bool cleanStart) {
                     static_cast<unsigned long long>(n));
         }
     }
-    if (!file.empty()) {
+    if (mark && !file.empty()) {
         writeMarker(file, clientId);
     }
 }
 
-void SessionContinuity::disconnected() {
+void SessionContinuity::disconnected(bool stopping) {
     std::filesystem::path file;
     std::string clientId;
     {
         std::lock_guard lock(mutex_);
-        if (lastConnectedId_.empty() || lostAt_) {
+        if (lastConnectedId_.empty() || (lostAt_ && !stopping)) {
             return;  // never connected, or already away
         }
-        lostAt_ = time_.steadyNow();
+        const auto now = time_.steadyNow();
+        if (!lostAt_) {
+            lostAt_ = now;
+        }
+        if (!stopping && markedAt_ && now - *markedAt_ < std::chrono::seconds(5)) {
+            return;  // a flapping connection: the marker is recent enough
+        }
+        markedAt_ = now;
         file = markerFile_;
         clientId = lastConnectedId_;
     }
@@ -91,6 +104,7 @@ std::optional<SessionContinuity::Marker> SessionContinuity::readMarker(
 
 void SessionContinuity::writeMarker(const std::filesystem::path& file,
                                     const std::string& clientId) const {
+    std::lock_guard lock(writeMutex_);
     std::ostringstream text;
     text << duration_cast<seconds>(time_.systemNow().time_since_epoch()).count() << '\n'
          << clientId << '\n';

@@ -247,6 +247,9 @@ private:
     std::unique_ptr<DuplicateMessageHandler> duplicates_;
     // The answered IDs the filter takes back after a restart.
     std::unique_ptr<AnsweredCommandLog> answered_;
+    // Read once a process: later connections of the same process have the
+    // IDs in the filter already.
+    std::atomic<bool> answeredLoaded_{false};
     MqttLmMonConsumer metrics_;
 
     // Topics (copied out under the lock).

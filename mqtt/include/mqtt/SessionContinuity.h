@@ -27,8 +27,8 @@ public:
     // A connection was made; `sessionPresent` as the broker answered. Logs
     // and counts a session that was expected and is gone.
     void connected(bool sessionPresent, bool cleanStart);
-    // The connection was lost or closed.
-    void disconnected();
+    // The connection was lost, or (`stopping`) closed for good.
+    void disconnected(bool stopping = false);
 
     std::uint64_t lostSessions() const { return lost_.load(); }
     std::uint64_t reconnects() const { return reconnects_.load(); }
@@ -43,11 +43,17 @@ private:
 
     platform::TimeSource& time_;
     std::mutex mutex_;
+    // The dispatch thread's connection events and Stop's own both write the
+    // marker: one at a time, so the file holds the last of them whole.
+    mutable std::mutex writeMutex_;
     std::filesystem::path markerFile_;
     std::string clientId_;
     // The client ID of this process's last connection, empty before the first.
     std::string lastConnectedId_;
     std::optional<platform::TimeSource::SteadyTime> lostAt_;
+    // When a connection last wrote the marker: a connection that flaps
+    // writes it at most every few seconds.
+    std::optional<platform::TimeSource::SteadyTime> markedAt_;
     std::atomic<std::uint64_t> lost_{0};
     std::atomic<std::uint64_t> reconnects_{0};
 };
