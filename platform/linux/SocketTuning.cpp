@@ -1,4 +1,5 @@
 #include <platform/SocketTuning.h>
+#include <platform/UniqueFd.h>
 
 #include <arpa/inet.h>
 #include <dirent.h>
@@ -6,7 +7,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -42,6 +43,21 @@ bool samePeer(const sockaddr_storage& a, const sockaddr* b) {
     return false;
 }
 
+// Another thread may close or reuse any descriptor number at any moment, so the
+// scan never touches one directly: it takes its own copy of the socket through
+// a pidfd and works on that. What the copy names was the socket at that number
+// when it was taken; the peer check decides whether it is one of ours.
+// (Called through syscall(): glibc 2.36's <sys/pidfd.h> is not usable from C++.)
+UniqueFd copyOfOwnDescriptor(int pidfd, int fd) {
+    return UniqueFd(static_cast<int>(syscall(SYS_pidfd_getfd, pidfd, fd, 0)));
+}
+
+bool isSocketLink(int dirFd, const char* name) {
+    char target[64];
+    const ssize_t n = readlinkat(dirFd, name, target, sizeof target - 1);
+    return n > 0 && std::strncmp(target, "socket:", 7) == 0;
+}
+
 }  // namespace
 
 int setNoDelayForPeer(const std::string& host, int port) {
@@ -54,31 +70,29 @@ int setNoDelayForPeer(const std::string& host, int port) {
     }
     std::unique_ptr<addrinfo, AddrInfoDeleter> addresses(raw);
 
+    const UniqueFd self(static_cast<int>(syscall(SYS_pidfd_open, getpid(), 0)));
     std::unique_ptr<DIR, DirDeleter> dir(opendir("/proc/self/fd"));
-    if (!dir) {
+    if (!self || !dir) {
         return 0;
     }
     int changed = 0;
     while (dirent* entry = readdir(dir.get())) {
         char* end = nullptr;
         const long fd = std::strtol(entry->d_name, &end, 10);
-        if (end == entry->d_name || *end != '\0' || fd == dirfd(dir.get())) {
+        if (end == entry->d_name || *end != '\0' ||
+            !isSocketLink(dirfd(dir.get()), entry->d_name)) {
             continue;
         }
-        struct stat st {};
-        if (fstat(static_cast<int>(fd), &st) != 0 || !S_ISSOCK(st.st_mode)) {
-            continue;
-        }
+        const UniqueFd copy = copyOfOwnDescriptor(self.get(), static_cast<int>(fd));
         sockaddr_storage peer{};
         socklen_t len = sizeof peer;
-        if (getpeername(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&peer), &len) != 0) {
+        if (!copy || getpeername(copy.get(), reinterpret_cast<sockaddr*>(&peer), &len) != 0) {
             continue;
         }
         for (const addrinfo* a = addresses.get(); a != nullptr; a = a->ai_next) {
             if (samePeer(peer, a->ai_addr)) {
                 const int on = 1;
-                if (setsockopt(static_cast<int>(fd), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) ==
-                    0) {
+                if (setsockopt(copy.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0) {
                     ++changed;
                 }
                 break;
