@@ -182,6 +182,9 @@ int MqttManager::Connect() {
     create.maxBufferedMessages = cfg->getMaxBufferedMessages();
     create.allowDisconnectedSendAtAnyTime = cfg->getAllowDisconnectedSendAtAnyTime();
     create.deleteOldestMessages = cfg->getDeleteOldestMessages();
+    create.storeLog = [](const std::string& line) {
+        MFW_LOG(CORE::kLogWarning, "MessageStore: %s", line.c_str());
+    };
 
     MqttConnectOptions options;
     options.keepAliveSeconds = cfg->getKeepAliveInterval();

@@ -4,6 +4,8 @@
 
 #include "mqtt/MqttClient.h"
 
+#include "PahoPersistence.h"
+
 #include <MQTTAsync.h>
 
 #include <cstring>
@@ -67,8 +69,9 @@ MqttFailure toFailure(const MQTTAsync_failureData5* data) {
 
 class PahoMqttClient : public MqttClient {
 public:
-    PahoMqttClient(MQTTAsync handle, MqttClientListener& listener)
-        : handle_(handle), listener_(listener) {}
+    PahoMqttClient(MQTTAsync handle, MqttClientListener& listener,
+                   std::unique_ptr<PahoPersistence> persistence)
+        : persistence_(std::move(persistence)), handle_(handle), listener_(listener) {}
 
     ~PahoMqttClient() override {
         MQTTAsync_destroy(&handle_);
@@ -334,6 +337,7 @@ private:
         return 1;
     }
 
+    std::unique_ptr<PahoPersistence> persistence_;  // outlives handle_: destroyed after it
     MQTTAsync handle_;
     MqttClientListener& listener_;
     MqttConnectOptions options_;
@@ -355,14 +359,18 @@ MqttClientFactory pahoClientFactory() {
         create.deleteOldestMessages = o.deleteOldestMessages ? 1 : 0;
         create.restoreMessages = 1;
         create.persistQoS0 = 1;
+        auto persistence = o.persistenceDir.empty()
+                               ? nullptr
+                               : std::make_unique<PahoPersistence>(o.persistenceDir, o.storeLog);
         MQTTAsync handle = nullptr;
-        rc = MQTTAsync_createWithOptions(&handle, o.serverUri.c_str(), o.clientId.c_str(),
-                                         MQTTCLIENT_PERSISTENCE_DEFAULT,
-                                         const_cast<char*>(o.persistenceDir.c_str()), &create);
+        rc = MQTTAsync_createWithOptions(
+            &handle, o.serverUri.c_str(), o.clientId.c_str(),
+            persistence ? MQTTCLIENT_PERSISTENCE_USER : MQTTCLIENT_PERSISTENCE_NONE,
+            persistence ? persistence->callbacks() : nullptr, &create);
         if (rc != MQTTASYNC_SUCCESS) {
             return nullptr;
         }
-        return std::make_unique<PahoMqttClient>(handle, listener);
+        return std::make_unique<PahoMqttClient>(handle, listener, std::move(persistence));
     };
 }
 

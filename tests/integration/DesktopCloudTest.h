@@ -48,14 +48,19 @@ protected:
             argv.insert(argv.end(), {"--port", std::to_string(brokerPort_)});
         }
         argv.insert(argv.end(), brokerArgs.begin(), brokerArgs.end());
+        stopBroker();
+        broker_ = std::make_unique<Process>(argv);
+        ASSERT_TRUE(broker_->waitForLine("port ", std::chrono::seconds(30))) << broker_->output();
+        brokerPort_ = std::stoi(broker_->valueAfter("port"));
+    }
+
+    void stopBroker() {
         if (broker_) {
             // Asked, devcloud stops its mosquitto too and the port is free.
             broker_->signal(SIGTERM);
             EXPECT_TRUE(broker_->wait(std::chrono::seconds(10)).has_value());
+            broker_.reset();
         }
-        broker_ = std::make_unique<Process>(argv);
-        ASSERT_TRUE(broker_->waitForLine("port ", std::chrono::seconds(30))) << broker_->output();
-        brokerPort_ = std::stoi(broker_->valueAfter("port"));
     }
 
     void regctlSet(const std::string& name, const std::string& value) {

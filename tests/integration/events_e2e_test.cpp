@@ -1,9 +1,12 @@
 // An agent event, end to end: an operator has the desktop report an event
 // with agentctl; agenthost with the module writes it to a journal socket the test
 // binds and to the host log, and the module publishes it on the events topic.
+// Events accepted while the broker is away outlive a kill of the agent.
 
 #include "DesktopCloudTest.h"
 #include "support/JournalSocket.h"
+
+#include <set>
 
 namespace ndpx::test {
 namespace {
@@ -53,6 +56,35 @@ TEST_F(EventsTest, AnEventReachesTheJournalTheHostLogAndTheEventsTopic) {
               std::string::npos)
         << published;
     stop(agent);
+}
+
+// What the agent accepted while the broker was away rests in its message
+// store; a SIGKILL loses none of it, and the next process sends it.
+TEST_F(EventsTest, EventsAcceptedWhileTheBrokerIsAwayOutliveAKilledAgent) {
+    startCloud();
+    auto agent = startAgent();
+    provisionInto(root_, url_, "vm7");
+    ASSERT_TRUE(agent->waitForLine(kConnected, 60s)) << agent->output();
+    stopBroker();
+    ASSERT_TRUE(agent->waitForLine("Connection lost", 20s)) << agent->output();
+    for (const char* n : {"N=1", "N=2", "N=3"}) {
+        ASSERT_EQ(agentctl({"event", "1019", n}).status, 0);
+    }
+    ASSERT_TRUE(agent->waitForLine(R"("N":"3")", 10s)) << agent->output();
+    agent->signal(SIGKILL);
+    ASSERT_TRUE(agent->wait(10s));
+
+    startBroker({});
+    auto watch = watcher();
+    auto next = startAgent();
+    std::set<std::string> seen;
+    while (seen.size() < 3) {
+        const auto payload = watch->waitForPayload("desktop/e1/vm7/agent/eventlogger", 30s);
+        ASSERT_TRUE(payload) << next->output();
+        seen.insert(*payload);
+    }
+    EXPECT_TRUE(seen.contains(R"({"Type":"1019","attributes":{"N":"2"}})")) << *seen.begin();
+    stop(*next);
 }
 
 }  // namespace

@@ -33,7 +33,12 @@ struct MqttFailure {
 struct MqttCreateOptions {
     std::string serverUri;
     std::string clientId;
+    // Where the client keeps what the broker has not acknowledged; empty:
+    // nowhere (kept in memory only).
     std::string persistenceDir;
+    // Told what goes wrong with that store, a line at a time, on whichever
+    // thread met it.
+    std::function<void(const std::string&)> storeLog = [](const std::string&) {};
     bool sendWhileDisconnected = true;
     int maxBufferedMessages = 2000;
     bool allowDisconnectedSendAtAnyTime = true;
