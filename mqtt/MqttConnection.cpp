@@ -23,7 +23,11 @@ public:
         });
     }
     void onDeliveryComplete(int token) override {
-        owner_.handOff_([&l = owner_.listener_, token] { l.onDeliveryComplete(token); });
+        // Only a debug line comes of it: no wake-up of the dispatch thread
+        // per publication unless that line is wanted.
+        if (CORE::isLoggingAtLevel(CORE::kLogDebug)) {
+            owner_.handOff_([&l = owner_.listener_, token] { l.onDeliveryComplete(token); });
+        }
     }
     void onConnected(const std::string& cause, bool sessionPresent) override {
         ifCurrent([cause, sessionPresent](MqttClientListener& l) {
