@@ -1,5 +1,4 @@
 #include <platform/SocketTuning.h>
-#include <platform/UniqueFd.h>
 
 #include <arpa/inet.h>
 #include <dirent.h>
@@ -47,10 +46,27 @@ bool samePeer(const sockaddr_storage& a, const sockaddr* b) {
 // scan never touches one directly: it takes its own copy of the socket through
 // a pidfd and works on that. What the copy names was the socket at that number
 // when it was taken; the peer check decides whether it is one of ours.
-// (Called through syscall(): glibc 2.36's <sys/pidfd.h> is not usable from C++.)
-UniqueFd copyOfOwnDescriptor(int pidfd, int fd) {
-    return UniqueFd(static_cast<int>(syscall(SYS_pidfd_getfd, pidfd, fd, 0)));
-}
+//
+// The pidfd and the copies are made by system calls no instrumentation sees
+// (glibc 2.36's <sys/pidfd.h> is not usable from C++), so they are closed the
+// same way: a race detector that never saw them made would otherwise blame
+// their closing on whoever last used the same number.
+class ScanFd {
+public:
+    explicit ScanFd(long fd) : fd_(static_cast<int>(fd)) {}
+    ~ScanFd() {
+        if (fd_ >= 0) {
+            syscall(SYS_close, fd_);
+        }
+    }
+    ScanFd(const ScanFd&) = delete;
+    ScanFd& operator=(const ScanFd&) = delete;
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+
+private:
+    int fd_;
+};
 
 bool isSocketLink(int dirFd, const char* name) {
     char target[64];
@@ -70,7 +86,7 @@ int setNoDelayForPeer(const std::string& host, int port) {
     }
     std::unique_ptr<addrinfo, AddrInfoDeleter> addresses(raw);
 
-    const UniqueFd self(static_cast<int>(syscall(SYS_pidfd_open, getpid(), 0)));
+    const ScanFd self(syscall(SYS_pidfd_open, getpid(), 0));
     std::unique_ptr<DIR, DirDeleter> dir(opendir("/proc/self/fd"));
     if (!self || !dir) {
         return 0;
@@ -83,7 +99,7 @@ int setNoDelayForPeer(const std::string& host, int port) {
             !isSocketLink(dirfd(dir.get()), entry->d_name)) {
             continue;
         }
-        const UniqueFd copy = copyOfOwnDescriptor(self.get(), static_cast<int>(fd));
+        const ScanFd copy(syscall(SYS_pidfd_getfd, self.get(), static_cast<int>(fd), 0));
         sockaddr_storage peer{};
         socklen_t len = sizeof peer;
         if (!copy || getpeername(copy.get(), reinterpret_cast<sockaddr*>(&peer), &len) != 0) {
