@@ -6,14 +6,14 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 #include <vector>
 
 namespace ndpx::platform {
 namespace {
 
 std::string reason(const char* what) {
-    return std::string(what) + ": " + std::strerror(errno);
+    return std::string(what) + ": " + std::generic_category().message(errno);
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ public:
     std::uint64_t fileBytes();
 
     // Dead bytes that start a rewrite (when they also outweigh the live ones).
-    static constexpr std::uint64_t kCompactAfterDeadBytes = 256 * 1024;
+    static constexpr std::uint64_t kCompactAfterDeadBytes = std::uint64_t{256} * 1024;
 
 private:
     struct Location {
