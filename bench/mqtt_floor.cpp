@@ -12,7 +12,10 @@
 #include <signal.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <string>
 
 int main(int argc, char** argv) {
     CLI::App app{"mqtt_floor: raw MQTT echo responder (or idle subscriber) for the benchmarks"};

@@ -20,6 +20,9 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 namespace {
 
