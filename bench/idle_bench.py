@@ -8,13 +8,15 @@ certificate, subscribed to one desktop's commands topic, the agent's
 keep-alive and session expiry), lets both settle, and then watches both
 processes for --seconds. It reports for each:
   RSS, PSS      VmRSS and Pss (/proc/PID/smaps_rollup) at the end, MiB
-  CPU           utime + stime over the window, % of one core
+  CPU           utime + stime over the window, % of one core (clock ticks)
+  run ms/min    the threads' run time (schedstat, ns), ms per minute
   threads       at the end
   wake-ups/s    voluntary + non-voluntary context switches of all threads
                 over the window, per second
 and agent / subscriber for each, and the agent's threads that switched most.
 
 Usage: python3 bench/idle_bench.py [--build build] [--seconds 120] [--settle 10]
+           [--log-level 2] [--metrics-interval S]
 """
 import argparse
 import os
@@ -36,16 +38,22 @@ def cpu_ticks(pid):
     return int(fields[11]) + int(fields[12])
 
 
-def switches_by_thread(pid):
-    """{(tid, name): voluntary + non-voluntary switches} of the threads alive now."""
+def threads_of(pid):
+    """{(tid, name): (context switches, run time in ns)} of the threads alive now;
+    switches are voluntary + non-voluntary, run time from schedstat (finer
+    than the clock ticks of utime and stime)."""
     out = {}
     for tid in os.listdir(f"/proc/{pid}/task"):
+        task = f"/proc/{pid}/task/{tid}"
         try:
-            with open(f"/proc/{pid}/task/{tid}/comm") as f:
+            with open(task + "/comm") as f:
                 name = f.read().strip()
-            with open(f"/proc/{pid}/task/{tid}/status") as f:
-                out[(tid, name)] = sum(int(line.split()[1]) for line in f
-                                       if line.endswith("ctxt_switches:", 0, line.index(":") + 1))
+            with open(task + "/status") as f:
+                switches = sum(int(line.split()[1]) for line in f
+                               if line.endswith("ctxt_switches:", 0, line.index(":") + 1))
+            with open(task + "/schedstat") as f:
+                run_ns = int(f.read().split()[0])
+            out[(tid, name)] = (switches, run_ns)
         except OSError:
             pass  # it ended while we looked
     return out
@@ -56,21 +64,21 @@ class Watch:
 
     def __init__(self, pid):
         self.pid = pid
-        self.ticks, self.switches, self.start = cpu_ticks(pid), switches_by_thread(pid), \
-            time.monotonic()
+        self.ticks, self.threads, self.start = cpu_ticks(pid), threads_of(pid), time.monotonic()
 
     def finish(self):
         seconds = time.monotonic() - self.start
-        now = switches_by_thread(self.pid)
-        # A thread that ended during the window takes its count with it.
-        delta = {k: v - self.switches.get(k, 0) for k, v in now.items()}
-        self.busiest = sorted(delta.items(), key=lambda kv: -kv[1])[:5]
+        # A thread that ended during the window takes its counts with it.
+        delta = {k: [now - then for now, then in zip(v, self.threads.get(k, (0, 0)))]
+                 for k, v in threads_of(self.pid).items()}
+        self.busiest = sorted(delta.items(), key=lambda kv: -kv[1][0])[:5]
         return {
             "RSS MiB": read_proc(self.pid, "status", "VmRSS:") / 1024,
             "PSS MiB": read_proc(self.pid, "smaps_rollup", "Pss:") / 1024,
             "CPU %": 100 * (cpu_ticks(self.pid) - self.ticks) / TICKS / seconds,
+            "run ms/min": sum(d[1] for d in delta.values()) / 1e6 / seconds * 60,
             "threads": read_proc(self.pid, "status", "Threads:"),
-            "wake-ups/s": sum(delta.values()) / seconds,
+            "wake-ups/s": sum(d[0] for d in delta.values()) / seconds,
         }
 
 
@@ -81,8 +89,12 @@ def main():
     ap.add_argument("--settle", type=float, default=10,
                     help="seconds after connecting before the window starts")
     ap.add_argument("--log-level", type=int, default=2, help="the agent's (2 is its default)")
+    ap.add_argument("--metrics-interval", type=int,
+                    help="agenthost's seconds between metric collections (default: its own)")
     args = ap.parse_args()
-    with PairedAgent(args.build, "ndpx-idle-bench.", log_level=args.log_level) as a:
+    extra = ["--metrics-interval", str(args.metrics_interval)] if args.metrics_interval else []
+    with PairedAgent(args.build, "ndpx-idle-bench.", log_level=args.log_level,
+                     agent_args=extra) as a:
         cert = a.client_cert("bench-idle")
         floor = subprocess.Popen([a.tool("bench/mqtt_floor"), "--idle", "--port", str(a.port),
                                   "--ca", a.ca, "--cert", cert, "--client-id", "bench-idle",
@@ -102,10 +114,11 @@ def main():
     for key in got["agent"]:
         ag, sub = got["agent"][key], got["subscriber"][key]
         f = ".0f" if key == "threads" else ".2f"
-        print(f"{key:12s} {ag:10{f}} {sub:11{f}} {ag / sub if sub else float('nan'):10.2f}")
-    print("agent's threads that switched most (switches in the window):")
-    for (tid, name), n in watches["agent"].busiest:
-        print(f"  {name:16s} {tid:>8s} {n:6d}")
+        ratio = f"{ag / sub:10.2f}" if sub else f"{'-':>10s}"
+        print(f"{key:12s} {ag:10{f}} {sub:11{f}} {ratio}")
+    print("agent's threads that switched most (switches, run ms in the window):")
+    for (tid, name), (n, run_ns) in watches["agent"].busiest:
+        print(f"  {name:16s} {tid:>8s} {n:6d} {run_ns / 1e6:8.1f}")
 
 
 if __name__ == "__main__":

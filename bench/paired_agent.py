@@ -22,9 +22,10 @@ def read_proc(pid, name, key):
 class PairedAgent:
     """Use as a context manager; everything stops and the folder goes at the end."""
 
-    def __init__(self, build, prefix, log_level=2, vm_id="vm7", settings=()):
+    def __init__(self, build, prefix, log_level=2, vm_id="vm7", settings=(), agent_args=()):
         self.build, self.prefix, self.log_level, self.vm_id = build, prefix, log_level, vm_id
         self.settings = settings  # (key, name, value) written before the agent starts
+        self.agent_args = list(agent_args)  # more agenthost options
         self.procs = []
         self.desktop = "e1/" + vm_id
 
@@ -52,7 +53,10 @@ class PairedAgent:
         url = value_of(credsvc_out, "url")
         self.ca = os.path.join(self.cloud, "ca.pem")
         self.root = os.path.join(self.work, "desktop")
-        settings = [(NODE_MANAGER, "mqtt_SslCertThumbprint", value_of(credsvc_out, "thumbprint"))]
+        settings = [(NODE_MANAGER, "mqtt_SslCertThumbprint", value_of(credsvc_out, "thumbprint")),
+                    # The fresh 30-day certificate stays outside the renewal window:
+                    # no renewal attempt runs during a measurement.
+                    (NODE_MANAGER, "mqtt_CertExpiryDays", "7")]
         for key, name, value in settings + list(self.settings):
             subprocess.run([self.tool("tools/regctl/regctl"), "--root", self.root, "set", key,
                             name, value], check=True, capture_output=True)
@@ -60,7 +64,7 @@ class PairedAgent:
         self.agent = subprocess.Popen(
             [self.tool("host/agenthost"), "--root", self.root, "--plugin",
              self.tool("plugin/ndpx_mqtt.so"), "--log-level", str(self.log_level), "--log-file",
-             self.log], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+             self.log, *self.agent_args], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.procs.append(self.agent)
         subprocess.run([devcloud, "provision", "--dir", self.cloud, "--root", self.root, "--url",
                         url, "--vm-id", self.vm_id, "--edge-id", "e1", "--short-template-id",
