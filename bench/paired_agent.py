@@ -6,17 +6,24 @@ import os
 import shutil
 import subprocess
 import tempfile
+import time
 
-from pairing_bench import NODE_MANAGER, start_cloud, stop_all, value_of, wait_for
+from pairing_bench import NODE_MANAGER, start_cloud, stop_all, value_of
 
-# Logged at the agent's default level (2), unlike the state line.
-CONNECTED = "Reconnected to MQTT broker"
+# The agent's topics; it is ready once the broker has logged all its
+# subscriptions (whatever the agent's own log level).
+AGENT_SUBSCRIPTIONS = 5
 
 
 def read_proc(pid, name, key):
     """The number after `key` in /proc/PID/<name> ("status", "smaps_rollup")."""
     with open(f"/proc/{pid}/{name}") as f:
         return next(int(line.split()[1]) for line in f if line.startswith(key))
+
+
+def count_lines(path, text):
+    with open(path, encoding="utf-8", errors="replace") as f:
+        return sum(text in line for line in f)
 
 
 class PairedAgent:
@@ -69,7 +76,12 @@ class PairedAgent:
         subprocess.run([devcloud, "provision", "--dir", self.cloud, "--root", self.root, "--url",
                         url, "--vm-id", self.vm_id, "--edge-id", "e1", "--short-template-id",
                         "t3"], check=True, capture_output=True)
-        assert wait_for(self.log, CONNECTED, 60), "the agent did not connect; see " + self.log
+        broker_log = os.path.join(self.cloud, "broker", "mosquitto.log")
+        subscribed = f": e1t3_{self.vm_id} 1 desktop/"
+        deadline = time.monotonic() + 60
+        while count_lines(broker_log, subscribed) < AGENT_SUBSCRIPTIONS:
+            assert time.monotonic() < deadline, "the agent did not connect; see " + self.log
+            time.sleep(0.05)
 
     def client_cert(self, cn):
         """A certificate for one of the bench's clients: its file prefix."""
