@@ -1,37 +1,31 @@
 #pragma once
 // Command round trip over a real broker: a control-plane client publishes a
 // command at QoS 1 on a desktop's commands topic and waits for the answer
-// with the same "ID" on its response topic. Whatever answers is a Responder:
-// a raw MQTT echo client gives the floor; the real agent plugs in as another
-// Responder and is measured on the same broker in the same run.
+// with the same "ID" on its response topic. Every responder is a process of
+// its own (the agent, the raw floors), measured the same way; the context
+// switches of its threads are counted around each measurement.
 
-#include "support/MosquittoBroker.h"
+#include <devcloud/MqttClient.h>
+
+#include <sys/types.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
-#include <functional>
-#include <memory>
+#include <cstdint>
+#include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace ndpx::bench {
 
-class Responder {
-public:
-    virtual ~Responder() = default;
-    // Short name for the table ("floor", "agent", ...).
-    virtual std::string name() const = 0;
-    // Starts answering commands for desktopId() on `broker`; its broker
-    // sockets get TCP_NODELAY when `noDelay`. Throws when it cannot.
-    virtual void start(test::MosquittoBroker& broker, bool noDelay) = 0;
-    // The identifier in the desktop's topics.
-    virtual std::string desktopId() const = 0;
-    // The command to send; the responder answers it without real work.
-    virtual std::string command() const { return "Echo"; }
+// A process answering commands for one desktop.
+struct Target {
+    std::string name;       // for the table: "floor", "floor+file", "agent"
+    std::string desktopId;  // the identifier in its topics
+    pid_t pid = -1;
 };
-
-// Makes a fresh responder for each broker configuration.
-using ResponderFactory = std::function<std::unique_ptr<Responder>()>;
 
 struct RunLimits {
     std::size_t roundTrips = 2000;
@@ -41,23 +35,48 @@ struct RunLimits {
 };
 
 struct Measurement {
-    std::string responder;
-    bool noDelay = true;
-    std::size_t inFlight = 1;
     std::size_t completed = 0;
     std::size_t lost = 0;  // no answer within the answer time-out
     double seconds = 0;
     double p50Ms = 0;
     double p99Ms = 0;
     double perSecond = 0;
+    double switchesPerCommand = 0;  // the responder's, over all its threads
 };
 
-// Sends commands to `responder` through `broker` with `inFlight` outstanding
-// at a time until `limits` are reached.
-Measurement measure(test::MosquittoBroker& broker, Responder& responder, bool noDelay,
-                    std::size_t inFlight, const RunLimits& limits);
+// The control plane's side: one client, subscribed to the response topic of
+// every target; sends commands and matches answers by "ID".
+class Requester {
+public:
+    Requester(devcloud::ClientOptions options, const std::vector<Target>& targets);
+    Requester(const Requester&) = delete;
+    Requester& operator=(const Requester&) = delete;
 
-// The raw Paho echo client: answers with the request itself.
-std::unique_ptr<Responder> makeFloorResponder();
+    // Keeps `inFlight` "Echo" commands to `target` outstanding until
+    // `limits` are reached, after a warm-up.
+    Measurement measure(const Target& target, std::size_t inFlight, const RunLimits& limits);
+    // Sends single commands until one is answered (the responder is
+    // subscribed), at most for `limit`.
+    bool waitAnswering(const Target& target, std::chrono::milliseconds limit);
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    bool send(const std::string& topic);
+    std::vector<double> takeAnswers(std::chrono::milliseconds limit);
+    std::size_t dropOutstanding();
+    std::vector<double> drive(const std::string& topic, std::size_t inFlight, std::size_t count,
+                              Clock::time_point deadline, std::chrono::milliseconds answerTimeout,
+                              std::size_t& lost);
+    void onAnswer(const devcloud::Message& m);
+
+    const std::string idPrefix_;  // IDs never repeat, not even across runs against one agent
+    std::size_t seq_ = 0;
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::unordered_map<std::string, Clock::time_point> sent_;
+    std::vector<double> latenciesMs_;
+    devcloud::MqttClient client_;  // last: its callbacks use the members above
+};
 
 }  // namespace ndpx::bench

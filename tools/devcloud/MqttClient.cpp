@@ -45,8 +45,12 @@ MqttClient::MqttClient(ClientOptions options) : options_(std::move(options)) {
     // The library is set up once per process, shared with any session in it.
     initMqttClientLibrary();
     MQTTAsync_createOptions create = MQTTAsync_createOptions_initializer5;
-    int rc = MQTTAsync_createWithOptions(&handle_, uri.c_str(), options_.clientId.c_str(),
-                                         MQTTCLIENT_PERSISTENCE_NONE, nullptr, &create);
+    const bool persist = !options_.persistenceDir.empty();
+    // The library takes a non-const folder name but only reads it.
+    int rc = MQTTAsync_createWithOptions(
+        &handle_, uri.c_str(), options_.clientId.c_str(),
+        persist ? MQTTCLIENT_PERSISTENCE_DEFAULT : MQTTCLIENT_PERSISTENCE_NONE,
+        persist ? const_cast<char*>(options_.persistenceDir.c_str()) : nullptr, &create);
     if (rc != MQTTASYNC_SUCCESS) {
         throw std::runtime_error("MQTTAsync_createWithOptions failed: " + std::to_string(rc));
     }

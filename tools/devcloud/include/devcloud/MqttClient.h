@@ -36,6 +36,9 @@ struct ClientOptions {
     bool automaticReconnect = false;
     bool noDelay = true;  // TCP_NODELAY on the broker socket after every (re)connect
     int keepAliveSeconds = 30;
+    // Empty: nothing kept on disk; else the library's file persistence in
+    // this folder, as a desktop agent keeps its unacknowledged messages.
+    std::string persistenceDir;
 };
 
 struct Message {
