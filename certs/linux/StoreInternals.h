@@ -1,14 +1,11 @@
 #pragma once
 // Parts of OpenSslCertStore shared by its source files: the two kinds of
-// store handle, the system roots cache and the helpers every operation uses.
+// store handle and the helpers every operation uses.
 
 #include "CertDatabase.h"
 #include "certs/OpenSslUtil.h"
 #include "certs/linux/OpenSslCertStore.h"
 
-#include <sys/types.h>
-
-#include <ctime>
 #include <mutex>
 
 namespace ndpx::certs {
@@ -62,18 +59,6 @@ public:
     CertChainPtr buildChain(const Options& options, const CertContext& leaf,
                             const CertStorePtr& additional, const std::vector<CrlPtr>* crls,
                             std::string& error);
-
-    // The parsed system bundle, re-read when the file changes. `readable` is
-    // false when the file cannot be read.
-    std::shared_ptr<const std::vector<X509Ptr>> systemRoots(const std::string& file,
-                                                            bool& readable);
-
-private:
-    std::mutex mutex_;
-    std::shared_ptr<const std::vector<X509Ptr>> roots_;
-    std::string file_;
-    timespec mtime_{};
-    off_t size_ = -1;
 };
 
 // Opens the database; logs for `who` (a method name) on failure.
