@@ -240,15 +240,9 @@ CertChainPtr OpenSslCertStore::BuildCertificateChain(const CertContext* cert,
     return chain;
 }
 
-bool OpenSslCertStore::RetrieveCACertificateChain(const CertContext& cert,
-                                                  const CertStorePtr& store,
-                                                  std::vector<std::string>& caChainPem) {
+bool caChainOf(const CertChain& chain, std::vector<std::string>& caChainPem) {
     caChainPem.clear();
-    const CertChainPtr chain = BuildCertificateChain(&cert, store);
-    if (!chain) {
-        return false;
-    }
-    const auto& elements = chain->simpleChains.front().elements;
+    const auto& elements = chain.simpleChains.front().elements;
     for (std::size_t i = 1; i < elements.size(); ++i) {
         std::string pem = pemOf(elements[i].context);
         if (pem.empty()) {
@@ -260,16 +254,11 @@ bool OpenSslCertStore::RetrieveCACertificateChain(const CertContext& cert,
     return true;
 }
 
-bool OpenSslCertStore::RetrieveRootCACertificate(const CertContext& cert, const CertStorePtr& store,
-                                                 std::string& rootCaPem) {
+bool rootOf(const CertChain& chain, std::string& rootCaPem) {
     rootCaPem.clear();
-    const CertChainPtr chain = BuildCertificateChain(&cert, store);
-    if (!chain) {
-        return false;
-    }
     // The top of the chain: a self-signed root, or the highest issuer known
     // when the root itself is not at hand.
-    const auto& elements = chain->simpleChains.front().elements;
+    const auto& elements = chain.simpleChains.front().elements;
     const ChainElement& top = elements.back();
     if (elements.size() < 2 && (top.infoStatus & trust::kIsSelfSigned) == 0) {
         MFW_LOG(3,
@@ -279,6 +268,21 @@ bool OpenSslCertStore::RetrieveRootCACertificate(const CertContext& cert, const 
     }
     rootCaPem = pemOf(top.context);
     return !rootCaPem.empty();
+}
+
+bool OpenSslCertStore::RetrieveCACertificateChain(const CertContext& cert,
+                                                  const CertStorePtr& store,
+                                                  std::vector<std::string>& caChainPem) {
+    caChainPem.clear();
+    const CertChainPtr chain = BuildCertificateChain(&cert, store);
+    return chain && caChainOf(*chain, caChainPem);
+}
+
+bool OpenSslCertStore::RetrieveRootCACertificate(const CertContext& cert, const CertStorePtr& store,
+                                                 std::string& rootCaPem) {
+    rootCaPem.clear();
+    const CertChainPtr chain = BuildCertificateChain(&cert, store);
+    return chain && rootOf(*chain, rootCaPem);
 }
 
 bool OpenSslCertStore::ConvertChainCtxToPEM(const CertChain* chain,

@@ -61,6 +61,11 @@ public:
                             std::string& error);
 };
 
+// The CA certificates of a built chain as PEM, issuer first, root last.
+bool caChainOf(const CertChain& chain, std::vector<std::string>& caChainPem);
+// The top of a built chain as PEM; logs as RetrieveRootCACertificate.
+bool rootOf(const CertChain& chain, std::string& rootCaPem);
+
 // Opens the database; logs for `who` (a method name) on failure.
 std::unique_ptr<CertDatabase> openCertDatabase(const std::string& file, const char* who);
 
