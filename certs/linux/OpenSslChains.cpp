@@ -108,33 +108,29 @@ CertChainPtr OpenSslCertStore::Impl::buildChain(const Options& options, const Ce
         error = db ? db->errorText() : "cannot open the certificate database";
         return nullptr;
     }
-    // The trusted certificates: the system roots (shared, parsed once per
-    // process) and the machine's "Root" store, as one stack that borrows them;
-    // `systemRoots` and `anchorsOwned` keep them alive until the check ends.
-    // The store only carries the CRLs and flags.
+    // The trusted certificates: the machine's "Root" store and the system
+    // roots that may issue a certificate at hand (shared by the process,
+    // decoded on first need), as one stack that borrows them; `systemRoots`
+    // and `rootStore` keep them alive until the check ends. The store only
+    // carries the CRLs and flags.
     const auto systemRoots = systemRootSet(options.systemRootsFile);
     X509StorePtr store(X509_STORE_new());
-    BorrowedStackPtr anchors(systemRoots->trustedStack());
+    BorrowedStackPtr anchors(sk_X509_new_null());
     X509StackPtr untrusted(sk_X509_new_null());
     if (!store || !anchors || !untrusted) {
         error = "out of memory";
         return nullptr;
     }
     // Every other store supplies issuers, as does the caller's store.
-    std::vector<X509Ptr> anchorsOwned;
+    std::vector<X509Ptr> rootStore;
     std::vector<X509Ptr> others;
     for (const auto& row : *rows) {
         X509Ptr cert = x509FromDer(row.der);
         if (!cert) {
             continue;
         }
-        if (strcasecmp(row.store.c_str(), kRootStoreName) == 0) {
-            if (sk_X509_push(anchors.get(), cert.get()) > 0) {
-                anchorsOwned.push_back(std::move(cert));
-            }
-        } else {
-            others.push_back(std::move(cert));
-        }
+        (strcasecmp(row.store.c_str(), kRootStoreName) == 0 ? rootStore : others)
+            .push_back(std::move(cert));
     }
     if (const auto* memory = dynamic_cast<const MemoryStoreHandle*>(additional.get())) {
         for (const auto& context : memory->contexts(additional)) {
@@ -143,12 +139,25 @@ CertChainPtr OpenSslCertStore::Impl::buildChain(const Options& options, const Ce
             }
         }
     }
+    std::vector<X509*> issued = {x509Of(leaf)};
+    for (const auto& cert : rootStore) {
+        issued.push_back(cert.get());
+        if (sk_X509_push(anchors.get(), cert.get()) <= 0) {
+            error = "out of memory";
+            return nullptr;
+        }
+    }
     for (auto& cert : others) {
+        issued.push_back(cert.get());
         if (sk_X509_push(untrusted.get(), cert.get()) > 0) {
             (void)cert.release();  // owned by the stack now
         }
     }
-    ERR_clear_error();  // duplicate anchors are reported as errors and are harmless
+    if (!systemRoots->addIssuers(issued, anchors.get())) {
+        error = "out of memory";
+        return nullptr;
+    }
+    ERR_clear_error();
     TrustCollector collector;
     if (crls != nullptr) {
         collector.revocation = true;
@@ -197,12 +206,12 @@ CertChainPtr OpenSslCertStore::Impl::buildChain(const Options& options, const Ce
 
 std::vector<std::string> OpenSslCertStore::RetrieveSystemCertificates() {
     const auto roots = systemRootSet(options_.systemRootsFile);
-    if (!roots->readable) {
+    if (!roots->readable()) {
         MFW_LOG(4,
                 "OpenSslCertStore::RetrieveSystemCertificates(): Unable to open root certificate "
                 "store");
     }
-    std::vector<std::string> pems = roots->pems;
+    std::vector<std::string> pems = roots->pems();
     // Roots an operator added to the agent's own "Root" store count too.
     auto db = openCertDatabase(options_.databaseFile, "RetrieveSystemCertificates");
     const auto rows = db ? db->certificates(kRootStoreName) : std::nullopt;

@@ -1,32 +1,53 @@
 #pragma once
-// The system CA bundle, parsed once per process and shared by every
-// certificate store: parsing its ~150 certificates costs more than the rest
-// of a chain check, and pairing checks several chains.
+// The system CA bundle, read once per process and shared by every
+// certificate store. A root is decoded in full only when a chain needs it:
+// decoding a certificate decodes its public key, and doing that for the
+// ~150 roots of a bundle cost more than the rest of a chain check.
 
 #include "certs/OpenSslUtil.h"
 
+#include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 namespace ndpx::certs {
 
-// One parse of a bundle file. Immutable once made, so any number of threads
-// may read it without a lock; holding the pointer keeps its certificates.
-struct SystemRootSet {
-    bool readable = false;  // false when the file could not be read
-    std::vector<X509Ptr> certs;
-    std::vector<std::string> pems;  // the same certificates, as PEM
+// One read of a bundle file. Its roots never change once read, so any
+// number of threads may use it; holding the pointer keeps every certificate
+// it handed out.
+class SystemRootSet {
+public:
+    // The certificates of PEM `text`; blocks that are no certificate are skipped.
+    static std::shared_ptr<const SystemRootSet> fromPem(const std::string& text);
+    // A file that could not be read.
+    static std::shared_ptr<const SystemRootSet> unreadable();
 
-    // The certificates as a stack that does not own them, for
-    // X509_STORE_CTX_set0_trusted_stack; free it with sk_X509_free. Null when
-    // out of memory.
-    STACK_OF(X509) * trustedStack() const;
+    bool readable() const { return readable_; }
+    std::size_t size() const { return roots_.size(); }
+    std::vector<std::string> pems() const;
+
+    // Appends to `trusted` (which does not own them) every root whose subject
+    // issued one of `certs` or a root appended before, decoding it on first
+    // need. False when out of memory.
+    bool addIssuers(const std::vector<X509*>& certs, STACK_OF(X509) * trusted) const;
+
+private:
+    struct Root {
+        std::vector<std::uint8_t> der;
+        NamePtr subject;
+        mutable std::once_flag decodeOnce;
+        mutable X509Ptr cert;  // set once, by `decoded`
+        X509* decoded() const;
+    };
+    bool readable_ = false;
+    std::vector<std::unique_ptr<Root>> roots_;
 };
 
-// The parsed `file`, parsed again only when its size or modification time
-// differ from the last parse. Thread-safe; a first use by several threads
-// parses once.
+// The roots of `file`, read again only when its size or modification time
+// differ from the last read. Thread-safe; a first use by several threads
+// reads once.
 std::shared_ptr<const SystemRootSet> systemRootSet(const std::string& file);
 
 }  // namespace ndpx::certs
