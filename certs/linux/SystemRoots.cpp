@@ -176,6 +176,7 @@ std::vector<std::string> SystemRootSet::pems() const {
 
 bool SystemRootSet::addIssuers(const std::vector<X509*>& certs, STACK_OF(X509) * trusted) const {
     std::vector<const X509_NAME*> wanted;
+    wanted.reserve(certs.size() + roots_.size());
     for (X509* cert : certs) {
         wanted.push_back(X509_get_issuer_name(cert));
     }

@@ -74,6 +74,7 @@ TEST_F(CertTest, ThreadsAskingForTheRootsFirstShareOneReadAndOneDecode) {
     std::vector<std::shared_ptr<const SystemRootSet>> got(kThreads);
     std::vector<X509*> issuers(kThreads);
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&, i] {
             start.arrive_and_wait();
