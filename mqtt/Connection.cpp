@@ -12,6 +12,9 @@
 #include <platform/Paths.h>
 #include <platform/SocketTuning.h>
 
+#include <fstream>
+#include <tuple>
+
 namespace ndpx {
 namespace {
 
@@ -40,6 +43,15 @@ std::string pemBody(const std::string& pem) {
         pos = end + 1;
     }
     return body;
+}
+
+// True when `file` holds exactly `text`.
+bool holds(const std::string& file, const std::string& text) {
+    std::ifstream in(file, std::ios::binary);
+    std::string current(text.size() + 1, '\0');
+    in.read(current.data(), static_cast<std::streamsize>(current.size()));
+    return static_cast<std::size_t>(in.gcount()) == text.size() &&
+           current.compare(0, text.size(), text) == 0;
 }
 
 }  // namespace
@@ -87,9 +99,16 @@ bool MqttManager::writeTlsMaterial(const ConnectionMaterial& material,
     options.keyStoreFile = (dir / "mqtt-client.pem").string();
     options.privateKeyFile = (dir / "mqtt-client.key").string();
     std::string error;
-    for (const auto& [file, text] : {std::pair{options.trustStoreFile, trust},
-                                     std::pair{options.keyStoreFile, material.clientCertPem},
-                                     std::pair{options.privateKeyFile, material.privateKeyPem}}) {
+    for (const auto& [file, text, secret] :
+         {std::tuple{options.trustStoreFile, trust, false},
+          std::tuple{options.keyStoreFile, material.clientCertPem, false},
+          std::tuple{options.privateKeyFile, material.privateKeyPem, true}}) {
+        // A reconnect mostly finds the same trust and certificate in place,
+        // and rewriting one costs a sync to disk. The key is not read back:
+        // that would only make another copy of it.
+        if (!secret && holds(file, text)) {
+            continue;
+        }
         if (!platform::paths::writePrivateFile(file, text, error)) {
             MFW_LOG(CORE::kLogError, "MqttManager::Connect(): Unable to write %s: %s", file.c_str(),
                     error.c_str());

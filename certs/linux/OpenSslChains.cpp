@@ -3,20 +3,23 @@
 
 #include "StoreInternals.h"
 #include "certs/linux/OpenSslCertStore.h"
+#include "certs/linux/SystemRoots.h"
 
 #include <mfw/moduleLog.h>
 
 #include <openssl/err.h>
 #include <strings.h>
-#include <sys/stat.h>
-
-#include <fstream>
 #include <map>
-#include <sstream>
 
 namespace ndpx::certs {
 
 namespace {
+
+struct BorrowingStackDeleter {
+    void operator()(STACK_OF(X509) * p) const { sk_X509_free(p); }
+};
+// A stack of certificates someone else owns.
+using BorrowedStackPtr = std::unique_ptr<STACK_OF(X509), BorrowingStackDeleter>;
 
 // The trust status bit an OpenSSL verification error stands for.
 std::uint32_t trustFlagFor(int error) {
@@ -95,36 +98,6 @@ std::string pemOf(const CertContext& context) {
 
 }  // namespace
 
-std::shared_ptr<const std::vector<X509Ptr>> OpenSslCertStore::Impl::systemRoots(
-    const std::string& file, bool& readable) {
-    struct stat st {};
-    readable = ::stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-    if (!readable) {
-        return std::make_shared<const std::vector<X509Ptr>>();
-    }
-    {
-        std::lock_guard lock(mutex_);
-        if (roots_ && file_ == file && size_ == st.st_size && mtime_.tv_sec == st.st_mtim.tv_sec &&
-            mtime_.tv_nsec == st.st_mtim.tv_nsec) {
-            return roots_;
-        }
-    }
-    std::ifstream in(file, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (!in) {
-        readable = false;
-        return std::make_shared<const std::vector<X509Ptr>>();
-    }
-    auto roots = std::make_shared<const std::vector<X509Ptr>>(x509sFromPemBundle(text.str()));
-    std::lock_guard lock(mutex_);
-    roots_ = roots;
-    file_ = file;
-    size_ = st.st_size;
-    mtime_ = st.st_mtim;
-    return roots;
-}
-
 CertChainPtr OpenSslCertStore::Impl::buildChain(const Options& options, const CertContext& leaf,
                                                 const CertStorePtr& additional,
                                                 const std::vector<CrlPtr>* crls,
@@ -135,30 +108,29 @@ CertChainPtr OpenSslCertStore::Impl::buildChain(const Options& options, const Ce
         error = db ? db->errorText() : "cannot open the certificate database";
         return nullptr;
     }
-    X509StorePtr anchors(X509_STORE_new());
+    // The trusted certificates: the machine's "Root" store and the system
+    // roots that may issue a certificate at hand (shared by the process,
+    // decoded on first need), as one stack that borrows them; `systemRoots`
+    // and `rootStore` keep them alive until the check ends. The store only
+    // carries the CRLs and flags.
+    const auto systemRoots = systemRootSet(options.systemRootsFile);
+    X509StorePtr store(X509_STORE_new());
+    BorrowedStackPtr anchors(sk_X509_new_null());
     X509StackPtr untrusted(sk_X509_new_null());
-    if (!anchors || !untrusted) {
+    if (!store || !anchors || !untrusted) {
         error = "out of memory";
         return nullptr;
     }
-    bool readable = false;
-    const auto systemRoots = this->systemRoots(options.systemRootsFile, readable);
-    for (const auto& root : *systemRoots) {
-        X509_STORE_add_cert(anchors.get(), root.get());
-    }
-    // The machine's "Root" store is trusted; every other store supplies
-    // issuers, as does the caller's store.
+    // Every other store supplies issuers, as does the caller's store.
+    std::vector<X509Ptr> rootStore;
     std::vector<X509Ptr> others;
     for (const auto& row : *rows) {
         X509Ptr cert = x509FromDer(row.der);
         if (!cert) {
             continue;
         }
-        if (strcasecmp(row.store.c_str(), kRootStoreName) == 0) {
-            X509_STORE_add_cert(anchors.get(), cert.get());
-        } else {
-            others.push_back(std::move(cert));
-        }
+        (strcasecmp(row.store.c_str(), kRootStoreName) == 0 ? rootStore : others)
+            .push_back(std::move(cert));
     }
     if (const auto* memory = dynamic_cast<const MemoryStoreHandle*>(additional.get())) {
         for (const auto& context : memory->contexts(additional)) {
@@ -167,26 +139,40 @@ CertChainPtr OpenSslCertStore::Impl::buildChain(const Options& options, const Ce
             }
         }
     }
+    std::vector<X509*> issued = {x509Of(leaf)};
+    for (const auto& cert : rootStore) {
+        issued.push_back(cert.get());
+        if (sk_X509_push(anchors.get(), cert.get()) <= 0) {
+            error = "out of memory";
+            return nullptr;
+        }
+    }
     for (auto& cert : others) {
+        issued.push_back(cert.get());
         if (sk_X509_push(untrusted.get(), cert.get()) > 0) {
             (void)cert.release();  // owned by the stack now
         }
     }
-    ERR_clear_error();  // duplicate anchors are reported as errors and are harmless
+    if (!systemRoots->addIssuers(issued, anchors.get())) {
+        error = "out of memory";
+        return nullptr;
+    }
+    ERR_clear_error();
     TrustCollector collector;
     if (crls != nullptr) {
         collector.revocation = true;
         for (const auto& crl : *crls) {
-            X509_STORE_add_crl(anchors.get(), crl.get());
+            X509_STORE_add_crl(store.get(), crl.get());
         }
-        X509_STORE_set_flags(anchors.get(), X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
+        X509_STORE_set_flags(store.get(), X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
     }
     X509StoreCtxPtr ctx(X509_STORE_CTX_new());
-    if (!ctx || X509_STORE_CTX_init(ctx.get(), anchors.get(), x509Of(leaf), untrusted.get()) != 1) {
+    if (!ctx || X509_STORE_CTX_init(ctx.get(), store.get(), x509Of(leaf), untrusted.get()) != 1) {
         error = "cannot set up the verification";
         ERR_clear_error();
         return nullptr;
     }
+    X509_STORE_CTX_set0_trusted_stack(ctx.get(), anchors.get());
     X509_STORE_CTX_set_app_data(ctx.get(), &collector);
     X509_STORE_CTX_set_verify_cb(ctx.get(), collectTrustErrors);
     if (X509_verify_cert(ctx.get()) < 0) {
@@ -219,19 +205,13 @@ CertChainPtr OpenSslCertStore::Impl::buildChain(const Options& options, const Ce
 }
 
 std::vector<std::string> OpenSslCertStore::RetrieveSystemCertificates() {
-    std::vector<std::string> pems;
-    bool readable = false;
-    const auto roots = impl_->systemRoots(options_.systemRootsFile, readable);
-    if (!readable) {
+    const auto roots = systemRootSet(options_.systemRootsFile);
+    if (!roots->readable()) {
         MFW_LOG(4,
                 "OpenSslCertStore::RetrieveSystemCertificates(): Unable to open root certificate "
                 "store");
     }
-    for (const auto& root : *roots) {
-        if (std::string pem = x509ToPem(root.get()); !pem.empty()) {
-            pems.push_back(std::move(pem));
-        }
-    }
+    std::vector<std::string> pems = roots->pems();
     // Roots an operator added to the agent's own "Root" store count too.
     auto db = openCertDatabase(options_.databaseFile, "RetrieveSystemCertificates");
     const auto rows = db ? db->certificates(kRootStoreName) : std::nullopt;
@@ -269,15 +249,9 @@ CertChainPtr OpenSslCertStore::BuildCertificateChain(const CertContext* cert,
     return chain;
 }
 
-bool OpenSslCertStore::RetrieveCACertificateChain(const CertContext& cert,
-                                                  const CertStorePtr& store,
-                                                  std::vector<std::string>& caChainPem) {
+bool caChainOf(const CertChain& chain, std::vector<std::string>& caChainPem) {
     caChainPem.clear();
-    const CertChainPtr chain = BuildCertificateChain(&cert, store);
-    if (!chain) {
-        return false;
-    }
-    const auto& elements = chain->simpleChains.front().elements;
+    const auto& elements = chain.simpleChains.front().elements;
     for (std::size_t i = 1; i < elements.size(); ++i) {
         std::string pem = pemOf(elements[i].context);
         if (pem.empty()) {
@@ -289,16 +263,11 @@ bool OpenSslCertStore::RetrieveCACertificateChain(const CertContext& cert,
     return true;
 }
 
-bool OpenSslCertStore::RetrieveRootCACertificate(const CertContext& cert, const CertStorePtr& store,
-                                                 std::string& rootCaPem) {
+bool rootOf(const CertChain& chain, std::string& rootCaPem) {
     rootCaPem.clear();
-    const CertChainPtr chain = BuildCertificateChain(&cert, store);
-    if (!chain) {
-        return false;
-    }
     // The top of the chain: a self-signed root, or the highest issuer known
     // when the root itself is not at hand.
-    const auto& elements = chain->simpleChains.front().elements;
+    const auto& elements = chain.simpleChains.front().elements;
     const ChainElement& top = elements.back();
     if (elements.size() < 2 && (top.infoStatus & trust::kIsSelfSigned) == 0) {
         MFW_LOG(3,
@@ -308,6 +277,21 @@ bool OpenSslCertStore::RetrieveRootCACertificate(const CertContext& cert, const 
     }
     rootCaPem = pemOf(top.context);
     return !rootCaPem.empty();
+}
+
+bool OpenSslCertStore::RetrieveCACertificateChain(const CertContext& cert,
+                                                  const CertStorePtr& store,
+                                                  std::vector<std::string>& caChainPem) {
+    caChainPem.clear();
+    const CertChainPtr chain = BuildCertificateChain(&cert, store);
+    return chain && caChainOf(*chain, caChainPem);
+}
+
+bool OpenSslCertStore::RetrieveRootCACertificate(const CertContext& cert, const CertStorePtr& store,
+                                                 std::string& rootCaPem) {
+    rootCaPem.clear();
+    const CertChainPtr chain = BuildCertificateChain(&cert, store);
+    return chain && rootOf(*chain, rootCaPem);
 }
 
 bool OpenSslCertStore::ConvertChainCtxToPEM(const CertChain* chain,

@@ -303,8 +303,12 @@ bool OpenSslCertStore::ExportCertificateAndKeyFromStore(const std::string& store
         return false;
     }
     const PkeyPtr key = keyFromDer(keyRow->der);
+    // The password is empty, so key stretching would protect nothing: one
+    // iteration each for the encryption and the MAC spares thousands of
+    // hash rounds here and again when the blob is read.
+    constexpr int kIterations = 1;
     Pkcs12Ptr p12(key ? PKCS12_create("", friendlyName.c_str(), key.get(), x509Of(*context),
-                                      nullptr, 0, 0, 0, 0, 0)
+                                      nullptr, 0, 0, kIterations, kIterations, 0)
                       : nullptr);
     unsigned char* data = nullptr;
     const int n = p12 ? i2d_PKCS12(p12.get(), &data) : 0;
@@ -318,14 +322,16 @@ bool OpenSslCertStore::ExportCertificateAndKeyFromStore(const std::string& store
     pkcs12.assign(data, data + n);
     OPENSSL_clear_free(data, static_cast<std::size_t>(n));
 
-    if (!RetrieveCACertificateChain(*context, store, caChainPem)) {
+    // One chain gives both the CA certificates and the root.
+    const CertChainPtr chain = BuildCertificateChain(&*context, store);
+    if (!chain || !caChainOf(*chain, caChainPem)) {
         MFW_LOG(4,
                 "OpenSslCertStore::ExportCertificateAndKeyFromStore(): Failed to retrieve CA "
                 "certificate chain.");
         pkcs12.clear();
         return false;
     }
-    if (!RetrieveRootCACertificate(*context, store, rootCaPem)) {
+    if (!rootOf(*chain, rootCaPem)) {
         MFW_LOG(4,
                 "OpenSslCertStore::ExportCertificateAndKeyFromStore(): Fail to retrieve root CA "
                 "certificate.");

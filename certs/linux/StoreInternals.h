@@ -1,14 +1,11 @@
 #pragma once
 // Parts of OpenSslCertStore shared by its source files: the two kinds of
-// store handle, the system roots cache and the helpers every operation uses.
+// store handle and the helpers every operation uses.
 
 #include "CertDatabase.h"
 #include "certs/OpenSslUtil.h"
 #include "certs/linux/OpenSslCertStore.h"
 
-#include <sys/types.h>
-
-#include <ctime>
 #include <mutex>
 
 namespace ndpx::certs {
@@ -62,19 +59,12 @@ public:
     CertChainPtr buildChain(const Options& options, const CertContext& leaf,
                             const CertStorePtr& additional, const std::vector<CrlPtr>* crls,
                             std::string& error);
-
-    // The parsed system bundle, re-read when the file changes. `readable` is
-    // false when the file cannot be read.
-    std::shared_ptr<const std::vector<X509Ptr>> systemRoots(const std::string& file,
-                                                            bool& readable);
-
-private:
-    std::mutex mutex_;
-    std::shared_ptr<const std::vector<X509Ptr>> roots_;
-    std::string file_;
-    timespec mtime_{};
-    off_t size_ = -1;
 };
+
+// The CA certificates of a built chain as PEM, issuer first, root last.
+bool caChainOf(const CertChain& chain, std::vector<std::string>& caChainPem);
+// The top of a built chain as PEM; logs as RetrieveRootCACertificate.
+bool rootOf(const CertChain& chain, std::string& rootCaPem);
 
 // Opens the database; logs for `who` (a method name) on failure.
 std::unique_ptr<CertDatabase> openCertDatabase(const std::string& file, const char* who);

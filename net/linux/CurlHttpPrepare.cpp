@@ -292,6 +292,10 @@ bool CurlHttpRequest::setUpTransfer(Transfer& t) {
     // name check is off (the checks include the name).
     set(curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L));
     set(curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 0L));
+    // Nor does curl's CA bundle take part: loading it would parse every
+    // system root again for each request, unused.
+    set(curl_easy_setopt(h, CURLOPT_CAINFO, nullptr));
+    set(curl_easy_setopt(h, CURLOPT_CAPATH, nullptr));
     set(curl_easy_setopt(h, CURLOPT_SSL_SESSIONID_CACHE, 0L));
     set(curl_easy_setopt(h, CURLOPT_SSL_CTX_FUNCTION, &CurlHttpRequest::sslContextCallback));
     set(curl_easy_setopt(h, CURLOPT_SSL_CTX_DATA, &t));

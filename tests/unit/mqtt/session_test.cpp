@@ -13,6 +13,9 @@
 #include <mfw/corestring.h>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
 
 namespace ndpx {
 namespace {
@@ -138,6 +141,30 @@ TEST_F(SessionTest, ConnectOptionsSubscriptionMaskAndConnectionLoss) {
     ASSERT_TRUE(fake_.connectionDown("broker went away"));
     ASSERT_TRUE(test::waitUntil([&] { return manager_->GetState() == MQTT_STATE_NOT_CONNECTED; }));
     EXPECT_EQ(peer().subscribedMask(), 0u);
+}
+
+// The library reads its TLS files on every connect; a reconnect rewrites
+// only those whose text changed.
+TEST_F(SessionTest, AReconnectRewritesOnlyTheTlsFilesThatChanged) {
+    connect();
+    const std::string trust = fake_.connected.trustStoreFile;
+    const std::string cert = fake_.connected.keyStoreFile;
+    const auto read = [](const std::string& file) {
+        std::ifstream in(file, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    const auto inode = [](const std::string& file) {
+        struct stat st {};
+        return ::stat(file.c_str(), &st) == 0 ? st.st_ino : 0;
+    };
+    EXPECT_EQ(read(trust), "CA\nROOTS");
+    const auto trustInode = inode(trust);
+    const auto certInode = inode(cert);
+    material_->clientCertPem = "CLIENT2";
+    ASSERT_EQ(manager_->Connect(), 1);
+    EXPECT_EQ(inode(trust), trustInode);
+    EXPECT_NE(inode(cert), certInode);
+    EXPECT_EQ(read(cert), "CLIENT2");
 }
 
 TEST_F(SessionTest, ConnectFailuresAreClassifiedAndRefusedWithoutCallbacksOrMaterial) {
