@@ -2,7 +2,8 @@
 
 #include "mqtt/LegacyStore.h"
 
-#include <cstdlib>
+#include <MQTTAsync.h>
+
 #include <cstring>
 #include <vector>
 
@@ -16,9 +17,14 @@ MessageStore* storeOf(void* handle) {
     return static_cast<MessageStore*>(handle);
 }
 
-// The library frees what it is given with free().
+// The library frees what it is given through its own allocator, which may
+// keep books on every block: memory it is handed comes from that allocator.
+void* libraryAlloc(std::size_t bytes) {
+    return MQTTAsync_malloc(bytes);
+}
+
 char* mallocCopy(const std::string& text) {
-    auto* out = static_cast<char*>(std::malloc(text.size() + 1));
+    auto* out = static_cast<char*>(libraryAlloc(text.size() + 1));
     if (out != nullptr) {
         std::memcpy(out, text.data(), text.size());
         out[text.size()] = '\0';
@@ -121,7 +127,7 @@ int PahoPersistence::keys(void* handle, char*** keys, int* count) {
     if (all.empty()) {
         return kOk;
     }
-    auto** out = static_cast<char**>(std::calloc(all.size(), sizeof(char*)));
+    auto** out = static_cast<char**>(libraryAlloc(all.size() * sizeof(char*)));
     if (out == nullptr) {
         return kError;
     }
@@ -129,9 +135,9 @@ int PahoPersistence::keys(void* handle, char*** keys, int* count) {
         out[i] = mallocCopy(all[i]);
         if (out[i] == nullptr) {
             for (std::size_t j = 0; j < i; ++j) {
-                std::free(out[j]);
+                MQTTAsync_free(out[j]);
             }
-            std::free(out);
+            MQTTAsync_free(static_cast<void*>(out));
             return kError;
         }
     }
