@@ -7,6 +7,7 @@
 
 #include "FuzzLog.h"
 #include "FuzzStore.h"
+#include "config/MqttManagerUtil.h"
 #include "mqtt/MqttManager.h"
 #include "support/MqttManagerPeer.h"
 
@@ -83,8 +84,13 @@ void setUp() {
                                                 .clientId = "e1t3_vm7",
                                                 .bootstrapTopic = "desktop/bootstrap/e1t3_vm7"});
     };
-    // Lives for the whole run: the process ends without tearing it down.
+    // Lives for the whole run, and is stopped at exit: a template still
+    // being applied on its worker writes JSON with a writer made on first
+    // use. Made now, before the handler is registered, that writer is torn
+    // down only after the handler has stopped the manager.
     g_manager = new MqttManager(deps);
+    (void)MqttManagerUtil::writeCompact(Json::Value(Json::objectValue));
+    std::atexit([] { g_manager->Stop(); });
     g_manager->Start();
     MqttManagerTestPeer(*g_manager).markPaired();
     g_manager->ConfigureTopicNames();
