@@ -8,6 +8,7 @@
 
 #include <MQTTAsync.h>
 
+#include <atomic>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -39,6 +40,34 @@ void onLibraryTrace(enum MQTTASYNC_TRACE_LEVELS, char* message) {
     }
 }
 
+// At the protocol level the library formats a trace line for every packet
+// (each stamped through localtime(), which checks the time-zone file each
+// time): a cost on every message. The session line can only come while a
+// client waits for a connection, so the level is raised only then.
+struct TraceLevel {
+    std::mutex mutex;
+    int waitingClients = 0;
+};
+
+TraceLevel& traceLevel() {
+    static TraceLevel level;
+    return level;
+}
+
+// Marks a client as waiting for a connection or not, and sets the level.
+void setAwaitingConnection(std::atomic<bool>& awaiting, bool now) {
+    if (awaiting.exchange(now) == now) {
+        return;
+    }
+    TraceLevel& level = traceLevel();
+    std::lock_guard lock(level.mutex);
+    level.waitingClients += now ? 1 : -1;
+    // The library only stores the level; set under the lock so that it
+    // follows the count.
+    MQTTAsync_setTraceLevel(level.waitingClients > 0 ? MQTTASYNC_TRACE_PROTOCOL
+                                                     : MQTTASYNC_TRACE_ERROR);
+}
+
 }  // namespace
 
 void initMqttClientLibrary() {
@@ -47,10 +76,11 @@ void initMqttClientLibrary() {
         MQTTAsync_init_options init = MQTTAsync_init_options_initializer;
         init.do_openssl_init = 0;  // the module sets up the TLS library itself
         MQTTAsync_global_init(&init);
-        // The protocol level is the least the session line needs; below it
-        // the library would format every function's entry and exit.
+        // The protocol level, the least the session line needs, is set while
+        // a client waits for a connection; below it the library would format
+        // every function's entry and exit.
         MQTTAsync_setTraceCallback(&onLibraryTrace);
-        MQTTAsync_setTraceLevel(MQTTASYNC_TRACE_PROTOCOL);
+        MQTTAsync_setTraceLevel(MQTTASYNC_TRACE_ERROR);
     });
 }
 
@@ -71,10 +101,13 @@ class PahoMqttClient : public MqttClient {
 public:
     PahoMqttClient(MQTTAsync handle, MqttClientListener& listener,
                    std::unique_ptr<PahoPersistence> persistence)
-        : persistence_(std::move(persistence)), handle_(handle), listener_(listener) {}
+        : persistence_(std::move(persistence)), handle_(handle), listener_(listener) {
+        setAwaitingConnection(awaitingConnection_, true);
+    }
 
     ~PahoMqttClient() override {
         MQTTAsync_destroy(&handle_);
+        setAwaitingConnection(awaitingConnection_, false);
         // The library calls nothing after destroy; requests still open are
         // dropped with their contexts.
     }
@@ -100,6 +133,7 @@ public:
     }
 
     int connect(const MqttConnectOptions& options) override {
+        setAwaitingConnection(awaitingConnection_, true);
         options_ = options;  // the library keeps pointers into these strings
         MQTTAsync_willOptions will = MQTTAsync_willOptions_initializer;
         will.topicName = options_.willTopic.c_str();
@@ -267,7 +301,9 @@ private:
         if (cause != nullptr) {
             MQTTAsync_free(cause);
         }
-        guarded([&] { static_cast<PahoMqttClient*>(context)->listener_.onConnectionLost(text); });
+        auto* self = static_cast<PahoMqttClient*>(context);
+        setAwaitingConnection(self->awaitingConnection_, true);  // it reconnects
+        guarded([&] { self->listener_.onConnectionLost(text); });
     }
 
     static int onMessageArrived(void* context, char* topicName, int topicLen,
@@ -297,9 +333,9 @@ private:
             MQTTAsync_free(cause);
         }
         const bool sessionPresent = !std::exchange(t_sessionDropped, false);
-        guarded([&] {
-            static_cast<PahoMqttClient*>(context)->listener_.onConnected(text, sessionPresent);
-        });
+        auto* self = static_cast<PahoMqttClient*>(context);
+        setAwaitingConnection(self->awaitingConnection_, false);
+        guarded([&] { self->listener_.onConnected(text, sessionPresent); });
     }
 
     static void onDisconnected(void* context, MQTTProperties*, enum MQTTReasonCodes reasonCode) {
@@ -337,6 +373,7 @@ private:
         return 1;
     }
 
+    std::atomic<bool> awaitingConnection_{false};
     std::unique_ptr<PahoPersistence> persistence_;  // outlives handle_: destroyed after it
     MQTTAsync handle_;
     MqttClientListener& listener_;
