@@ -6,7 +6,8 @@ Starts the development broker, credential service and renewal responder
 once, then for each run starts agenthost with the module in a fresh root,
 drops a fresh LCM spec into it and times the way to MQTT_STATE_CONNECTED,
 with its parts taken from the agent's own log time stamps:
-  detect   spec written -> spec read by the agent
+  detect   spec in place -> spec read by the agent (the clock starts when
+           the document is in place, not when the tool that writes it starts)
   keygen   key pair and CSR
   https    one-time-password exchange at the credential service
   store    storing the certificates and pairing data
@@ -97,6 +98,15 @@ def stamps(log, marks=MARKS, start=None):
                 if name not in found and text in line:
                     found[name] = datetime.datetime.strptime(m.group(1), "%Y-%m-%d %H:%M:%S.%f")
     return found
+
+
+def written_at(provision_output):
+    """When the provisioning document was in place (devcloud provision's
+    "written at us N" line): the agent reads and removes it at once."""
+    for line in provision_output.splitlines():
+        if line.startswith("written at us "):
+            return int(line.split()[-1]) / 1e6
+    raise RuntimeError("devcloud provision did not say when it wrote the document")
 
 
 def pct(values, p):
@@ -195,10 +205,13 @@ def main():
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             try:
                 assert wait_for(log, "MQTT_STATE_WAITING_CONFIG", 30), "agent did not start"
-                written = datetime.datetime.now()
-                subprocess.run([devcloud, "provision", "--dir", cloud, "--root", root, "--url", url,
-                                "--vm-id", f"vm{run}", "--edge-id", "e1", "--short-template-id",
-                                "t3"], check=True, capture_output=True)
+                provisioned = subprocess.run(
+                    [devcloud, "provision", "--dir", cloud, "--root", root, "--url", url,
+                     "--vm-id", f"vm{run}", "--edge-id", "e1", "--short-template-id", "t3"],
+                    check=True, capture_output=True, text=True)
+                # The clock starts when the document is on disk, not when the tool that
+                # issues its password starts: that tool's own run is no part of pairing.
+                written = datetime.datetime.fromtimestamp(written_at(provisioned.stdout))
                 assert wait_for(log, MARKS["connected"], 60), f"run {run} did not connect"
                 if args.renew:
                     assert wait_for(log, "checks complete.", 30), f"run {run}: no first check"

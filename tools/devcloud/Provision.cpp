@@ -104,6 +104,7 @@ ProvisionResult provision(const ProvisionRequest& r) {
             throw std::runtime_error("devcloud: cannot write " + result.specFile.string() + ": " +
                                      std::generic_category().message(errno));
         }
+        result.writtenAt = std::chrono::system_clock::now();
     } catch (...) {
         try {
             store.withdraw(otp);

@@ -6,6 +6,7 @@
 // also trusts the devcloud CA (see AgentTrust.h), so that it can renew its
 // certificate once its pairing pin is gone.
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 
@@ -33,6 +34,8 @@ struct ProvisionResult {
     std::string bootstrapTopic;
     std::filesystem::path specFile;
     std::string trustStore;  // the certificate store given the CA; empty: none
+    // When the document was in place: the agent may read and remove it at once.
+    std::chrono::system_clock::time_point writtenAt;
 };
 
 // edge id + short template id + "_" + vm id

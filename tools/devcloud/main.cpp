@@ -34,6 +34,7 @@
 #include <cerrno>
 
 #include <cstdio>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -247,7 +248,11 @@ int credsvc(const Home& home, const ndpx::devcloud::CredentialServiceOptions& op
 int provisionDesktop(const ndpx::devcloud::ProvisionRequest& request) {
     const auto result = ndpx::devcloud::provision(request);
     std::cout << "identity " << result.agentIdentity << "\nbootstrap topic "
-              << result.bootstrapTopic << "\nspec " << result.specFile.string() << "\n";
+              << result.bootstrapTopic << "\nspec " << result.specFile.string() << "\nwritten at us "
+              << std::chrono::duration_cast<std::chrono::microseconds>(
+                     result.writtenAt.time_since_epoch())
+                     .count()
+              << "\n";
     if (!result.trustStore.empty()) {
         std::cout << "trusted CA in " << result.trustStore << "\n";
     }
