@@ -35,6 +35,9 @@ public:
         if (CORE::iequals(operation, L"RequestSystemReboot")) {
             return requestReboot(request, response);
         }
+        if (CORE::iequals(operation, L"Ping")) {
+            return true;  // the host's watchdog: the worker still answers
+        }
         setReplyError(response, CORE::kErrorNotImplemented, L"unknown operation");
         return false;
     }

@@ -6,6 +6,7 @@
 #include "host/DesktopManagerStandIn.h"
 #include "host/EventWriter.h"
 #include "host/MetricsFile.h"
+#include "host/ServiceLoop.h"
 #include "host/SystemWorker.h"
 #include "host/TransportStandIns.h"
 
@@ -16,6 +17,7 @@
 #include <mfw/metrics.h>
 #include <mfw/moduleLog.h>
 #include <platform/Paths.h>
+#include <platform/ServiceManager.h>
 #include <platform/SystemReboot.h>
 
 #include <CLI/CLI.hpp>
@@ -131,9 +133,12 @@ int main(int argc, char** argv) {
                        "agenthost: running (pid %d, root %s, %zu plug-ins)",
                        static_cast<int>(::getpid()), root.c_str(), plugins.size() - failures);
 
-    int signal = 0;
-    sigwait(&signals, &signal);
+    // Started by a service manager that waits for it: the modules are running.
+    ndpx::platform::notifyReady("Running " + std::to_string(plugins.size() - failures) +
+                                " plug-ins");
+    const int signal = ndpx::host::runUntilStopSignal(signals);
     CORE::__SysMessage(kSource, CORE::kLogInfo, "agenthost: signal %d, stopping", signal);
+    ndpx::platform::notifyStopping();
 
     control.stop();
     loader.unloadAll();

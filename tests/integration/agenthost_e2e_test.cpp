@@ -5,9 +5,16 @@
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
+#include <platform/UniqueFd.h>
+
 #include <gtest/gtest.h>
 
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -18,6 +25,34 @@ namespace {
 
 const std::string kNodeManager = "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane\\Node Manager";
 const std::string kProduct = "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane";
+
+// Plays the service manager: the socket a started service is told to notify.
+class NotifySocket {
+public:
+    explicit NotifySocket(const std::filesystem::path& path)
+        : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.c_str(), path.string().size() + 1);
+        bound_ = ::bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    }
+    bool bound() const { return bound_; }
+
+    // The next datagram, or "" when none comes within `limit`.
+    std::string next(std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+        pollfd p{fd_.get(), POLLIN, 0};
+        if (::poll(&p, 1, static_cast<int>(limit.count())) != 1) {
+            return {};
+        }
+        char buffer[512] = {};
+        const ssize_t n = ::recv(fd_.get(), buffer, sizeof buffer, 0);
+        return n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : std::string();
+    }
+
+private:
+    platform::UniqueFd fd_;
+    bool bound_ = false;
+};
 
 class AgentHostTest : public ::testing::Test {
 protected:
@@ -45,7 +80,17 @@ protected:
 };
 
 TEST_F(AgentHostTest, InstallsInOrderAndStopsCleanlyOnSigterm) {
+    // Started as a notifying service with a 200 ms watchdog.
+    NotifySocket manager(root_.path() / "notify");
+    ASSERT_TRUE(manager.bound());
+    ::setenv("NOTIFY_SOCKET", (root_.path() / "notify").c_str(), 1);
+    ::setenv("WATCHDOG_USEC", "200000", 1);
     auto host = startHost();
+    ::unsetenv("NOTIFY_SOCKET");
+    ::unsetenv("WATCHDOG_USEC");
+    EXPECT_EQ(manager.next(), "READY=1\nSTATUS=Running 1 plug-ins");
+    EXPECT_EQ(manager.next(), "WATCHDOG=1");
+    EXPECT_EQ(manager.next(), "WATCHDOG=1");
     ASSERT_TRUE(host->waitForLine("MqttManager::Start(): MQTT Start successful."))
         << host->output();
     ASSERT_TRUE(host->waitForLine("MessageFrameWork: worker MQTT added")) << host->output();
@@ -69,6 +114,11 @@ TEST_F(AgentHostTest, InstallsInOrderAndStopsCleanlyOnSigterm) {
     EXPECT_TRUE(host->waitForLine("MqttManager::RetrieveRootFolderPath(): Root folder is "));
 
     stopHost(*host);
+    std::string told;
+    do {
+        told = manager.next(std::chrono::seconds(1));
+    } while (told == "WATCHDOG=1");
+    EXPECT_EQ(told, "STOPPING=1");
     const std::string end = host->output();
     EXPECT_NE(end.find("MQTTService::stop(): Unregistering with DesktopManager queue"),
               std::string::npos);

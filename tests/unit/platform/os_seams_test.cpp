@@ -2,6 +2,7 @@
 // owner, the secure-file check and run-time loading of code.
 
 #include <platform/SecureFile.h>
+#include <platform/ServiceManager.h>
 #include <platform/SharedLibrary.h>
 #include <platform/Threads.h>
 #include <platform/UniqueFd.h>
@@ -11,11 +12,16 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <string>
 
 namespace ndpx::platform {
 namespace {
@@ -116,6 +122,46 @@ TEST(SharedLibrary, LoadsByPathFindsSymbolsAndTellsWhereCodeLives) {
     EXPECT_NE(error.find("/nonexistent/module.so"), std::string::npos) << error;
     int local = 0;  // the stack lies in no module
     EXPECT_FALSE(moduleContaining(&local, owner));
+}
+
+// What the service manager hears: the test plays it, with a socket of its own.
+TEST(ServiceManager, ReadinessStoppingAndLivenessReachTheNamedSocketOnly) {
+    test::TempDir dir;
+    const std::string path = (dir.path() / "notify").string();
+    const UniqueFd manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    ASSERT_EQ(::bind(manager.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const auto heard = [&] {
+        char buffer[256] = {};
+        const ssize_t n = ::recv(manager.get(), buffer, sizeof buffer, MSG_DONTWAIT);
+        return n < 0 ? std::string("<nothing>") : std::string(buffer, static_cast<size_t>(n));
+    };
+
+    ::unsetenv("NOTIFY_SOCKET");
+    EXPECT_FALSE(notifyReady("Connected"));
+
+    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    EXPECT_TRUE(notifyReady("Connected"));
+    EXPECT_EQ(heard(), "READY=1\nSTATUS=Connected");
+    EXPECT_TRUE(notifyAlive());
+    EXPECT_EQ(heard(), "WATCHDOG=1");
+    EXPECT_TRUE(notifyStopping());
+    EXPECT_EQ(heard(), "STOPPING=1");
+    ::unsetenv("NOTIFY_SOCKET");
+
+    ::unsetenv("WATCHDOG_PID");
+    ::setenv("WATCHDOG_USEC", "30000000", 1);
+    EXPECT_EQ(serviceWatchdogInterval(), std::chrono::seconds(30));
+    // A watchdog meant for the process that passed its environment on.
+    ::setenv("WATCHDOG_PID", std::to_string(::getpid() + 1).c_str(), 1);
+    EXPECT_EQ(serviceWatchdogInterval(), std::nullopt);
+    ::setenv("WATCHDOG_PID", std::to_string(::getpid()).c_str(), 1);
+    EXPECT_EQ(serviceWatchdogInterval(), std::chrono::seconds(30));
+    ::unsetenv("WATCHDOG_USEC");
+    ::unsetenv("WATCHDOG_PID");
+    EXPECT_EQ(serviceWatchdogInterval(), std::nullopt);
 }
 
 }  // namespace
