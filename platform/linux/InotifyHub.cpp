@@ -1,5 +1,6 @@
 #include "InotifyHub.h"
 
+#include <platform/Threads.h>
 #include <platform/UniqueFd.h>
 
 #include <poll.h>
@@ -92,6 +93,8 @@ private:
     };
 
     void run() {
+        // Named for itself, not after whichever thread first waited on a file.
+        setCurrentThreadOsName("Inotify");
         alignas(inotify_event) char buffer[4096];
         while (true) {
             pollfd fds[2] = {{stop_.get(), POLLIN, 0}, {fd_.get(), POLLIN, 0}};
