@@ -14,9 +14,11 @@ processes for --seconds. It reports for each:
   wake-ups/s    voluntary + non-voluntary context switches of all threads
                 over the window, per second
 and agent / subscriber for each, and the agent's threads that switched most.
+With --restart the agent is stopped after pairing and started again on its
+stored pairing: a desktop's usual state, in which no HTTPS exchange has run.
 
 Usage: python3 bench/idle_bench.py [--build build] [--seconds 120] [--settle 10]
-           [--log-level 2] [--metrics-interval S]
+           [--log-level 2] [--metrics-interval S] [--restart]
 """
 import argparse
 import os
@@ -91,10 +93,14 @@ def main():
     ap.add_argument("--log-level", type=int, default=2, help="the agent's (2 is its default)")
     ap.add_argument("--metrics-interval", type=int,
                     help="agenthost's seconds between metric collections (default: its own)")
+    ap.add_argument("--restart", action="store_true",
+                    help="watch the agent after a restart on its stored pairing (no HTTPS used)")
     args = ap.parse_args()
     extra = ["--metrics-interval", str(args.metrics_interval)] if args.metrics_interval else []
     with PairedAgent(args.build, "ndpx-idle-bench.", log_level=args.log_level,
                      agent_args=extra) as a:
+        if args.restart:
+            a.restart()
         cert = a.client_cert("bench-idle")
         floor = subprocess.Popen([a.tool("bench/mqtt_floor"), "--idle", "--port", str(a.port),
                                   "--ca", a.ca, "--cert", cert, "--client-id", "bench-idle",

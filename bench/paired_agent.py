@@ -67,12 +67,7 @@ class PairedAgent:
         for key, name, value in settings + list(self.settings):
             subprocess.run([self.tool("tools/regctl/regctl"), "--root", self.root, "set", key,
                             name, value], check=True, capture_output=True)
-        self.log = os.path.join(self.work, "agent.log")
-        self.agent = subprocess.Popen(
-            [self.tool("host/agenthost"), "--root", self.root, "--plugin",
-             self.tool("plugin/ndpx_mqtt.so"), "--log-level", str(self.log_level), "--log-file",
-             self.log, *self.agent_args], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.procs.append(self.agent)
+        self._launch("agent.log")
         subprocess.run([devcloud, "provision", "--dir", self.cloud, "--root", self.root, "--url",
                         url, "--vm-id", self.vm_id, "--edge-id", "e1", "--short-template-id",
                         "t3"], check=True, capture_output=True)
@@ -81,6 +76,28 @@ class PairedAgent:
         deadline = time.monotonic() + 60
         while count_lines(broker_log, subscribed) < AGENT_SUBSCRIPTIONS:
             assert time.monotonic() < deadline, "the agent did not connect; see " + self.log
+            time.sleep(0.05)
+
+    def _launch(self, log_name):
+        self.log = os.path.join(self.work, log_name)
+        self.agent = subprocess.Popen(
+            [self.tool("host/agenthost"), "--root", self.root, "--plugin",
+             self.tool("plugin/ndpx_mqtt.so"), "--log-level", str(self.log_level), "--log-file",
+             self.log, *self.agent_args], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.procs.append(self.agent)
+
+    def restart(self):
+        """Stops the agent and starts it again on its stored pairing, as a
+        desktop that paired once and has been restarted since; returns once it
+        has connected."""
+        self.agent.terminate()
+        self.agent.wait(timeout=30)
+        self.procs.remove(self.agent)
+        self._launch("agent-restarted.log")
+        deadline = time.monotonic() + 60
+        while not (os.path.exists(self.log) and
+                   count_lines(self.log, "Successfully connected to MQTT Server") > 0):
+            assert time.monotonic() < deadline, "the agent did not reconnect; see " + self.log
             time.sleep(0.05)
 
     def client_cert(self, cn):

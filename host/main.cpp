@@ -16,6 +16,7 @@
 #include <mfw/log.h>
 #include <mfw/metrics.h>
 #include <mfw/moduleLog.h>
+#include <platform/Memory.h>
 #include <platform/Paths.h>
 #include <platform/ServiceManager.h>
 #include <platform/SystemReboot.h>
@@ -71,6 +72,9 @@ int main(int argc, char** argv) {
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    // An idle agent's heap in one arena: about 0.7 MiB less resident.
+    ndpx::platform::useOneHeapArena();
 
     ndpx::platform::paths::setRoot(root);
     ::setenv("NDPX_ROOT", root.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): no thread yet

@@ -5,7 +5,7 @@
 #include "certs/CertificateUtil.h"
 #include "certs/pairingConfig.h"
 #include "mqtt/ManagerDependencies.h"
-#include "net/HttpRequest.h"
+#include "net/HttpBackend.h"
 
 #include <mfw/coreevent.h>
 #include <mfw/moduleLog.h>
@@ -50,7 +50,10 @@ std::optional<ConnectionMaterial> storedMaterial(certs::CertificateUtil& certifi
 class HttpsCredentialRequester : public CredentialRequester {
 public:
     bool request(const OtpRequest& r, std::string& response, CORE::coreevent& abort) override {
-        const net::HttpRequestPtr request = net::curlHttpRequestFactory()();
+        const net::HttpRequestPtr request = net::makeHttpRequest();
+        if (!request) {
+            return false;
+        }
         request->setTimeout(r.timeoutSeconds);
         if (!r.thumbprint.empty()) {
             request->setPinnedThumbprint(r.thumbprint);

@@ -4,7 +4,7 @@
 #include "certs/pairingConfig.h"
 #include "config/MqttManagerUtil.h"
 #include "mqtt/MqttManager.h"
-#include "net/CurlUtil.h"
+#include "net/UrlText.h"
 
 #include <mfw/MessageFrameWork.h>
 #include <mfw/corestring.h>

@@ -2,6 +2,8 @@
 #include <mfw/corestring.h>
 #include <mfw/log.h>
 
+#include <platform/Threads.h>
+
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -220,7 +222,11 @@ void MessageFrameWork::AddWorkerEx(WorkItemFactory factory, void* context, const
             throw coreException("AddWorkerEx: worker " + toUtf8(name) + " already exists");
         }
         for (unsigned i = 0; i < std::max(threads, 1u); ++i) {
-            worker->threads.emplace_back([impl = impl_.get(), worker] { impl->run(worker); });
+            worker->threads.emplace_back([impl = impl_.get(), worker] {
+                // Named for its worker, not after the thread that added it.
+                ndpx::platform::setCurrentThreadOsName(toUtf8(worker->name));
+                impl->run(worker);
+            });
         }
         impl_->workers.emplace(keyOf(name), worker);
     }

@@ -1,5 +1,7 @@
 #include <mfw/coretimer.h>
 
+#include <platform/Threads.h>
+
 #include <thread>
 
 namespace CORE {
@@ -8,12 +10,18 @@ namespace {
 class PlainThread : public ownedthread {
 public:
     ~PlainThread() override { join(); }
-    bool start(const std::string&, std::function<void()> body) override {
+    bool start(const std::string& name, std::function<void()> body) override {
         if (thread_.joinable()) {
             return false;
         }
         try {
-            thread_ = std::thread(std::move(body));
+            // Named, or it would carry the name of the thread that started it.
+            thread_ = std::thread([name, body = std::move(body)] {
+                if (!name.empty()) {
+                    ndpx::platform::setCurrentThreadOsName(name);
+                }
+                body();
+            });
         } catch (const std::system_error&) {
             return false;
         }

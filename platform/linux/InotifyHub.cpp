@@ -1,5 +1,6 @@
 #include "InotifyHub.h"
 
+#include <platform/Threads.h>
 #include <platform/UniqueFd.h>
 
 #include <poll.h>
@@ -92,6 +93,8 @@ private:
     };
 
     void run() {
+        // Named for itself, not after whichever thread first waited on a file.
+        setCurrentThreadOsName("Inotify");
         alignas(inotify_event) char buffer[4096];
         while (true) {
             pollfd fds[2] = {{stop_.get(), POLLIN, 0}, {fd_.get(), POLLIN, 0}};
@@ -105,14 +108,26 @@ private:
                 (fds[1].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
                 return;
             }
-            const ssize_t n = ::read(fd_.get(), buffer, sizeof buffer);
-            for (ssize_t off = 0; off < n;) {
-                const auto* ev = reinterpret_cast<const inotify_event*>(buffer + off);
-                off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
-                dispatch(ev->wd, {ev->mask, ev->len > 0 ? std::string(ev->name) : std::string()});
+            // Events come in bursts (SQLite opening a database in a watched
+            // folder extends its shared-memory file a page at a time, one event
+            // each): gather the burst and take it in one wake-up, not one each.
+            pollfd stop{stop_.get(), POLLIN, 0};
+            if (::poll(&stop, 1, kGatherMs) > 0) {
+                return;
+            }
+            ssize_t n = 0;
+            while ((n = ::read(fd_.get(), buffer, sizeof buffer)) > 0) {
+                for (ssize_t off = 0; off < n;) {
+                    const auto* ev = reinterpret_cast<const inotify_event*>(buffer + off);
+                    off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
+                    dispatch(ev->wd,
+                             {ev->mask, ev->len > 0 ? std::string(ev->name) : std::string()});
+                }
             }
         }
     }
+
+    static constexpr int kGatherMs = 20;
 
     // Each handler is called with no lock held; remove() waits while its
     // handler runs.

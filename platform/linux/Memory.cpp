@@ -10,4 +10,10 @@ void releaseFreeMemory() {
 #endif
 }
 
+void useOneHeapArena() {
+#if defined(__GLIBC__)
+    mallopt(M_ARENA_MAX, 1);
+#endif
+}
+
 }  // namespace ndpx::platform

@@ -17,10 +17,11 @@ constexpr int kKeepMapped = 0;
 
 }  // namespace
 
-bool SharedLibrary::load(const std::string& path, std::string& error) {
+bool SharedLibrary::load(const std::string& path, std::string& error, Residency residency) {
     unload();
+    const int keep = residency == Residency::Permanent ? RTLD_NODELETE : kKeepMapped;
     // RTLD_LOCAL: modules that use the same names must not bind to each other.
-    handle_ = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | kKeepMapped);
+    handle_ = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | keep);
     if (handle_ == nullptr) {
         const char* reason = ::dlerror();
         error = reason != nullptr ? reason : "dlopen failed";
@@ -47,6 +48,10 @@ bool moduleContaining(const void* address, LoadedModule& module) {
     module.base = info.dli_fbase;
     module.path = info.dli_fname != nullptr ? info.dli_fname : "";
     return true;
+}
+
+std::string moduleFileName(const std::string& stem) {
+    return stem + ".so";
 }
 
 }  // namespace ndpx::platform

@@ -1,6 +1,7 @@
 #include <platform/Paths.h>
 #include <platform/SettingsStore.h>
 #include <platform/SqliteDatabase.h>
+#include <platform/Threads.h>
 #include <platform/UniqueFd.h>
 
 #include "InotifyHub.h"
@@ -174,6 +175,8 @@ private:
     // the last event: a commit whose events were drained together with an
     // earlier one may become visible only after that earlier one was reported.
     void run() {
+        // Named for itself, not after the thread that opened the store.
+        setCurrentThreadOsName("SettingsWatch");
         if (!inbox_) {
             poll();
             return;

@@ -126,6 +126,25 @@ TEST_F(PairingTest, AFailingCredentialServiceFailsTheStepAndTheChainRetries) {
     }
 }
 
+// A module without its HTTPS backend next to it says so once, fails the
+// credential request like any failed exchange, and stops cleanly.
+TEST_F(PairingTest, AMissingHttpsBackendFailsTheRequestCleanly) {
+    const TempDir lone;
+    const auto module = lone.path() / std::filesystem::path(MODULE_PATH).filename();
+    std::filesystem::copy_file(MODULE_PATH, module);
+    regctlSet("mqtt_SslCertThumbprint", thumbprint_);
+    Process agent({AGENTHOST_PATH, "--root", root_.path().string(), "--plugin", module.string(),
+                   "--log-level", "0"});
+    ASSERT_TRUE(agent.waitForLine("MQTT_STATE_WAITING_CONFIG")) << agent.output();
+    provision();
+    ASSERT_TRUE(agent.waitForLine("HTTPS client unavailable", 60s)) << agent.output();
+    EXPECT_TRUE(agent.waitForLine("Wait interval set to")) << agent.output();
+    EXPECT_NE(agent.output().find("ndpx_http.so"), std::string::npos) << agent.output();
+    EXPECT_EQ(agent.countLines("HTTPS client unavailable"), 1u);
+    EXPECT_EQ(agent.countLines("MQTT_STATE_CONNECTED"), 0u);
+    stop(agent);
+}
+
 // A service that holds the credential request does not hold up a stop: the
 // request is cancelled and the host exits at once, not after the request's
 // time-out.

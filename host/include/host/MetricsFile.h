@@ -39,6 +39,7 @@ private:
 // Runs every registered collector once per period.
 class MetricsCollector : public CORE::coretimer {
 public:
+    MetricsCollector() : CORE::coretimer(ndpx::platform::TimeSource::real(), {}, "Metrics") {}
     ~MetricsCollector() override { stop(); }
 
 protected:

@@ -4,6 +4,7 @@
 // driver that runs one transfer so that cancelling it wakes it at once.
 
 #include "net/CancelToken.h"
+#include "net/UrlText.h"
 
 #include <curl/curl.h>
 
@@ -48,9 +49,6 @@ struct ParsedUrl {
 // nullopt when the text is not an absolute URL with a host (file URLs have
 // an empty host).
 std::optional<ParsedUrl> parseUrl(const std::string& url);
-
-// The URL with any user name and password replaced by "*****", for logs.
-std::string redactUrl(const std::string& url);
 
 // Drives `easy` to its end. `tick` runs after every round of work; it may
 // shorten the next wait and returns CURLE_OK to go on or a code to stop with.

@@ -141,7 +141,4 @@ using HttpRequestPtr = std::shared_ptr<HttpRequest>;
 // Creates a fresh request object per exchange.
 using HttpRequestFactory = std::function<HttpRequestPtr()>;
 
-// Requests over libcurl, checked against the machine's trusted roots.
-HttpRequestFactory curlHttpRequestFactory();
-
 }  // namespace ndpx::net

@@ -8,4 +8,9 @@ namespace ndpx::platform {
 // that once took a big message would otherwise carry it for its lifetime.
 void releaseFreeMemory();
 
+// Keeps every thread's allocations in one heap arena. A service that mostly
+// sits idle gains nothing from an arena per busy thread, and each arena keeps
+// pages of its own. Call before starting threads.
+void useOneHeapArena();
+
 }  // namespace ndpx::platform

@@ -24,9 +24,14 @@ public:
     SharedLibrary(const SharedLibrary&) = delete;
     SharedLibrary& operator=(const SharedLibrary&) = delete;
 
+    // Whether unload() may take the code out of the process. Never: it stays
+    // mapped for the process's life (libraries that cannot be unloaded safely).
+    enum class Residency { Unloadable, Permanent };
+
     // Loads `path`, binding all its symbols now and keeping them to itself.
     // False, with the system's reason in `error`, when it cannot be loaded.
-    bool load(const std::string& path, std::string& error);
+    bool load(const std::string& path, std::string& error,
+              Residency residency = Residency::Unloadable);
     bool loaded() const { return handle_ != nullptr; }
     // The address of the exported symbol `name`; null when there is none.
     void* symbol(const char* name) const;
@@ -44,5 +49,8 @@ struct LoadedModule {
 };
 // False when `address` lies in no loaded module.
 bool moduleContaining(const void* address, LoadedModule& module);
+
+// The file name of the module `stem` ("ndpx_http" -> "ndpx_http.so").
+std::string moduleFileName(const std::string& stem);
 
 }  // namespace ndpx::platform

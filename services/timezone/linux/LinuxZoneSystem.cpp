@@ -1,6 +1,6 @@
 #include "timezone/linux/LinuxZoneSystem.h"
 
-#include "IcuZones.h"
+#include "ZoneBackendAccess.h"
 #include "linux/FixedZone.h"
 
 #include <mfw/corestring.h>
@@ -35,7 +35,7 @@ struct BusUnref {
 // The name under which this machine's zone database has the zone: the
 // library may know it by an older alias that the database keeps no more.
 std::string installedName(const std::string& zone) {
-    for (const auto& name : icuzones::aliases(zone)) {
+    for (const auto& name : zonebackend::aliases(zone)) {
         std::error_code ec;
         if (fs::exists(fs::path(kZoneInfo) / name, ec)) {
             return name;
@@ -119,7 +119,7 @@ std::optional<int> LinuxZoneSystem::currentBias(std::string& error) const {
         const std::string text = target.string();
         constexpr std::string_view kMarker = "/zoneinfo/";
         if (const auto at = text.rfind(kMarker); at != std::string::npos) {
-            if (const auto bias = icuzones::standardBias(text.substr(at + kMarker.size()))) {
+            if (const auto bias = zonebackend::standardBias(text.substr(at + kMarker.size()))) {
                 return bias;
             }
         }
@@ -143,13 +143,13 @@ bool LinuxZoneSystem::setDynamic(const ZoneSetting& zone, std::string& error) {
 
 bool LinuxZoneSystem::setClassic(const ZoneSetting& zone, std::string& error) {
     // The classic record has no key: a standard name that is a key's stands in.
-    const bool known = !icuzones::zoneForKey(zone.standardName).empty();
+    const bool known = !zonebackend::zoneForKey(zone.standardName).empty();
     return install(known ? named(zone.standardName, error) : fixed(zone.rules, error), error);
 }
 
 std::optional<LinuxZoneSystem::Target> LinuxZoneSystem::named(const std::string& key,
                                                               std::string& error) const {
-    const std::string zone = icuzones::zoneForKey(key);
+    const std::string zone = zonebackend::zoneForKey(key);
     if (zone.empty()) {
         error = "no zone for the key " + key;
         return std::nullopt;

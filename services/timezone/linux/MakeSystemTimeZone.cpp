@@ -1,4 +1,4 @@
-#include "timezone/IcuZoneDatabase.h"
+#include "LoadedZoneDatabase.h"
 #include "timezone/SystemTimeZone.h"
 #include "timezone/linux/LinuxZoneSystem.h"
 
@@ -8,7 +8,7 @@ namespace ndpx {
 
 std::unique_ptr<SystemTimeZone> makeSystemTimeZone(const std::filesystem::path& root,
                                                    const std::filesystem::path& stateFolder) {
-    return std::make_unique<SystemTimeZone>(std::make_unique<IcuZoneDatabase>(),
+    return std::make_unique<SystemTimeZone>(std::make_unique<LoadedZoneDatabase>(),
                                             std::make_unique<LinuxZoneSystem>(root, stateFolder));
 }
 

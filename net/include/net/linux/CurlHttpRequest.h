@@ -214,6 +214,8 @@ private:
     std::vector<std::thread> retired_ MFW_GUARDED_BY(shared_->mutex);
 };
 
+// Requests checked against the machine's trusted roots.
+HttpRequestFactory curlHttpRequestFactory();
 // Requests checked against the given certificate store.
 HttpRequestFactory curlHttpRequestFactory(std::shared_ptr<certs::CertUtilityInterface> store);
 
