@@ -5,6 +5,8 @@
 #include "host/ControlServer.h"
 #include "host/DesktopManagerStandIn.h"
 #include "host/EventWriter.h"
+#include "host/HostSettings.h"
+#include "host/JournalLogSink.h"
 #include "host/MetricsFile.h"
 #include "host/ServiceLoop.h"
 #include "host/SystemWorker.h"
@@ -19,6 +21,7 @@
 #include <platform/Memory.h>
 #include <platform/Paths.h>
 #include <platform/ServiceManager.h>
+#include <platform/SettingsStore.h>
 #include <platform/SystemReboot.h>
 
 #include <CLI/CLI.hpp>
@@ -47,12 +50,18 @@ int main(int argc, char** argv) {
     int metricsSeconds = 15;
     std::string journalSocket;
     std::string rebootMode;
+    std::string logTarget = "auto";
     app.add_option("--root", root, "Root prefix for every machine path")->capture_default_str();
     app.add_option("--plugin", plugins, "Plug-in module to load (repeatable)");
     app.add_option("--log-level", logLevel, "0 most verbose ... 4 errors only")
         ->check(CLI::Range(0, 4))
         ->capture_default_str();
     app.add_option("--log-file", logFile, "Also log to this file (rotated at 10 MB, 5 kept)");
+    app.add_option("--log-target", logTarget,
+                   "Where the log goes: journal, stderr, or auto (the journal when stderr "
+                   "is connected to it, as under the service manager)")
+        ->check(CLI::IsMember({"auto", "journal", "stderr"}))
+        ->capture_default_str();
     app.add_option("--metrics-interval", metricsSeconds, "Seconds between metric collections")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
@@ -83,17 +92,6 @@ int main(int argc, char** argv) {
     // logs under this name here.
     CORE::setModuleSourceName(kSource);
     CORE::setLogLevel(logLevel);
-    CORE::addLogSink(CORE::makeStderrSink());
-    if (!logFile.empty()) {
-        CORE::addLogSink(CORE::makeRotatingFileSink(logFile, 10u << 20, 5));
-    }
-
-    const auto metrics =
-        std::make_shared<ndpx::host::MetricsFile>(ndpx::platform::paths::runDir() / "metrics.json");
-    CORE::setMetricsSink(metrics);
-    ndpx::host::MetricsCollector collector;
-    collector.start(static_cast<std::uint32_t>(metricsSeconds) * 1000u);
-
     if (journalSocket.empty()) {
         // Under the root like every machine path: a test's root has no journal.
         journalSocket =
@@ -101,6 +99,35 @@ int main(int argc, char** argv) {
              std::filesystem::path(ndpx::platform::kDefaultJournalSocket).relative_path())
                 .string();
     }
+    std::string storeError;
+    // Shared with the journal sink, which outlives main's scope.
+    const auto settings = std::make_shared<ndpx::host::HostSettings>(
+        ndpx::platform::openSqliteSettingsStore(ndpx::platform::paths::settingsStoreFile().string(),
+                                                storeError),
+        logLevel);
+    if (logTarget == "journal" || (logTarget == "auto" && ndpx::host::stderrIsTheJournal())) {
+        CORE::addLogSink(std::make_shared<ndpx::host::JournalLogSink>(
+            ndpx::platform::makeJournal(journalSocket), kSource,
+            [settings] { return settings->desktop(); }));
+    } else {
+        CORE::addLogSink(CORE::makeStderrSink());
+    }
+    if (!logFile.empty()) {
+        CORE::addLogSink(CORE::makeRotatingFileSink(logFile, 10u << 20, 5));
+    }
+    if (!storeError.empty()) {
+        CORE::__SysMessage(kSource, CORE::kLogWarning,
+                           "agenthost: the log level and desktop identity are not followed: %s",
+                           storeError.c_str());
+    }
+    settings->start();
+
+    const auto metrics =
+        std::make_shared<ndpx::host::MetricsFile>(ndpx::platform::paths::runDir() / "metrics.json");
+    CORE::setMetricsSink(metrics);
+    ndpx::host::MetricsCollector collector;
+    collector.start(static_cast<std::uint32_t>(metricsSeconds) * 1000u);
+
     CORE::PluginLoader loader;
     ndpx::host::EventWriter events(ndpx::platform::makeJournal(journalSocket));
     ndpx::host::RebootPolicy reboot;
@@ -147,6 +174,7 @@ int main(int argc, char** argv) {
     control.stop();
     loader.unloadAll();
     collector.stop();
+    settings->stop();
     CORE::MessageFrameWork::System().Shutdown();
     CORE::__SysMessage(kSource, CORE::kLogInfo, "agenthost: stopped");
     return 0;

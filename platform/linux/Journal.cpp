@@ -23,7 +23,10 @@ std::string utf8Prefix(const std::string& text, std::size_t size) {
 
 class SocketJournal : public Journal {
 public:
-    explicit SocketJournal(std::string path) : path_(std::move(path)) {}
+    // One socket for every entry: the host log writes one per line, from
+    // any thread (datagram sends on one socket need no lock).
+    explicit SocketJournal(std::string path)
+        : path_(std::move(path)), fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
 
     JournalResult write(const std::vector<JournalField>& fields) override {
         JournalResult result;
@@ -34,11 +37,8 @@ public:
             return result;
         }
         std::memcpy(address.sun_path, path_.data(), path_.size());
-        // A socket per entry: events are rare, and nothing is shared
-        // between the worker's threads.
-        const UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        if (!fd) {
-            result.error = errno;
+        if (!fd_) {
+            result.error = EBADF;
             return result;
         }
         std::vector<JournalField> entry = fields;
@@ -48,7 +48,7 @@ public:
         std::size_t keep = full.size();
         for (;;) {
             const std::string datagram = encodeJournalEntry(entry);
-            if (::sendto(fd.get(), datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+            if (::sendto(fd_.get(), datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
                          reinterpret_cast<const sockaddr*>(&address), sizeof address) >= 0) {
                 result.written = true;
                 result.error = 0;
@@ -70,6 +70,7 @@ public:
 
 private:
     const std::string path_;
+    const UniqueFd fd_;
 };
 
 }  // namespace

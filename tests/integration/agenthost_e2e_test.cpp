@@ -1,20 +1,14 @@
 // agenthost with ndpx_mqtt.so, driven as an operator would: settings through
 // regctl, stop through SIGTERM, observations through the log and metrics.
 
+#include "support/JournalSocket.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
-#include <platform/UniqueFd.h>
-
 #include <gtest/gtest.h>
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -23,36 +17,10 @@
 namespace ndpx::test {
 namespace {
 
+using namespace std::chrono_literals;
+
 const std::string kNodeManager = "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane\\Node Manager";
 const std::string kProduct = "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane";
-
-// Plays the service manager: the socket a started service is told to notify.
-class NotifySocket {
-public:
-    explicit NotifySocket(const std::filesystem::path& path)
-        : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, path.c_str(), path.string().size() + 1);
-        bound_ = ::bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    }
-    bool bound() const { return bound_; }
-
-    // The next datagram, or "" when none comes within `limit`.
-    std::string next(std::chrono::milliseconds limit = std::chrono::seconds(20)) {
-        pollfd p{fd_.get(), POLLIN, 0};
-        if (::poll(&p, 1, static_cast<int>(limit.count())) != 1) {
-            return {};
-        }
-        char buffer[512] = {};
-        const ssize_t n = ::recv(fd_.get(), buffer, sizeof buffer, 0);
-        return n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : std::string();
-    }
-
-private:
-    platform::UniqueFd fd_;
-    bool bound_ = false;
-};
 
 class AgentHostTest : public ::testing::Test {
 protected:
@@ -80,17 +48,19 @@ protected:
 };
 
 TEST_F(AgentHostTest, InstallsInOrderAndStopsCleanlyOnSigterm) {
-    // Started as a notifying service with a 200 ms watchdog.
-    NotifySocket manager(root_.path() / "notify");
+    // Started as a notifying service with a 200 ms watchdog; the service
+    // manager's messages have the journal's "NAME=value" lines.
+    JournalSocket manager(root_.path() / "notify");
     ASSERT_TRUE(manager.bound());
-    ::setenv("NOTIFY_SOCKET", (root_.path() / "notify").c_str(), 1);
+    ::setenv("NOTIFY_SOCKET", manager.path().c_str(), 1);
     ::setenv("WATCHDOG_USEC", "200000", 1);
     auto host = startHost();
     ::unsetenv("NOTIFY_SOCKET");
     ::unsetenv("WATCHDOG_USEC");
-    EXPECT_EQ(manager.next(), "READY=1\nSTATUS=Running 1 plug-ins");
-    EXPECT_EQ(manager.next(), "WATCHDOG=1");
-    EXPECT_EQ(manager.next(), "WATCHDOG=1");
+    using Told = JournalSocket::Entry;
+    EXPECT_EQ(manager.next(20s), (Told{{"READY", "1"}, {"STATUS", "Running 1 plug-ins"}}));
+    EXPECT_EQ(manager.next(20s), (Told{{"WATCHDOG", "1"}}));
+    EXPECT_EQ(manager.next(20s), (Told{{"WATCHDOG", "1"}}));
     ASSERT_TRUE(host->waitForLine("MqttManager::Start(): MQTT Start successful."))
         << host->output();
     ASSERT_TRUE(host->waitForLine("MessageFrameWork: worker MQTT added")) << host->output();
@@ -114,11 +84,11 @@ TEST_F(AgentHostTest, InstallsInOrderAndStopsCleanlyOnSigterm) {
     EXPECT_TRUE(host->waitForLine("MqttManager::RetrieveRootFolderPath(): Root folder is "));
 
     stopHost(*host);
-    std::string told;
+    std::optional<Told> told;
     do {
-        told = manager.next(std::chrono::seconds(1));
-    } while (told == "WATCHDOG=1");
-    EXPECT_EQ(told, "STOPPING=1");
+        told = manager.next(1s);
+    } while (told == Told{{"WATCHDOG", "1"}});
+    EXPECT_EQ(told, (Told{{"STOPPING", "1"}}));
     const std::string end = host->output();
     EXPECT_NE(end.find("MQTTService::stop(): Unregistering with DesktopManager queue"),
               std::string::npos);
@@ -167,6 +137,49 @@ TEST_F(AgentHostTest, SettingChangedWithRegctlReachesTheRunningModule) {
                                   std::chrono::seconds(5)))
         << host->output();
     stopHost(*host);
+}
+
+TEST_F(AgentHostTest, LogGoesToTheJournalWithItsFieldsAndFollowsTheLogLevelSetting) {
+    JournalSocket journal(root_.path() / "journal");
+    ASSERT_TRUE(journal.bound());
+    Process host({AGENTHOST_PATH, "--root", root_.path().string(), "--plugin", MODULE_PATH,
+                  "--log-target", "journal", "--journal-socket", journal.path().string()});
+    // The first entry whose message begins with `text`, within 20 s.
+    const auto entryStarting = [&](const std::string& text) {
+        const auto end = std::chrono::steady_clock::now() + 20s;
+        while (std::chrono::steady_clock::now() < end) {
+            auto entry = journal.next(1s);
+            if (entry && (*entry)["MESSAGE"].rfind(text, 0) == 0) {
+                return *entry;
+            }
+        }
+        return JournalSocket::Entry{{"MESSAGE", "<no entry starting " + text + ">"}};
+    };
+    auto started = entryStarting("MqttManager::Start(): MQTT Start successful.");
+    EXPECT_EQ(started["PRIORITY"], "6");
+    EXPECT_EQ(started["SYSLOG_IDENTIFIER"], "agenthost");
+    EXPECT_EQ(started["NDPX_MODULE"], "ndpx_mqtt");
+    EXPECT_EQ(started["NDPX_CLASS"], "MqttManager");
+    EXPECT_EQ(started["CODE_FUNC"], "MqttManager::Start");
+    EXPECT_EQ(started.count("NDPX_DESKTOP"), 0u);  // not paired
+
+    const std::string hostKey = "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane\\Agent Host";
+    regctlSet(kNodeManager, "mqtt_AgentIdentity", "E1ST_VM9");
+    regctlSet(hostKey, "LogLevel", "3", "dword");
+    auto changed = entryStarting("agenthost: log level now 3 (from the settings store)");
+    EXPECT_EQ(changed["PRIORITY"], "4");
+    EXPECT_EQ(changed["NDPX_DESKTOP"], "E1ST_VM9");
+    regctlSet(hostKey, "LogLevel", "verbose");
+    auto refused = entryStarting("agenthost: HKLM");
+    EXPECT_EQ(
+        refused["MESSAGE"],
+        "agenthost: " + hostKey + "\\LogLevel must be a DWORD from 0 to 4; the log level stays 3");
+    EXPECT_EQ(refused["PRIORITY"], "3");
+
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.wait(15s), 0);
+    // Nothing was written to stderr but what the journal did not take.
+    EXPECT_EQ(host.output().find("MQTT Start successful"), std::string::npos) << host.output();
 }
 
 TEST_F(AgentHostTest, StateIsPublishedAsAMetric) {

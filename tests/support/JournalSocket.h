@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -40,16 +41,18 @@ public:
         if (n < 0) {
             return std::nullopt;
         }
-        // "NAME=value\n", or "NAME\n", a 64-bit little-endian length, the value, "\n".
+        d.resize(static_cast<std::size_t>(n));
+        // "NAME=value\n", or "NAME\n", a 64-bit little-endian length, the
+        // value, "\n". The service manager's messages have no last "\n".
         Entry entry;
-        for (std::size_t at = 0, end; at < static_cast<std::size_t>(n); at = end + 1) {
-            end = d.find_first_of("=\n", at);
+        for (std::size_t at = 0, end; at < d.size(); at = end + 1) {
+            end = std::min(d.find_first_of("=\n", at), d.size());
             std::string& value = entry[d.substr(at, end - at)];
-            if (d[end] == '=') {
+            if (end < d.size() && d[end] == '=') {
                 at = end + 1;
-                end = d.find('\n', at);
+                end = std::min(d.find('\n', at), d.size());
                 value = d.substr(at, end - at);
-            } else {
+            } else if (end < d.size()) {
                 std::uint64_t size = 0;
                 std::memcpy(&size, d.data() + end + 1, sizeof size);  // little-endian host
                 value = d.substr(end + 9, size);

@@ -7,18 +7,16 @@
 #include <platform/Threads.h>
 #include <platform/UniqueFd.h>
 
+#include "support/JournalSocket.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -127,28 +125,24 @@ TEST(SharedLibrary, LoadsByPathFindsSymbolsAndTellsWhereCodeLives) {
 // What the service manager hears: the test plays it, with a socket of its own.
 TEST(ServiceManager, ReadinessStoppingAndLivenessReachTheNamedSocketOnly) {
     test::TempDir dir;
-    const std::string path = (dir.path() / "notify").string();
-    const UniqueFd manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    ASSERT_EQ(::bind(manager.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    test::JournalSocket manager(dir.path() / "notify");
+    ASSERT_TRUE(manager.bound());
     const auto heard = [&] {
-        char buffer[256] = {};
-        const ssize_t n = ::recv(manager.get(), buffer, sizeof buffer, MSG_DONTWAIT);
-        return n < 0 ? std::string("<nothing>") : std::string(buffer, static_cast<size_t>(n));
+        const auto told = manager.next(std::chrono::milliseconds(0));
+        return told ? *told : test::JournalSocket::Entry{{"<nothing>", ""}};
     };
 
     ::unsetenv("NOTIFY_SOCKET");
     EXPECT_FALSE(notifyReady("Connected"));
 
-    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    ::setenv("NOTIFY_SOCKET", manager.path().c_str(), 1);
+    using Told = test::JournalSocket::Entry;
     EXPECT_TRUE(notifyReady("Connected"));
-    EXPECT_EQ(heard(), "READY=1\nSTATUS=Connected");
+    EXPECT_EQ(heard(), (Told{{"READY", "1"}, {"STATUS", "Connected"}}));
     EXPECT_TRUE(notifyAlive());
-    EXPECT_EQ(heard(), "WATCHDOG=1");
+    EXPECT_EQ(heard(), (Told{{"WATCHDOG", "1"}}));
     EXPECT_TRUE(notifyStopping());
-    EXPECT_EQ(heard(), "STOPPING=1");
+    EXPECT_EQ(heard(), (Told{{"STOPPING", "1"}}));
     ::unsetenv("NOTIFY_SOCKET");
 
     ::unsetenv("WATCHDOG_PID");
