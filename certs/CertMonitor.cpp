@@ -13,6 +13,8 @@
 
 #include <openssl/x509.h>
 
+#include <ctime>
+
 namespace ndpx::certs {
 namespace {
 
@@ -379,6 +381,7 @@ void CertMonitor::sendEvent(int type, const std::string& description) {
 void CertMonitor::noteRenewal(const std::string& result) {
     CORE::MutexLock lock(mutex_);
     lastRenewal_ = Renewal{time_.systemNow(), result};
+    notAfter_.reset();  // a swap brings another certificate
 }
 
 std::optional<CertMonitor::Renewal> CertMonitor::lastRenewal() const {
@@ -387,23 +390,29 @@ std::optional<CertMonitor::Renewal> CertMonitor::lastRenewal() const {
 }
 
 std::optional<std::int64_t> CertMonitor::secondsToExpiry() {
+    const std::time_t now = std::chrono::system_clock::to_time_t(time_.systemNow());
+    {
+        CORE::MutexLock lock(mutex_);
+        if (notAfter_ && now - notAfterReadAt_ < kExpiryRereadSeconds && now >= notAfterReadAt_) {
+            return static_cast<std::int64_t>(*notAfter_ - now);
+        }
+    }
+    // Read with no lock held: the store is another object's.
     CertChainPtr current;
     if (!certificates_->RetrieveClientCertificateContext(false, &current) ||
         current->endCertificate() == nullptr) {
         return std::nullopt;
     }
     X509* cert = x509Of(*current->endCertificate());
-    const std::time_t now = std::chrono::system_clock::to_time_t(time_.systemNow());
-    int days = 0;
-    int seconds = 0;
-    ASN1_TIME* from = ASN1_TIME_set(nullptr, now);
-    const bool ok = cert != nullptr && from != nullptr &&
-                    ASN1_TIME_diff(&days, &seconds, from, X509_get0_notAfter(cert)) == 1;
-    ASN1_TIME_free(from);
-    if (!ok) {
+    std::tm end{};
+    if (cert == nullptr || ASN1_TIME_to_tm(X509_get0_notAfter(cert), &end) != 1) {
         return std::nullopt;
     }
-    return static_cast<std::int64_t>(days) * 86400 + seconds;
+    const std::time_t notAfter = ::timegm(&end);
+    CORE::MutexLock lock(mutex_);
+    notAfter_ = notAfter;
+    notAfterReadAt_ = now;
+    return static_cast<std::int64_t>(notAfter - now);
 }
 
 }  // namespace ndpx::certs

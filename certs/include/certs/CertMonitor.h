@@ -20,6 +20,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -112,8 +113,11 @@ public:
     };
     std::optional<Renewal> lastRenewal() const MFW_EXCLUDES(mutex_);
     // Seconds until the current client certificate expires; nothing when
-    // there is none.
-    std::optional<std::int64_t> secondsToExpiry();
+    // there is none. Asked at every metrics collection, so the certificate's
+    // end is read from the store at most every kExpiryRereadSeconds, and
+    // again after a renewal of ours.
+    std::optional<std::int64_t> secondsToExpiry() MFW_EXCLUDES(mutex_);
+    static constexpr std::int64_t kExpiryRereadSeconds = 600;
 
 private:
     enum class Wake { Shutdown, Refresh, Token, TimedOut };
@@ -163,6 +167,9 @@ private:
     std::optional<std::uint64_t> lastOtpTicks_ MFW_GUARDED_BY(mutex_);
     std::optional<Token> token_ MFW_GUARDED_BY(mutex_);
     std::optional<Renewal> lastRenewal_ MFW_GUARDED_BY(mutex_);
+    // The current certificate's end and when it was read, for secondsToExpiry.
+    std::optional<std::time_t> notAfter_ MFW_GUARDED_BY(mutex_);
+    std::time_t notAfterReadAt_ MFW_GUARDED_BY(mutex_) = 0;
     std::unique_ptr<CORE::corethread> thread_ MFW_GUARDED_BY(mutex_);
 
     // The thread's alone.

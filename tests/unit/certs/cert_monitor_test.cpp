@@ -216,7 +216,14 @@ TEST_F(CertMonitorTest, TwentyDaysLeftGetsAPendingCertificateSwappedInTheLastDay
     EXPECT_EQ(pendingCn(), "");
     ASSERT_TRUE(monitor_.lastRenewal());
     EXPECT_EQ(monitor_.lastRenewal()->result, "swapped");
-    EXPECT_GT(*monitor_.secondsToExpiry(), 24 * 3600 * 60);  // 90 days, 19 of them gone
+    const auto left = monitor_.secondsToExpiry();
+    ASSERT_TRUE(left);
+    EXPECT_GT(*left, 24 * 3600 * 60);  // 90 days, 19 of them gone
+    // Counted down from what was read, and read again after the re-read time.
+    clock_.advance(std::chrono::seconds(CertMonitor::kExpiryRereadSeconds - 1));
+    EXPECT_EQ(monitor_.secondsToExpiry(), *left - (CertMonitor::kExpiryRereadSeconds - 1));
+    clock_.advance(2s);
+    EXPECT_EQ(monitor_.secondsToExpiry(), *left - (CertMonitor::kExpiryRereadSeconds + 1));
 }
 
 // A failed check (no certificate at all) checks again after a tenth of the
