@@ -167,6 +167,12 @@ std::wstring toWide(std::string_view utf8) {
 }
 
 std::string toUtf8(std::wstring_view wide) {
+    std::string out;
+    toUtf8(wide, out);
+    return out;
+}
+
+void toUtf8(std::wstring_view wide, std::string& out) {
     // Names and values are mostly ASCII: copy that prefix unit by unit, then
     // size the rest exactly and encode it into place.
     std::size_t ascii = 0;
@@ -178,7 +184,7 @@ std::string toUtf8(std::wstring_view wide) {
         const char32_t cp = decodeUnit(wide, i);
         length += cp < 0x80 ? 1 : cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4;
     }
-    std::string out(length, '\0');
+    out.resize(length);
     char* p = out.data();
     for (std::size_t i = 0; i < ascii; ++i) {
         *p++ = static_cast<char>(wide[i]);
@@ -186,7 +192,6 @@ std::string toUtf8(std::wstring_view wide) {
     for (std::size_t i = ascii; i < wide.size(); ++i) {
         p = appendUtf8(p, decodeUnit(wide, i));
     }
-    return out;
 }
 
 bool iequals(std::string_view a, std::string_view b) {
