@@ -26,7 +26,6 @@ std::wstring wideText(const Json::Value& value) {
 }
 
 void convertArray(const std::wstring& name, const Json::Value& array, CORE::PropertyBag& bag) {
-    bag.reserve(bag.size() + array.size());
     for (const Json::Value& element : array) {
         if (element.isString()) {
             bag.add(std::wstring(name), wideText(element));
@@ -42,6 +41,18 @@ void convertArray(const std::wstring& name, const Json::Value& array, CORE::Prop
 void logInvalidType(std::string_view name) {
     MFW_LOG(3, "MqttManagerUtil::toBag(): JSON parsing invalid type for key: %s",
             std::string(name).c_str());
+}
+
+// Entries an object gives: one per member, one per element of an array
+// member. Reserving them all at once keeps the bag from regrowing per array.
+std::size_t entryCount(const Json::Value& object) {
+    std::size_t count = object.size();
+    for (const Json::Value& member : object) {
+        if (member.isArray() && !member.empty()) {
+            count += member.size() - 1;
+        }
+    }
+    return count;
 }
 
 std::wstring decimalText(std::int64_t value) {
@@ -134,7 +145,7 @@ void toBag(const Json::Value& json, CORE::PropertyBag& bag) {
     if (!json.isObject()) {
         return;
     }
-    bag.reserve(bag.size() + json.size());
+    bag.reserve(bag.size() + entryCount(json));
     // Object iteration follows the library's member order (names sorted).
     for (auto it = json.begin(), end = json.end(); it != end; ++it) {
         const char* nameEnd = nullptr;
