@@ -38,12 +38,12 @@ public:
     // Only whole std::wstring rvalues pick these; anything else (literals,
     // views, lvalues) keeps to the copying forms above.
     template <class Name, class Value>
-        requires std::same_as<Name, std::wstring> && std::same_as<Value, std::wstring>
+    requires std::same_as<Name, std::wstring> && std::same_as<Value, std::wstring>
     void set(Name&& name, Value&& value) {
         setEntry(Entry{std::move(name), std::move(value), nullptr});
     }
     template <class Name, class Value>
-        requires std::same_as<Name, std::wstring> && std::same_as<Value, std::wstring>
+    requires std::same_as<Name, std::wstring> && std::same_as<Value, std::wstring>
     void add(Name&& name, Value&& value) {
         entries_.push_back(Entry{std::move(name), std::move(value), nullptr});
     }

@@ -126,8 +126,8 @@ TEST_F(jsonToBag, MembersReplaceEntriesOfTheirNameAndArraysAppend) {
     json["\xFE"] = "first";
     json["\xFF"] = "second";
     ASSERT_TRUE(MqttManagerUtil::JSONToBag(json, bag));
-    EXPECT_EQ(dump(bag), (Lines{L"a=7", L"b={...}", L"s=kept", L"n=true", L"s=x", L"s=y",
-                                L"\uFFFD=second"}));
+    EXPECT_EQ(dump(bag),
+              (Lines{L"a=7", L"b={...}", L"s=kept", L"n=true", L"s=x", L"s=y", L"\uFFFD=second"}));
     EXPECT_EQ(bag.getBag(L"b")->get(L"k"), L"v");
 }
 
