@@ -82,7 +82,9 @@ void fillJSON(const CORE::PropertyBag& bag, Json::Value& json, std::string& name
                 fillJSON(*nested, slot, name, text);
             } else {
                 CORE::toUtf8(bag.getValue(i), text);
-                slot = Json::Value(text.data(), text.data() + text.size());
+                // The slot is a bare null: its payload is all there is to set.
+                Json::Value value(text.data(), text.data() + text.size());
+                slot.swapPayload(value);
             }
             continue;
         }
