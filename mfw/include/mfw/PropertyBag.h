@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace CORE {
@@ -40,12 +41,12 @@ public:
     template <class Name, class Value>
     requires std::same_as<Name, std::wstring> && std::same_as<Value, std::wstring>
     void set(Name&& name, Value&& value) {
-        setEntry(Entry{std::move(name), std::move(value), nullptr});
+        setEntry(Entry{std::forward<Name>(name), std::forward<Value>(value), nullptr});
     }
     template <class Name, class Value>
     requires std::same_as<Name, std::wstring> && std::same_as<Value, std::wstring>
     void add(Name&& name, Value&& value) {
-        entries_.push_back(Entry{std::move(name), std::move(value), nullptr});
+        entries_.push_back(Entry{std::forward<Name>(name), std::forward<Value>(value), nullptr});
     }
     // A new, empty nested bag (replacing or appended as setBag/addBag do),
     // returned so the caller fills it in place instead of copying one in.

@@ -102,7 +102,7 @@ TEST(corestring, WideToUtf8IsTheSameWhereverAnAsciiRunEnds) {
     // offset, and the buffer form must leave nothing of what it held before.
     std::string buffer(64, '#');
     for (std::size_t run = 0; run <= 17; ++run) {
-        for (const std::string tail : {"\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", ""}) {
+        for (const char* tail : {"\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", ""}) {
             const std::string text = std::string(run, 'x') + tail + std::string(run % 5, 'y');
             const std::wstring wide = toWide(text);
             EXPECT_EQ(toUtf8(wide), text) << run;
