@@ -7,7 +7,9 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <cstdint>
 #include <memory>
+#include <string>
 
 namespace ndpx::MqttManagerUtil {
 
@@ -26,11 +28,10 @@ std::wstring wideText(const Json::Value& value) {
 void convertArray(const std::wstring& name, const Json::Value& array, CORE::PropertyBag& bag) {
     for (const Json::Value& element : array) {
         if (element.isString()) {
-            bag.add(name, wideText(element));
+            bag.add(std::wstring(name), wideText(element));
         } else if (element.isObject()) {
-            // Append an empty bag and fill it in place: no deep copy.
-            bag.addBag(name, CORE::PropertyBag{});
-            JSONToBag(element, *bag.getBagPtr(bag.size() - 1));
+            // Filled in place: no deep copy.
+            toBag(element, bag.addBag(name));
         } else {
             MFW_LOG(3, "MqttManagerUtil::toBag(): Multi-dimensional JSON Arrays are not supported");
         }
@@ -40,6 +41,69 @@ void convertArray(const std::wstring& name, const Json::Value& array, CORE::Prop
 void logInvalidType(std::string_view name) {
     MFW_LOG(3, "MqttManagerUtil::toBag(): JSON parsing invalid type for key: %s",
             std::string(name).c_str());
+}
+
+// Entries an object gives: one per member, one per element of an array
+// member. Reserving them all at once keeps the bag from regrowing per array.
+std::size_t entryCount(const Json::Value& object) {
+    std::size_t count = object.size();
+    for (const Json::Value& member : object) {
+        if (member.isArray() && !member.empty()) {
+            count += member.size() - 1;
+        }
+    }
+    return count;
+}
+
+std::wstring decimalText(std::int64_t value) {
+    // to_string keeps clear of the locale; up to 15 digits need no allocation.
+    return CORE::toWide(std::to_string(value));
+}
+
+// `name` and `text` are scratch buffers shared down the recursion, so a name
+// or value is converted without a string of its own.
+void fillJSON(const CORE::PropertyBag& bag, Json::Value& json, std::string& name,
+              std::string& text) {
+    // Only null (which becomes an object) or an object can take members.
+    if (!json.isNull() && !json.isObject()) {
+        return;
+    }
+    for (std::size_t i = 0; i < bag.size(); ++i) {
+        CORE::toUtf8(bag.getName(i), name);
+        const CORE::PropertyBag* nested = bag.getBagPtr(i);
+
+        // One look-up: the member count tells whether the name was new. A
+        // null member left by an empty nested bag still counts as present.
+        const Json::ArrayIndex before = json.size();
+        Json::Value& slot = json[name];
+        if (json.size() != before) {
+            // New name: build the value in its place.
+            if (nested != nullptr) {
+                fillJSON(*nested, slot, name, text);
+            } else {
+                CORE::toUtf8(bag.getValue(i), text);
+                // The slot is a bare null: its payload is all there is to set.
+                Json::Value value(text.data(), text.data() + text.size());
+                slot.swapPayload(value);
+            }
+            continue;
+        }
+        Json::Value value;
+        if (nested != nullptr) {
+            fillJSON(*nested, value, name, text);
+        } else {
+            CORE::toUtf8(bag.getValue(i), text);
+            value = Json::Value(text.data(), text.data() + text.size());
+        }
+        if (slot.isArray()) {
+            slot.append(std::move(value));
+        } else {
+            Json::Value pair(Json::arrayValue);
+            pair.append(std::move(slot));
+            pair.append(std::move(value));
+            slot = std::move(pair);
+        }
+    }
 }
 
 const Json::StreamWriterBuilder& compactWriterBuilder() {
@@ -83,6 +147,7 @@ void toBag(const Json::Value& json, CORE::PropertyBag& bag) {
     if (!json.isObject()) {
         return;
     }
+    bag.reserve(bag.size() + entryCount(json));
     // Object iteration follows the library's member order (names sorted).
     for (auto it = json.begin(), end = json.end(); it != end; ++it) {
         const char* nameEnd = nullptr;
@@ -91,13 +156,13 @@ void toBag(const Json::Value& json, CORE::PropertyBag& bag) {
         const Json::Value& member = *it;
         switch (member.type()) {
             case Json::intValue:
-                bag.setInt64(CORE::toWide(utf8Name), member.asInt64());
+                bag.set(CORE::toWide(utf8Name), decimalText(member.asInt64()));
                 break;
             case Json::uintValue:
                 // Parsed numbers are unsigned only above INT64_MAX, but a value
                 // built in code may be unsigned and small.
                 if (member.isInt64()) {
-                    bag.setInt64(CORE::toWide(utf8Name), member.asInt64());
+                    bag.set(CORE::toWide(utf8Name), decimalText(member.asInt64()));
                 } else {
                     logInvalidType(utf8Name);
                 }
@@ -106,14 +171,11 @@ void toBag(const Json::Value& json, CORE::PropertyBag& bag) {
                 bag.set(CORE::toWide(utf8Name), wideText(member));
                 break;
             case Json::booleanValue:
-                bag.setBool(CORE::toWide(utf8Name), member.asBool());
+                bag.set(CORE::toWide(utf8Name), std::wstring(member.asBool() ? L"true" : L"false"));
                 break;
-            case Json::objectValue: {
-                const std::wstring name = CORE::toWide(utf8Name);
-                bag.setBag(name, CORE::PropertyBag{});
-                JSONToBag(member, *bag.getBag(name));
+            case Json::objectValue:
+                toBag(member, bag.setBag(CORE::toWide(utf8Name)));
                 break;
-            }
             case Json::arrayValue:
                 convertArray(CORE::toWide(utf8Name), member, bag);
                 break;
@@ -133,34 +195,9 @@ Json::Value BagToJSON(const CORE::PropertyBag& bag) {
 }
 
 void toJSON(const CORE::PropertyBag& bag, Json::Value& json) {
-    // Only null (which becomes an object) or an object can take members.
-    if (!json.isNull() && !json.isObject()) {
-        return;
-    }
-    for (std::size_t i = 0; i < bag.size(); ++i) {
-        const std::string name = CORE::toUtf8(bag.getName(i));
-        Json::Value value;
-        if (const CORE::PropertyBag* nested = bag.getBagPtr(i)) {
-            toJSON(*nested, value);
-        } else {
-            value = CORE::toUtf8(bag.getValue(i));
-        }
-
-        // One look-up: the member count tells whether the name was new. A
-        // null member left by an empty nested bag still counts as present.
-        const Json::ArrayIndex before = json.size();
-        Json::Value& slot = json[name];
-        if (json.size() != before) {
-            slot = std::move(value);
-        } else if (slot.isArray()) {
-            slot.append(std::move(value));
-        } else {
-            Json::Value pair(Json::arrayValue);
-            pair.append(std::move(slot));
-            pair.append(std::move(value));
-            slot = std::move(pair);
-        }
-    }
+    std::string name;
+    std::string text;
+    fillJSON(bag, json, name, text);
 }
 
 bool FileExistsWithRequiredOwner(const std::string& path, FileOwner owner) {

@@ -108,20 +108,22 @@ const PropertyBag::Entry* PropertyBag::findFirst(std::wstring_view name) const {
 void PropertyBag::setEntry(std::wstring_view name, std::wstring_view text, const PropertyBag* bag) {
     // Build the new entry before touching entries_: name, text or bag may
     // point into this very bag.
-    Entry fresh{std::wstring(name), std::wstring(text),
-                bag ? std::make_unique<PropertyBag>(*bag) : nullptr};
+    setEntry(Entry{std::wstring(name), std::wstring(text),
+                   bag ? std::make_unique<PropertyBag>(*bag) : nullptr});
+}
 
+PropertyBag::Entry& PropertyBag::setEntry(Entry&& fresh) {
     auto first = std::find_if(entries_.begin(), entries_.end(),
                               [&](const Entry& e) { return e.name == fresh.name; });
     if (first == entries_.end()) {
-        entries_.push_back(std::move(fresh));
-        return;
+        return entries_.emplace_back(std::move(fresh));
     }
     first->text = std::move(fresh.text);
     first->bag = std::move(fresh.bag);
     auto later = std::remove_if(std::next(first), entries_.end(),
                                 [&](const Entry& e) { return e.name == first->name; });
     entries_.erase(later, entries_.end());
+    return *first;
 }
 
 void PropertyBag::set(std::wstring_view name, std::wstring_view value) {
@@ -129,7 +131,7 @@ void PropertyBag::set(std::wstring_view name, std::wstring_view value) {
 }
 
 void PropertyBag::setInt64(std::wstring_view name, std::int64_t value) {
-    setEntry(name, decimal(value), nullptr);
+    setEntry(Entry{std::wstring(name), decimal(value), nullptr});
 }
 
 void PropertyBag::setBool(std::wstring_view name, bool value) {
@@ -148,6 +150,14 @@ void PropertyBag::addBag(std::wstring_view name, const PropertyBag& bag) {
     // Copy first: `bag` may be this bag or live inside it.
     auto copy = std::make_unique<PropertyBag>(bag);
     entries_.push_back(Entry{std::wstring(name), {}, std::move(copy)});
+}
+
+PropertyBag& PropertyBag::setBag(std::wstring name) {
+    return *setEntry(Entry{std::move(name), {}, std::make_unique<PropertyBag>()}).bag;
+}
+
+PropertyBag& PropertyBag::addBag(std::wstring name) {
+    return *entries_.emplace_back(Entry{std::move(name), {}, std::make_unique<PropertyBag>()}).bag;
 }
 
 std::size_t PropertyBag::remove(std::wstring_view name) {

@@ -167,26 +167,47 @@ std::wstring toWide(std::string_view utf8) {
 }
 
 std::string toUtf8(std::wstring_view wide) {
-    // Names and values are mostly ASCII: copy that prefix unit by unit, then
-    // size the rest exactly and encode it into place.
+    std::string out;
+    toUtf8(wide, out);
+    return out;
+}
+
+void toUtf8(std::wstring_view wide, std::string& out) {
+    // Names and values are mostly ASCII: narrow on the guess that all of it
+    // is, eight units at a time, then size what is left exactly and encode it
+    // after the ASCII prefix.
+    constexpr std::size_t kBlock = 8;
+    out.resize(wide.size());
+    char* p = out.data();
     std::size_t ascii = 0;
-    while (ascii < wide.size() && unitValue(wide[ascii]) < 0x80) {
-        ++ascii;
+    for (; ascii + kBlock <= wide.size(); ascii += kBlock) {
+        char32_t bits = 0;
+        for (std::size_t k = 0; k < kBlock; ++k) {
+            bits |= unitValue(wide[ascii + k]);
+        }
+        if (bits >= 0x80) {
+            break;
+        }
+        for (std::size_t k = 0; k < kBlock; ++k) {
+            p[ascii + k] = static_cast<char>(wide[ascii + k]);
+        }
+    }
+    for (; ascii < wide.size() && unitValue(wide[ascii]) < 0x80; ++ascii) {
+        p[ascii] = static_cast<char>(wide[ascii]);
+    }
+    if (ascii == wide.size()) {
+        return;
     }
     std::size_t length = ascii;
     for (std::size_t i = ascii; i < wide.size(); ++i) {
         const char32_t cp = decodeUnit(wide, i);
         length += cp < 0x80 ? 1 : cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4;
     }
-    std::string out(length, '\0');
-    char* p = out.data();
-    for (std::size_t i = 0; i < ascii; ++i) {
-        *p++ = static_cast<char>(wide[i]);
-    }
+    out.resize(length);
+    p = out.data() + ascii;
     for (std::size_t i = ascii; i < wide.size(); ++i) {
         p = appendUtf8(p, decodeUnit(wide, i));
     }
-    return out;
 }
 
 bool iequals(std::string_view a, std::string_view b) {

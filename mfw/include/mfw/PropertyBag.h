@@ -3,11 +3,13 @@
 // Names are wide strings and may repeat; a value is text or a nested bag.
 // Integers and booleans are kept as text ("42", "true"/"false").
 
+#include <concepts>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace CORE {
@@ -32,6 +34,28 @@ public:
     // add*: always append a new entry, so a name can repeat.
     void add(std::wstring_view name, std::wstring_view value);
     void addBag(std::wstring_view name, const PropertyBag& bag);
+
+    // Move-in forms of set and add: the strings are taken over, not copied.
+    // Only whole std::wstring rvalues pick these; anything else (literals,
+    // views, lvalues) keeps to the copying forms above.
+    template <class Name, class Value>
+    requires std::same_as<Name, std::wstring> && std::same_as<Value, std::wstring>
+    void set(Name&& name, Value&& value) {
+        setEntry(Entry{std::forward<Name>(name), std::forward<Value>(value), nullptr});
+    }
+    template <class Name, class Value>
+    requires std::same_as<Name, std::wstring> && std::same_as<Value, std::wstring>
+    void add(Name&& name, Value&& value) {
+        entries_.push_back(Entry{std::forward<Name>(name), std::forward<Value>(value), nullptr});
+    }
+    // A new, empty nested bag (replacing or appended as setBag/addBag do),
+    // returned so the caller fills it in place instead of copying one in.
+    PropertyBag& setBag(std::wstring name);
+    PropertyBag& addBag(std::wstring name);
+
+    // Room for this many entries in all, so filling a bag of known size
+    // does not regrow it.
+    void reserve(std::size_t entries) { entries_.reserve(entries); }
 
     // Removes every entry of that name; returns how many were removed.
     std::size_t remove(std::wstring_view name);
@@ -73,6 +97,8 @@ private:
     Entry* findFirst(std::wstring_view name);
     const Entry* findFirst(std::wstring_view name) const;
     void setEntry(std::wstring_view name, std::wstring_view text, const PropertyBag* bag);
+    // Replaces the first entry of fresh's name, or appends; returns the entry.
+    Entry& setEntry(Entry&& fresh);
 
     std::vector<Entry> entries_;
 };

@@ -14,6 +14,8 @@ namespace CORE {
 std::wstring toWide(std::string_view utf8);
 // Unpaired surrogates and values beyond U+10FFFF become U+FFFD; never throws.
 std::string toUtf8(std::wstring_view wide);
+// The same into `out`, replacing its text and reusing its storage.
+void toUtf8(std::wstring_view wide, std::string& out);
 
 // True when `text` is well-formed UTF-8 (so it converts without loss).
 bool isValidUtf8(std::string_view text);

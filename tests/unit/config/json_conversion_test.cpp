@@ -115,6 +115,22 @@ TEST_F(jsonToBag, UnsupportedValuesAreSkippedWithALineEach) {
     EXPECT_EQ(levelsOf(kInvalidType + std::string("big")).size(), 1u);
 }
 
+TEST_F(jsonToBag, MembersReplaceEntriesOfTheirNameAndArraysAppend) {
+    PropertyBag bag;
+    bag.add(L"a", L"old");
+    bag.add(L"b", L"text");
+    bag.add(L"a", L"later duplicate");
+    bag.add(L"s", L"kept");
+    // Two keys that are not UTF-8 both become U+FFFD: the later one wins.
+    Json::Value json = parse(R"({"a":7,"b":{"k":"v"},"s":["x","y"],"n":true})");
+    json["\xFE"] = "first";
+    json["\xFF"] = "second";
+    ASSERT_TRUE(MqttManagerUtil::JSONToBag(json, bag));
+    EXPECT_EQ(dump(bag),
+              (Lines{L"a=7", L"b={...}", L"s=kept", L"n=true", L"s=x", L"s=y", L"\uFFFD=second"}));
+    EXPECT_EQ(bag.getBag(L"b")->get(L"k"), L"v");
+}
+
 TEST_F(jsonToBag, NonObjectsAreRejectedAndTheBagIsLeftAlone) {
     for (const char* text : {R"(["a","b"])", R"("text")", "null", "42", "true", "[]"}) {
         PropertyBag bag;

@@ -97,6 +97,25 @@ TEST(corestring, WideToUtf8ReplacesWhatUtf8CannotCarry) {
     }
 }
 
+TEST(corestring, WideToUtf8IsTheSameWhereverAnAsciiRunEnds) {
+    // ASCII is narrowed in blocks; a wider character may end the run at any
+    // offset, and the buffer form must leave nothing of what it held before.
+    std::string buffer(64, '#');
+    for (std::size_t run = 0; run <= 17; ++run) {
+        for (const char* tail : {"\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", ""}) {
+            const std::string text = std::string(run, 'x') + tail + std::string(run % 5, 'y');
+            const std::wstring wide = toWide(text);
+            EXPECT_EQ(toUtf8(wide), text) << run;
+            CORE::toUtf8(wide, buffer);
+            EXPECT_EQ(buffer, text) << run;
+        }
+        // An unpaired surrogate inside a block is still replaced.
+        std::wstring broken(run + 1, L'z');
+        broken[run] = static_cast<wchar_t>(0xDC00);
+        EXPECT_EQ(toUtf8(broken), std::string(run, 'z') + "\xEF\xBF\xBD") << run;
+    }
+}
+
 TEST(corestring, CaseBlindComparisonIsAsciiOnly) {
     EXPECT_TRUE(CORE::iequals("HKLM\\Software", "hklm\\SOFTWARE"));
     EXPECT_FALSE(CORE::iequals("abc", "abcd"));

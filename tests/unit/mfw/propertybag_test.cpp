@@ -43,6 +43,30 @@ TEST(propertybag, SetReplacesTheFirstInPlaceAndDropsLaterDuplicates) {
     EXPECT_EQ(bag.get(L"a"), L"back");
 }
 
+TEST(propertybag, MoveInFormsGiveTheSameBagAsTheCopyingOnes) {
+    const auto w = [](const wchar_t* text) { return std::wstring(text); };
+    PropertyBag copied = bagOf({{L"a", L"1"}, {L"b", L"2"}, {L"a", L"3"}});
+    copied.set(L"a", L"9");
+    copied.setBag(L"b", bagOf({{L"k", L"v"}}));
+    copied.addBag(L"c", bagOf({{L"x", L"y"}}));
+    copied.setBag(L"d", PropertyBag{});
+    copied.add(L"c", L"text");
+
+    PropertyBag moved;
+    moved.reserve(2);  // filling past the reservation still works
+    moved.add(w(L"a"), w(L"1"));
+    moved.add(w(L"b"), w(L"2"));
+    moved.add(w(L"a"), w(L"3"));
+    moved.set(w(L"a"), w(L"9"));
+    moved.setBag(w(L"b")).add(w(L"k"), w(L"v"));
+    moved.addBag(w(L"c")).add(w(L"x"), w(L"y"));
+    EXPECT_TRUE(moved.setBag(w(L"d")).empty());
+    moved.add(w(L"c"), w(L"text"));
+
+    EXPECT_EQ(dump(moved), (Lines{L"a=9", L"b={...}", L"c={...}", L"d={...}", L"c=text"}));
+    EXPECT_EQ(moved, copied);
+}
+
 TEST(propertybag, NumbersAndBooleansAreTextAndReadBackStrictly) {
     PropertyBag bag;
     bag.setInt64(L"max", std::numeric_limits<std::int64_t>::max());
