@@ -42,7 +42,8 @@ void HostSettings::reload() {
     const auto stored = store_->get(kHostKey, kLogLevelValue);
     bool invalid = false;
     if (stored) {
-        if (stored->type == platform::SettingValue::Type::Dword && stored->dword <= CORE::kLogError) {
+        if (stored->type == platform::SettingValue::Type::Dword &&
+            stored->dword <= CORE::kLogError) {
             level = static_cast<int>(stored->dword);
         } else {
             invalid = true;

@@ -37,8 +37,8 @@ int journalPriorityOfLevel(int level) {
 }
 
 std::vector<platform::JournalField> journalFieldsOf(const CORE::LogRecord& record,
-                                                     const std::string& identifier,
-                                                     const std::string& desktop) {
+                                                    const std::string& identifier,
+                                                    const std::string& desktop) {
     std::vector<platform::JournalField> fields{
         {"MESSAGE", record.text},
         {"PRIORITY", std::to_string(journalPriorityOfLevel(record.level))},
@@ -62,7 +62,9 @@ std::vector<platform::JournalField> journalFieldsOf(const CORE::LogRecord& recor
 
 JournalLogSink::JournalLogSink(std::unique_ptr<platform::Journal> journal, std::string identifier,
                                std::function<std::string()> desktop)
-    : journal_(std::move(journal)), identifier_(std::move(identifier)), desktop_(std::move(desktop)) {}
+    : journal_(std::move(journal)),
+      identifier_(std::move(identifier)),
+      desktop_(std::move(desktop)) {}
 
 void JournalLogSink::write(const CORE::LogRecord& record) {
     const platform::JournalResult result = journal_->write(

@@ -36,10 +36,10 @@ int runUntilStopSignal(const sigset_t& signals) {
     // Twice per interval, as the manager asks: once is too close to its limit.
     const auto period = *watchdog / 2;
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(period);
-    const timespec wait{static_cast<time_t>(seconds.count()),
-                        static_cast<long>(
-                            std::chrono::duration_cast<std::chrono::nanoseconds>(period - seconds)
-                                .count())};
+    const timespec wait{
+        static_cast<time_t>(seconds.count()),
+        static_cast<long>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(period - seconds).count())};
     bool late = false;
     for (;;) {
         const int signal = sigtimedwait(&signals, nullptr, &wait);

@@ -33,8 +33,8 @@
 
 #include <cerrno>
 
-#include <cstdio>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -248,7 +248,8 @@ int credsvc(const Home& home, const ndpx::devcloud::CredentialServiceOptions& op
 int provisionDesktop(const ndpx::devcloud::ProvisionRequest& request) {
     const auto result = ndpx::devcloud::provision(request);
     std::cout << "identity " << result.agentIdentity << "\nbootstrap topic "
-              << result.bootstrapTopic << "\nspec " << result.specFile.string() << "\nwritten at us "
+              << result.bootstrapTopic << "\nspec " << result.specFile.string()
+              << "\nwritten at us "
               << std::chrono::duration_cast<std::chrono::microseconds>(
                      result.writtenAt.time_since_epoch())
                      .count()

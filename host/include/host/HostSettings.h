@@ -11,7 +11,8 @@
 
 namespace ndpx::host {
 
-inline constexpr const char* kHostKey = "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane\\Agent Host";
+inline constexpr const char* kHostKey =
+    "HKLM\\Software\\Brasswick, Inc.\\Brasswick Orvane\\Agent Host";
 inline constexpr const char* kLogLevelValue = "LogLevel";
 
 class HostSettings {
@@ -36,7 +37,7 @@ private:
     const int startLevel_;
     std::unique_ptr<platform::SettingsWatch> watch_;
     std::string reportedInvalid_;  // reload's own: start, then the watch's thread
-    mutable std::mutex mutex_;  // the two values below; no call out while held
+    mutable std::mutex mutex_;     // the two values below; no call out while held
     std::string desktop_;
     int level_;
 };

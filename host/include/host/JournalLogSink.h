@@ -20,8 +20,8 @@ int journalPriorityOfLevel(int level);
 
 // The journal fields of one line; `desktop` may be empty (not yet paired).
 std::vector<platform::JournalField> journalFieldsOf(const CORE::LogRecord& record,
-                                                     const std::string& identifier,
-                                                     const std::string& desktop);
+                                                    const std::string& identifier,
+                                                    const std::string& desktop);
 
 class JournalLogSink : public CORE::LogSink {
 public:
