@@ -12,7 +12,8 @@ void releaseFreeMemory() {
 
 void useOneHeapArena() {
 #if defined(__GLIBC__)
-    mallopt(M_ARENA_MAX, 1);
+    // Called before the process starts any thread, as its contract says.
+    mallopt(M_ARENA_MAX, 1);  // NOLINT(concurrency-mt-unsafe)
 #endif
 }
 
