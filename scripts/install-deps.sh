@@ -14,7 +14,7 @@ packages=(
   libcurl4-openssl-dev
   duktape-dev
   libicu-dev tzdata
-  libsystemd-dev
+  libsystemd-dev systemd
   libcpp-httplib-dev
   libcli11-dev
   mosquitto mosquitto-clients
