@@ -21,6 +21,7 @@ packages=(
   python3 python3-paho-mqtt
   procps
   tinyproxy
+  lintian help2man
 )
 
 missing=()
