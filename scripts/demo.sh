@@ -1,22 +1,26 @@
 #!/usr/bin/env bash
 # The main job: on a fresh Debian 12 machine, installs what it needs, builds,
-# and shows a freshly provisioned desktop pairing and connecting by itself:
-# a development broker and credential service, agenthost with the module in
-# a temporary root, provisioning, a command from the control plane and its
-# answer, a renewal of its client certificate asked for by an operator (a
-# new certificate obtained over MQTT and HTTPS, proven, swapped in and
-# connected with), then a clean stop of everything.
+# and tells the whole story of a desktop: a development broker and credential
+# service, agenthost with the module in a temporary root, pairing by itself
+# once provisioned, a command from the control plane and its answer, a
+# session report, a template message that sets the time zone, a local
+# program publishing through the IPC bridge, a renewal of its client
+# certificate asked for by an operator (obtained over MQTT and HTTPS, proven,
+# swapped in and connected with), a broker restart that loses nothing, its
+# metrics, and a clean stop of everything.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/install-deps.sh
 build=${BUILD_DIR:-build}
 cmake -S . -B "$build" -G Ninja -DNDPX_BUILD_BENCH=OFF >/dev/null
-cmake --build "$build" -j2 --target agenthost ndpx_mqtt regctl certctl devcloud
+cmake --build "$build" -j2 --target agenthost ndpx_mqtt regctl certctl agentctl ipcctl devcloud
 
 devcloud="$build/tools/devcloud/devcloud"
 regctl="$build/tools/regctl/regctl"
 certctl="$build/tools/certctl/certctl"
+agentctl="$build/tools/agentctl/agentctl"
+ipcctl="$build/tools/ipcctl/ipcctl"
 work=$(mktemp -d /tmp/ndpx-demo.XXXXXX)
 cloud="$work/cloud"
 root="$work/desktop"
@@ -29,7 +33,7 @@ cleanup() {
   for pid in "${pids[@]}"; do
     wait "$pid" 2>/dev/null || true
   done
-  rm -rf "$work"
+  [[ -n "${KEEP_DEMO:-}" ]] || rm -rf "$work"
 }
 trap cleanup EXIT
 
@@ -50,8 +54,10 @@ node_manager='HKLM\Software\Brasswick, Inc.\Brasswick Orvane\Node Manager'
 
 say "Starting the development control plane: a certificate authority, an MQTT broker (TLS, client certificates required) and the credential service"
 "$devcloud" ca init --dir "$cloud" >/dev/null
-"$devcloud" broker --dir "$cloud" >"$work/broker.out" 2>&1 &
-pids+=($!)
+# --persist: the broker keeps its sessions and queued messages across a restart.
+"$devcloud" broker --dir "$cloud" --persist >"$work/broker.out" 2>&1 &
+broker=$!
+pids+=($broker)
 wait_for "$work/broker.out" "port " 30
 "$devcloud" credsvc --dir "$cloud" >"$work/credsvc.out" 2>&1 &
 pids+=($!)
@@ -69,8 +75,13 @@ say "Starting agenthost with ndpx_mqtt.so for a new desktop (root $root); it tru
 "$regctl" --root "$root" set "$node_manager" mqtt_SslCertThumbprint "$thumbprint"
 # A 7-day renewal window: the fresh 30-day certificate is left alone until asked.
 "$regctl" --root "$root" set "$node_manager" mqtt_CertExpiryDays 7
+# A session report every 5 s (150 by default), and the local IPC bridge with
+# ipcctl on its include list.
+"$regctl" --root "$root" set "$node_manager" AsyncSessionSeconds 5 --type dword
+"$regctl" --root "$root" set "$node_manager" mqtt_IPCServerEnabled true
+"$regctl" --root "$root" set "$node_manager\ipcincludelist" ipcctl 1
 "$build/host/agenthost" --root "$root" --plugin "$build/plugin/ndpx_mqtt.so" \
-  --log-level 1 --log-file "$work/agent.log" 2>/dev/null &
+  --log-level 1 --log-file "$work/agent.log" --metrics-interval 2 2>/dev/null &
 agent=$!
 pids+=($agent)
 wait_for "$work/agent.log" "MQTT_STATE_WAITING_CONFIG" 30
@@ -90,6 +101,25 @@ say "The certificate the desktop now holds"
 
 say "The control plane sends GetHostFacts to desktop e1/vm7 and prints the answer"
 "$devcloud" send --dir "$cloud" --port "$broker_port" --desktop e1/vm7 --command GetHostFacts --timeout 20
+
+# The control plane's view of everything the desktop publishes, kept by the
+# broker for it across the restart below.
+"$devcloud" watch --dir "$cloud" --port "$broker_port" --desktop e1/vm7 --keep-session \
+  >"$work/watch.out" 2>&1 &
+pids+=($!)
+wait_for "$work/watch.out" "watching" 30
+shown() {  # shown TEXT: the control plane's line with TEXT, cut to fit
+  grep -m1 -F -- "$1" "$work/watch.out" | cut -c1-150 | sed 's/^/  /'
+}
+
+say "A session report reaches the control plane (every 5 s here)"
+wait_for "$work/watch.out" "agent/sessions/report" 30
+shown "agent/sessions/report"
+
+say "A local program on the include list (ipcctl) publishes through the agent's IPC bridge"
+"$ipcctl" --root "$root" publish desktop/e1/vm7/apps/notes '{"note":"hello from a desktop program"}' --qos 1
+wait_for "$work/watch.out" "hello from a desktop program" 30
+shown "hello from a desktop program"
 
 say "Renewing the client certificate: an operator asks the agent to renew and swap it now"
 "$regctl" --root "$root" set "$node_manager" mqtt_TriggerCertSwap 1
@@ -125,6 +155,26 @@ if grep -q "not-in-any-log" "$work/agent.log"; then
   exit 1
 fi
 
+say "The broker restarts; what the desktop publishes meanwhile is kept and delivered"
+kill -TERM "$broker"
+wait "$broker" || true
+wait_for "$work/agent.log" "MQTT_STATE_NOT_CONNECTED" 30
+"$ipcctl" --root "$root" publish desktop/e1/vm7/apps/notes '{"note":"written while the broker was away"}' --qos 1
+echo "  broker stopped; the agent is disconnected and a program published meanwhile"
+"$devcloud" broker --dir "$cloud" --persist --port "$broker_port" >"$work/broker2.out" 2>&1 &
+pids+=($!)
+wait_for "$work/broker2.out" "port " 30
+wait_for "$work/agent.log" "MQTT_STATE_CONNECTED" 60 3
+wait_for "$work/watch.out" "written while the broker was away" 60
+echo "  broker back on port $broker_port; the agent reconnected by itself"
+shown "written while the broker was away"
+"$devcloud" send --dir "$cloud" --port "$broker_port" --desktop e1/vm7 --command GetHostFacts --timeout 20 |
+  grep -E '"HOSTNAME"' | sed 's/^[[:space:]]*/  answered after the restart: /'
+
+say "The agent's own account (agentctl status, from its metrics of the last 2 s)"
+wait_for "$root/run/Brasswick/metrics.json" "MQTT_STATE_CONNECTED" 10
+"$agentctl" --root "$root" status | sed 's/^/  /'
+
 say "Stopping the agent (SIGTERM)"
 kill -TERM "$agent"
 status=0
@@ -132,4 +182,4 @@ wait "$agent" || status=$?
 grep -E "MQTT Stop successful|agenthost: stopped" "$work/agent.log" | sed 's/^[^[]*\[[^]]*\] L[0-9] [0-9]*: /  /'
 echo "agenthost exit status: $status"
 
-say "Done: the desktop paired with the credential service, connected to the broker over mutual TLS, answered a command, renewed its certificate live, took its time zone and reported a domain join it could not make, and stopped cleanly."
+say "Done: the desktop paired with the credential service, connected to the broker over mutual TLS, answered commands, reported its sessions, took its time zone, reported a domain join it could not make, carried a local program's messages, renewed its certificate live, rode out a broker restart without losing a message, and stopped cleanly."

@@ -334,10 +334,14 @@ int send(const Home& home, const std::string& host, int port, const std::string&
 }
 
 int watch(const Home& home, const std::string& host, int port, const std::string& cn,
-          const std::string& desktop) {
+          const std::string& desktop, bool keepSession) {
     const sigset_t signals = blockStopSignals();
     ClientOptions options = controlPlaneOptions(home, host, port, cn, "devcloud-watch");
     options.automaticReconnect = true;
+    if (keepSession) {
+        options.cleanStart = false;
+        options.sessionExpirySeconds = 300;
+    }
     MqttClient client(options);
     const std::string filter = ndpx::devcloud::desktopFilter(desktop.empty() ? "+" : desktop);
     // "desktop/+/#" would miss identifiers with a slash (edge/vm).
@@ -511,6 +515,10 @@ int main(int argc, char** argv) {
     watchCmd->add_option("--port", port, "Broker port")->required();
     watchCmd->add_option("--cn", cn, "The control plane's certificate name")->capture_default_str();
     watchCmd->add_option("--desktop", desktop, "Only this desktop");
+    bool keepSession = false;
+    watchCmd->add_flag("--keep-session", keepSession,
+                       "Keep the subscription and what arrives for it at the broker across "
+                       "reconnects and broker restarts (clean start off, 300 s)");
 
     auto* echoCmd =
         app.add_subcommand("echo", "Answer a desktop's commands with the request (raw stand-in)");
@@ -670,7 +678,7 @@ int main(int argc, char** argv) {
             return send(home, host, port, cn, desktop, command, args, metadata, timeout);
         }
         if (watchCmd->parsed()) {
-            return watch(home, host, port, cn, desktop);
+            return watch(home, host, port, cn, desktop, keepSession);
         }
         if (echoCmd->parsed()) {
             const sigset_t signals = blockStopSignals();
