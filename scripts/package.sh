@@ -32,6 +32,13 @@ lintian --fail-on error --suppress-tags initial-upload-closes-no-bugs "$agent_de
 echo "package: lintian reports no errors"
 ((install_test)) || exit 0
 
+# The purge removes the agent's state: never on a machine that has some.
+if dpkg-query -W ndpx-agent >/dev/null 2>&1 || [[ -e /var/lib/Brasswick ]]; then
+  echo "package: this machine already has an agent or its state (/var/lib/Brasswick);" \
+    "the install test would purge it, so it does not run here" >&2
+  exit 1
+fi
+
 # What the machine holds outside dpkg's own records, before and after.
 snapshot() {
   find /etc /lib/systemd /usr/bin /usr/lib /usr/share/doc /usr/share/man /var/lib /var/log \
