@@ -17,6 +17,10 @@ artifacts=build-fuzz/artifacts
 mkdir -p "$artifacts"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+# The targets build real managers: their settings and stores go under a root
+# of the run's own, never the machine's.
+export NDPX_ROOT="$work/root"
+mkdir -p "$NDPX_ROOT"
 
 # Runs one target; its output goes to $work/NAME.log, its exit status to
 # $work/NAME.status.
