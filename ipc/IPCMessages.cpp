@@ -61,8 +61,15 @@ void IPCManager::ProcessIncomingMessage(std::uint32_t pid, const std::uint8_t* d
         --size;
     }
     const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    if (data == nullptr || std::memchr(text, 0, size) != nullptr ||
-        !reader->parse(text, text + size, &message, &errors)) {
+    bool parsed = false;
+    try {
+        parsed = data != nullptr && std::memchr(text, 0, size) == nullptr &&
+                 reader->parse(text, text + size, &message, &errors);
+    } catch (const Json::Exception&) {
+        // Nested past the reader's limit: a local process must not be able
+        // to end the agent with it.
+    }
+    if (!parsed) {
         MFW_LOG(CORE::kLogError,
                 "IPCManager::ProcessIncomingMessage(): Failed to parse incoming json message");
         return;
