@@ -38,18 +38,7 @@ cleanup() {
 trap cleanup EXIT
 
 say() { printf '\n== %s\n' "$*"; }
-wait_for() {  # wait_for FILE TEXT SECONDS [COUNT]: until TEXT shows COUNT times
-  local deadline=$((SECONDS + $3))
-  until (($(grep -cF -- "$2" "$1" 2>/dev/null) >= ${4:-1})); do
-    if ((SECONDS >= deadline)); then
-      echo "demo: gave up waiting for '$2' in $1" >&2
-      tail -n 40 "$1" >&2
-      exit 1
-    fi
-    sleep 0.1
-  done
-}
-value_of() { grep -m1 "^$2 " "$1" | cut -d' ' -f2-; }
+source scripts/waiting.sh
 node_manager='HKLM\Software\Brasswick, Inc.\Brasswick Orvane\Node Manager'
 
 say "Starting the development control plane: a certificate authority, an MQTT broker (TLS, client certificates required) and the credential service"

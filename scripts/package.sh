@@ -65,18 +65,7 @@ test -f /lib/systemd/system/agenthost.service
 test -L /etc/systemd/system/multi-user.target.wants/agenthost.service
 echo "package: installed; state folders made, unit enabled"
 
-wait_for() {  # wait_for FILE TEXT SECONDS
-  local deadline=$((SECONDS + $3))
-  until grep -qF -- "$2" "$1" 2>/dev/null; do
-    if ((SECONDS >= deadline)); then
-      echo "package: gave up waiting for '$2' in $1" >&2
-      tail -n 30 "$1" >&2
-      exit 1
-    fi
-    sleep 0.1
-  done
-}
-value_of() { grep -m1 "^$2 " "$1" | cut -d' ' -f2-; }
+source scripts/waiting.sh
 cloud="$work/cloud"
 root="$work/desktop"
 mkdir -p "$cloud" "$root"
