@@ -30,7 +30,12 @@ CertMonitor::CertMonitor(CertMonitorHost& host, ConfigSource config,
       certificates_(std::move(certificates)),
       time_(time),
       stopEvent_(CORE::coreevent::Reset::Manual, false, time),
-      generator_(std::random_device{}()) {}
+      generator_(std::random_device{}()) {
+    // Every result from the start, so a scraper sees a zero, not nothing.
+    for (const char* result : renewal::kResults) {
+        renewalResults_[result] = 0;
+    }
+}
 
 CertMonitor::~CertMonitor() {
     Stop();
@@ -381,12 +386,18 @@ void CertMonitor::sendEvent(int type, const std::string& description) {
 void CertMonitor::noteRenewal(const std::string& result) {
     CORE::MutexLock lock(mutex_);
     lastRenewal_ = Renewal{time_.systemNow(), result};
+    ++renewalResults_[result];
     notAfter_.reset();  // a swap brings another certificate
 }
 
 std::optional<CertMonitor::Renewal> CertMonitor::lastRenewal() const {
     CORE::MutexLock lock(mutex_);
     return lastRenewal_;
+}
+
+std::map<std::string, std::uint64_t> CertMonitor::renewalResults() const {
+    CORE::MutexLock lock(mutex_);
+    return renewalResults_;
 }
 
 std::optional<std::int64_t> CertMonitor::secondsToExpiry() {

@@ -219,7 +219,7 @@ bool CertMonitor::GeneratePendingCertificate() {
         // no failed renewal: operators would see an error event for nothing.
         if (!stopping) {
             sendEvent(kEventCertificateRefreshFailed, "NO OTP");
-            noteRenewal("no one-time password");
+            noteRenewal(renewal::kNoOneTimePassword);
         }
         return false;
     }
@@ -234,14 +234,14 @@ bool CertMonitor::GeneratePendingCertificate() {
                 "CertMonitor::GeneratePendingCertificate(): Unable to generate client pending "
                 "certificate");
         sendEvent(kEventCertificateRefreshFailed, "NEXHUB ERROR");
-        noteRenewal("credential service error");
+        noteRenewal(renewal::kServiceError);
         return false;
     }
     MFW_LOG(CORE::kLogDebug,
             "CertMonitor::GeneratePendingCertificate(): Successfully generated new client pending "
             "certificate");
     sendEvent(kEventRefreshedCertificates);
-    noteRenewal("pending certificate obtained");
+    noteRenewal(renewal::kObtained);
     return true;
 }
 
@@ -362,7 +362,7 @@ bool CertMonitor::ActivatePendingCertificate(bool swapForced, bool pairingLockHe
                 "CertMonitor::ActivatePendingCertificate(): No pending certificate of the agent "
                 "identity; keeping the current one");
         sendEvent(kEventSwapFailed, "NO PENDING CERTIFICATE");
-        noteRenewal("no pending certificate of the agent identity");
+        noteRenewal(renewal::kNoPending);
         return false;
     }
     if (!host_.brokerAccepts(pending.clientCertPem, pending.privateKeyPem, stopEvent_)) {
@@ -370,7 +370,7 @@ bool CertMonitor::ActivatePendingCertificate(bool swapForced, bool pairingLockHe
                 "CertMonitor::ActivatePendingCertificate(): The broker does not accept the "
                 "pending certificate; keeping the current one");
         sendEvent(kEventSwapFailed, "PENDING CERTIFICATE REFUSED BY BROKER");
-        noteRenewal("pending certificate refused by the broker");
+        noteRenewal(renewal::kRefused);
         return false;
     }
     bool swapped = false;
@@ -385,14 +385,14 @@ bool CertMonitor::ActivatePendingCertificate(bool swapForced, bool pairingLockHe
                 "CertMonitor::ActivatePendingCertificate(): Failed to activate pending "
                 "certificate");
         sendEvent(kEventSwapFailed, "RENAME FAILED");
-        noteRenewal("swap failed");
+        noteRenewal(renewal::kSwapFailed);
         return false;
     }
     MFW_LOG(CORE::kLogDebug,
             "CertMonitor::ActivatePendingCertificate(): Successfully swapped the current and "
             "pending certificates.");
     sendEvent(kEventSwappedCertificates);
-    noteRenewal(swapForced ? "swapped on demand" : "swapped");
+    noteRenewal(swapForced ? renewal::kSwappedOnDemand : renewal::kSwapped);
     host_.certificateSwapped();
     return true;
 }

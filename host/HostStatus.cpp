@@ -72,6 +72,7 @@ Json::Value composeStatus(const Json::Value& moduleMetric) {
     const Json::Value& publications = value.isObject() ? value["publications"] : Json::Value();
     status["publications"]["buffered"] = publications.get("buffered", Json::Value());
     status["publications"]["dropped"] = publications.get("dropped", Json::Value());
+    status["publications"]["lostInFlight"] = publications.get("lostInFlight", Json::Value());
     const Json::Value& session = value.isObject() ? value["session"] : Json::Value();
     status["session"]["reconnects"] = session.get("reconnects", Json::Value());
     status["session"]["lostSessions"] = session.get("lostSessions", Json::Value());

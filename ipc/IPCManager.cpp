@@ -246,4 +246,9 @@ bool IPCManager::ownsTopic(const std::string& topic) const {
     return started_ && topics_.count(topic) != 0;
 }
 
+std::size_t IPCManager::clientCount() const {
+    CORE::MutexLock lock(mutex_);
+    return streams_.size();
+}
+
 }  // namespace ndpx

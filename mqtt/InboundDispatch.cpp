@@ -148,6 +148,8 @@ std::optional<std::string> commandId(const Json::Value& root) {
 
 void MqttManager::ProcessCommandMessage(Json::Value root) {
     MFW_LOG(CORE::kLogDebug, "MqttManager::ProcessCommandMessage(): Processing command message");
+    counters_.commandsReceived.fetch_add(1);
+    const auto receivedAt = deps_.time->steadyNow();
     const std::optional<std::string> idText = commandId(root);
     if (!idText) {
         return;
@@ -158,6 +160,7 @@ void MqttManager::ProcessCommandMessage(Json::Value root) {
                 "MqttManager::ProcessCommandMessage(): Found duplicate message for ID: %s, "
                 "dropping the message",
                 CORE::toUtf8(id).c_str());
+        counters_.duplicateCommands.fetch_add(1);
         return;
     }
     Json::Value command;
@@ -182,7 +185,7 @@ void MqttManager::ProcessCommandMessage(Json::Value root) {
     const std::wstring name = CORE::toWide(command.asString());
     {
         CORE::MutexLock lock(pendingLock_);
-        pendingCommands_[id] = PendingCommand{name, metadata};
+        pendingCommands_[id] = PendingCommand{name, metadata, receivedAt};
     }
     duplicates_->Record(id);
     if (!CORE::MessageHandler::SendAsyncMsg(L"DesktopManager", name, bag, &onAsyncMsgComplete, this,
@@ -206,12 +209,14 @@ void MqttManager::onAsyncMsgComplete(void* context, const std::wstring& id, int 
     auto* self = static_cast<MqttManager*>(context);
     std::wstring command;
     Json::Value metadata;
+    std::optional<platform::TimeSource::SteadyTime> receivedAt;
     {
         CORE::MutexLock lock(self->pendingLock_);
         auto it = self->pendingCommands_.find(id);
         if (it != self->pendingCommands_.end()) {
-            command = it->second.command;
-            metadata = it->second.metadata;
+            command = std::move(it->second.command);
+            metadata = std::move(it->second.metadata);
+            receivedAt = it->second.receivedAt;
             self->pendingCommands_.erase(it);
         }
     }
@@ -232,6 +237,12 @@ void MqttManager::onAsyncMsgComplete(void* context, const std::wstring& id, int 
     const std::string text = MqttManagerUtil::writeCompact(answer);
     const bool published =
         self->DoPublishMessage(self->publishTopics().response, text, token, 1, false);
+    if (published) {
+        self->counters_.commandsAnswered.fetch_add(1);
+        if (receivedAt) {
+            self->counters_.answerLatency.observe(self->deps_.time->steadyNow() - *receivedAt);
+        }
+    }
     if (published && self->duplicates_->IsEnabled()) {
         // The answer is in the library's persistence now; the command's
         // acknowledgement may not have reached the broker yet.

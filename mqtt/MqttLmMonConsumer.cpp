@@ -11,13 +11,8 @@ constexpr int kDataTypeJson = 4;
 }
 
 MqttLmMonConsumer::MqttLmMonConsumer(std::function<std::string()> stateName,
-                                     std::function<Json::Value()> certificate,
-                                     std::function<Json::Value()> publications,
-                                     std::function<Json::Value()> session)
-    : stateName_(std::move(stateName)),
-      certificate_(std::move(certificate)),
-      publications_(std::move(publications)),
-      session_(std::move(session)) {}
+                                     std::function<Json::Value()> details)
+    : stateName_(std::move(stateName)), details_(std::move(details)) {}
 
 MqttLmMonConsumer::~MqttLmMonConsumer() {
     unload();
@@ -46,19 +41,11 @@ bool MqttLmMonConsumer::unload() {
 bool MqttLmMonConsumer::DoSetMetricCallback() {
     const std::string name = stateName_();
     MFW_LOG(CORE::kLogDebug, "MqttLmMonConsumer::DoSetMetricCallback(): state=%s", name.c_str());
-    Json::Value root(Json::objectValue);
+    Json::Value root = details_ ? details_() : Json::Value();
+    if (!root.isObject()) {
+        root = Json::Value(Json::objectValue);
+    }
     root["mqttState"]["state"] = name;
-    if (certificate_) {
-        if (Json::Value certificate = certificate_(); !certificate.isNull()) {
-            root["clientCertificate"] = std::move(certificate);
-        }
-    }
-    if (publications_) {
-        root["publications"] = publications_();
-    }
-    if (session_) {
-        root["session"] = session_();
-    }
     return SendData("MQTTMetrics", "ndpx_mqtt", "MQTTMetrics", kDataTypeJson,
                     MqttManagerUtil::writeCompact(root));
 }

@@ -39,8 +39,7 @@ MqttManager::MqttManager(MqttManagerDependencies deps)
       certificates_(deps_.certificates ? deps_.certificates
                                        : std::make_shared<certs::CertificateUtil>()),
       shutdownEvent_(CORE::coreevent::Reset::Manual, false, *deps_.time),
-      metrics_([this] { return GetStateName(); }, [this] { return certificateMetric(); },
-               [this] { return publicationMetric(); }, [this] { return sessionMetric(); }),
+      metrics_([this] { return GetStateName(); }, [this] { return metricDetails(); }),
       connection_(
           deps_.clientFactory ? deps_.clientFactory : pahoClientFactory(), *this,
           [this](std::function<void()> work) { return executor_.post(std::move(work)); },

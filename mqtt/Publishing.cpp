@@ -84,20 +84,6 @@ bool MqttManager::refusePublication() {
     return false;
 }
 
-Json::Value MqttManager::sessionMetric() const {
-    Json::Value out(Json::objectValue);
-    out["reconnects"] = Json::UInt64(session_.reconnects());
-    out["lostSessions"] = Json::UInt64(session_.lostSessions());
-    return out;
-}
-
-Json::Value MqttManager::publicationMetric() const {
-    Json::Value out(Json::objectValue);
-    out["buffered"] = Json::UInt64(bufferedPublications_.load());
-    out["dropped"] = Json::UInt64(droppedPublications_.load());
-    return out;
-}
-
 bool MqttManager::PublishMessage(const std::string& topic, const Json::Value& json, bool reliable,
                                  MqttClient::SuccessFn onSuccess) {
     int token = 0;
@@ -207,7 +193,6 @@ void MqttManager::OnPublishFailure(const MqttFailure& f) {
             "Reason Code: %d. Error message: %s. Token: %d",
             f.code, f.reasonCode, f.message.empty() ? "null" : f.message.c_str(), f.token);
     const auto failed = failedPublications_.fetch_add(1) + 1;
-    droppedPublications_.fetch_add(1);
     if (f.code == kMqttSessionLost) {
         // The broker kept no session for us: this publication is lost.
         MFW_LOG(CORE::kLogWarning,

@@ -157,6 +157,10 @@ bool Registration::HandlePendingRetries() {
     return false;
 }
 
+void Registration::pairingFailed(const char* reason) {
+    manager_.counters_.pairingFailures.add(reason);
+}
+
 bool Registration::CreateAgentKeyPair() {
     if (!needBootstrap_) {
         MFW_LOG(CORE::kLogDebug, "MqttManager::CreateAgentKeyPair(): Skip creating agent key pair");
@@ -164,6 +168,7 @@ bool Registration::CreateAgentKeyPair() {
     }
     MFW_LOG(CORE::kLogDebug, "MqttManager::CreateAgentKeyPair(): Creating agent key pair.");
     manager_.setRunState(MQTT_STATE_PAIRING);
+    manager_.counters_.pairingAttempts.fetch_add(1);
     auto cfg = manager_.config();
     const auto guid = CORE::makeGuid();
     keyContainer_ = guid ? *guid : std::string(CORE::kNullGuid);
@@ -174,12 +179,14 @@ bool Registration::CreateAgentKeyPair() {
                                           privateKeyPem, csrPem)) {
         MFW_LOG(CORE::kLogError,
                 "MqttManager::CreateAgentKeyPair(): Failed to generate the key and CSR.");
+        pairingFailed(pairing_failure::kKeyGeneration);
         HandlePendingRetries();
         return false;
     }
     const std::string encoded = CORE::base64Encode(csrPem);
     if (encoded.empty()) {
         MFW_LOG(CORE::kLogError, "MqttManager::CreateAgentKeyPair():  Client CSR is empty.");
+        pairingFailed(pairing_failure::kKeyGeneration);
         return false;
     }
     cfg->setPairingSecrets({std::move(privateKeyPem), CORE::toWide(keyContainer_), encoded});
@@ -227,6 +234,7 @@ bool Registration::RequestCredentials() {
                         cfg->pairingSecrets().csr, response, manager_.shutdownEvent())) {
         MFW_LOG(CORE::kLogError,
                 "MqttManager::RequestCredentials(): Failed to register with REST API.");
+        pairingFailed(pairing_failure::kCredentialService);
         HandlePendingRetries();
         return false;
     }
@@ -247,6 +255,7 @@ bool Registration::RequestCredentials() {
         MFW_LOG(CORE::kLogError,
                 "MqttManager::RequestCredentials(): Credentials response parse failed.");
     }
+    pairingFailed(pairing_failure::kCredentialsResponse);
     failed("Failed to request credentials. Bootstrap needed");
     return false;
 }
@@ -262,6 +271,7 @@ bool Registration::StorePairingData() {
     pairingConfigOwner_.reset();
     if (!pairing || !pairing->StorePairingData(*certificates_, false, keyContainer_, keyBlob_)) {
         MFW_LOG(CORE::kLogError, "MqttManager::StorePairingData(): Unable to store pairing data.");
+        pairingFailed(pairing_failure::kStore);
         failed("Failed to store certficates. Bootstrap needed");
         if (registrationCompleted_) {
             // The running session keeps the pairing it has.
@@ -277,6 +287,7 @@ bool Registration::StorePairingData() {
     if (!pairing->RetrievePairingData(*certificates_, cfg->getAgentIdentityPend())) {
         MFW_LOG(CORE::kLogError,
                 "MqttManager::StorePairingData(): Have paired but pairing data not complete");
+        pairingFailed(pairing_failure::kStore);
         failed("Pairing data incomplete. Bootstrap needed");
         return false;
     }

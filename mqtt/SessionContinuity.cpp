@@ -31,6 +31,9 @@ void SessionContinuity::connected(bool sessionPresent, bool cleanStart) {
         previousId = std::exchange(lastConnectedId_, clientId_);
         lostAt = std::exchange(lostAt_, std::nullopt);
         const auto now = time_.steadyNow();
+        if (!connectedSince_) {
+            connectedSince_ = now;
+        }
         mark = !markedAt_ || previousId != clientId || now - *markedAt_ >= std::chrono::seconds(5);
         if (mark) {
             markedAt_ = now;
@@ -77,6 +80,9 @@ void SessionContinuity::disconnected(bool stopping) {
             return;  // never connected, or already away
         }
         const auto now = time_.steadyNow();
+        if (connectedSince_) {
+            connectedBefore_ += now - *std::exchange(connectedSince_, std::nullopt);
+        }
         if (!lostAt_) {
             lostAt_ = now;
         }
@@ -90,6 +96,15 @@ void SessionContinuity::disconnected(bool stopping) {
     if (!file.empty()) {
         writeMarker(file, clientId);
     }
+}
+
+std::uint64_t SessionContinuity::connectedSeconds() const {
+    std::lock_guard lock(mutex_);
+    auto total = connectedBefore_;
+    if (connectedSince_) {
+        total += time_.steadyNow() - *connectedSince_;
+    }
+    return static_cast<std::uint64_t>(duration_cast<seconds>(total).count());
 }
 
 std::optional<SessionContinuity::Marker> SessionContinuity::readMarker(

@@ -30,7 +30,7 @@ public:
     }
     void clearDuplicateFilter() { m_.duplicates_->Clear(); }
     bool paired() const { return m_.pairedFlag_.load(); }
-    Json::Value publicationMetric() const { return m_.publicationMetric(); }
+    Json::Value metricDetails() const { return m_.metricDetails(); }
 
     // The chain's store step on a later pass, after an earlier pass
     // completed, when the credentials answer did not parse into anything to

@@ -104,7 +104,8 @@ std::string statusText(const Json::Value& status) {
     }
     const Json::Value& pub = status["publications"];
     out << "publications   " << orUnknown(pub["buffered"]) << " buffered while disconnected, "
-        << orUnknown(pub["dropped"]) << " dropped\n";
+        << orUnknown(pub["dropped"]) << " dropped, " << orUnknown(pub["lostInFlight"])
+        << " lost in flight\n";
     // A lost session took the commands sent while the desktop was away.
     const Json::Value& session = status["session"];
     out << "session        " << orUnknown(session["reconnects"]) << " reconnects, "

@@ -17,11 +17,13 @@
 
 #include <json/value.h>
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <ctime>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <random>
@@ -61,6 +63,22 @@ inline constexpr int kEventRefreshedCertificates = 1015;
 inline constexpr int kEventCertificateRefreshFailed = 1016;
 inline constexpr int kEventSwappedCertificates = 1017;
 inline constexpr int kEventSwapFailed = 1018;
+
+// What a renewal step ended with: the metric's last result, and a count of
+// each since the monitor started.
+namespace renewal {
+inline constexpr const char* kNoOneTimePassword = "no one-time password";
+inline constexpr const char* kServiceError = "credential service error";
+inline constexpr const char* kObtained = "pending certificate obtained";
+inline constexpr const char* kNoPending = "no pending certificate of the agent identity";
+inline constexpr const char* kRefused = "pending certificate refused by the broker";
+inline constexpr const char* kSwapFailed = "swap failed";
+inline constexpr const char* kSwappedOnDemand = "swapped on demand";
+inline constexpr const char* kSwapped = "swapped";
+inline constexpr std::array kResults{kNoOneTimePassword, kServiceError, kObtained,
+                                     kNoPending,         kRefused,      kSwapFailed,
+                                     kSwappedOnDemand,   kSwapped};
+}  // namespace renewal
 
 class CertMonitor {
 public:
@@ -112,6 +130,8 @@ public:
         std::string result;
     };
     std::optional<Renewal> lastRenewal() const MFW_EXCLUDES(mutex_);
+    // How often each renewal result came, since the monitor started.
+    std::map<std::string, std::uint64_t> renewalResults() const MFW_EXCLUDES(mutex_);
     // Seconds until the current client certificate expires; nothing when
     // there is none. Asked at every metrics collection, so the certificate's
     // end is read from the store at most every kExpiryRereadSeconds, and
@@ -167,6 +187,7 @@ private:
     std::optional<std::uint64_t> lastOtpTicks_ MFW_GUARDED_BY(mutex_);
     std::optional<Token> token_ MFW_GUARDED_BY(mutex_);
     std::optional<Renewal> lastRenewal_ MFW_GUARDED_BY(mutex_);
+    std::map<std::string, std::uint64_t> renewalResults_ MFW_GUARDED_BY(mutex_);
     // The current certificate's end and when it was read, for secondsToExpiry.
     std::optional<std::time_t> notAfter_ MFW_GUARDED_BY(mutex_);
     std::time_t notAfterReadAt_ MFW_GUARDED_BY(mutex_) = 0;

@@ -65,6 +65,8 @@ public:
     // Does a local process own `topic`? Its messages then go only to it.
     bool ownsTopic(const std::string& topic) const MFW_EXCLUDES(mutex_);
     void OnMQTTMessage(const std::string& topic, const std::string& payload) MFW_EXCLUDES(mutex_);
+    // Local processes connected now.
+    std::size_t clientCount() const MFW_EXCLUDES(mutex_);
     // The identity changed: every connected process is told again.
     void OnBootstrapRequired() MFW_EXCLUDES(mutex_);
 

@@ -11,14 +11,10 @@ namespace ndpx {
 class MqttLmMonConsumer {
 public:
     // `stateName` reads the current state's name when a metric is collected;
-    // `certificate`, when given, what is known of the client certificate
-    // (a JSON object, or null when nothing is); `publications`, when given,
-    // the publication counters; `session`, when given, the reconnection
-    // counters.
+    // `details`, when given, the session's other figures: an object whose
+    // members join the state in the metric.
     explicit MqttLmMonConsumer(std::function<std::string()> stateName,
-                               std::function<Json::Value()> certificate = {},
-                               std::function<Json::Value()> publications = {},
-                               std::function<Json::Value()> session = {});
+                               std::function<Json::Value()> details = {});
     ~MqttLmMonConsumer();
     MqttLmMonConsumer(const MqttLmMonConsumer&) = delete;
     MqttLmMonConsumer& operator=(const MqttLmMonConsumer&) = delete;
@@ -39,9 +35,7 @@ private:
                   int dataType, const std::string& value);
 
     std::function<std::string()> stateName_;
-    std::function<Json::Value()> certificate_;
-    std::function<Json::Value()> publications_;
-    std::function<Json::Value()> session_;
+    std::function<Json::Value()> details_;
     int collectorId_ = 0;
 };
 

@@ -20,6 +20,7 @@
 #include "mqtt/MqttState.h"
 #include "mqtt/Registration.h"
 #include "mqtt/SessionContinuity.h"
+#include "mqtt/SessionCounters.h"
 #include "mqtt/Topics.h"
 #include "reports/AsyncReportGenerator.h"
 #include "services/AnsweredCommandLog.h"
@@ -214,11 +215,8 @@ private:
     bool clientCertificateUsable(bool pairingLockHeld);
     // The client certificate's time left and last renewal, for the metric.
     Json::Value certificateMetric();
-    // Publications handed to the client while it was not connected (it
-    // buffers them) and publications refused or failed.
-    Json::Value publicationMetric() const;
-    // Reconnections and the sessions the broker did not keep.
-    Json::Value sessionMetric() const;
+    // The metric's figures beside the state (MetricDetails.cpp).
+    Json::Value metricDetails();
     bool refusePublication();
     void postConnectWork();
     void classifyConnectFailure();
@@ -269,15 +267,20 @@ private:
     ConnectionInfo info_;
     SessionContinuity session_{*deps_.time};
     std::atomic<bool> endpointOnly_{false};
-    // Publications the library failed after a session was lost (see docs).
+    // Publications the library failed after taking them: lost in flight
+    // (see docs).
     std::atomic<std::uint64_t> failedPublications_{0};
+    // Handed to the client while it was not connected (it buffers them).
     std::atomic<std::uint64_t> bufferedPublications_{0};
+    // Refused before reaching the client.
     std::atomic<std::uint64_t> droppedPublications_{0};
+    SessionCounters counters_;
 
     // Commands handed to the desktop manager and not yet answered.
     struct PendingCommand {
         std::wstring command;
         Json::Value metadata;
+        platform::TimeSource::SteadyTime receivedAt;
     };
     mutable CORE::Mutex pendingLock_;
     std::map<std::wstring, PendingCommand> pendingCommands_ MFW_GUARDED_BY(pendingLock_);

@@ -86,6 +86,8 @@ private:
     friend class MqttManagerTestPeer;
 
     void failed(const char* reason) MFW_REQUIRES(mutex_) { failureReason_ = reason; }
+    // Counted for the metrics, by a short reason fit for a label.
+    void pairingFailed(const char* reason);
     enum class ChainResult { Completed, Failed, Ended };
     ChainResult runChain() MFW_EXCLUDES(mutex_);
     // True when the wait ended because the manager is stopping.

@@ -32,6 +32,8 @@ public:
 
     std::uint64_t lostSessions() const { return lost_.load(); }
     std::uint64_t reconnects() const { return reconnects_.load(); }
+    // Time spent connected since the module started, whole seconds.
+    std::uint64_t connectedSeconds() const;
 
 private:
     struct Marker {
@@ -42,7 +44,7 @@ private:
     void writeMarker(const std::filesystem::path& file, const std::string& clientId) const;
 
     platform::TimeSource& time_;
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     // The dispatch thread's connection events and Stop's own both write the
     // marker: one at a time, so the file holds the last of them whole.
     mutable std::mutex writeMutex_;
@@ -51,6 +53,9 @@ private:
     // The client ID of this process's last connection, empty before the first.
     std::string lastConnectedId_;
     std::optional<platform::TimeSource::SteadyTime> lostAt_;
+    // Connected since then; the connections before lasted connectedBefore_.
+    std::optional<platform::TimeSource::SteadyTime> connectedSince_;
+    platform::TimeSource::SteadyTime::duration connectedBefore_{};
     // When a connection last wrote the marker: a connection that flaps
     // writes it at most every few seconds.
     std::optional<platform::TimeSource::SteadyTime> markedAt_;

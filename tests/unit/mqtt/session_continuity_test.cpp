@@ -53,6 +53,24 @@ TEST_F(SessionContinuityTest, ALostSessionIsToldWithTheTimeAwayAndCounted) {
     EXPECT_EQ(session.lostSessions(), 1u);
 }
 
+TEST_F(SessionContinuityTest, ConnectedTimeCountsOnlyTheConnectedStretches) {
+    SessionContinuity session(time_);
+    session.setMarker(marker_, "e1t3_vm7");
+    EXPECT_EQ(session.connectedSeconds(), 0u);
+    session.connected(false, false);
+    time_.advance(10s);
+    session.disconnected();
+    time_.advance(300s);     // away: not counted
+    session.disconnected();  // a second loss while away changes nothing
+    EXPECT_EQ(session.connectedSeconds(), 10u);
+    session.connected(true, false);
+    time_.advance(3s);
+    EXPECT_EQ(session.connectedSeconds(), 13u);  // the current stretch counts as it goes
+    session.disconnected(true);
+    time_.advance(60s);
+    EXPECT_EQ(session.connectedSeconds(), 13u);
+}
+
 TEST_F(SessionContinuityTest, AfterARestartTheMarkerTellsWhetherASessionWasExpected) {
     {
         SessionContinuity before(time_);

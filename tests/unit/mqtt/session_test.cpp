@@ -230,8 +230,10 @@ TEST_F(SessionTest, PublishingRefusalsAndRedactedLogging) {
     // is down, as buffered.
     ASSERT_TRUE(fake_.connectionDown("test"));
     ASSERT_TRUE(manager_->PublishIPCMessage("desktop/e1/vm7/local", "{}", 1, false));
-    EXPECT_EQ(peer().publicationMetric()["buffered"].asUInt64(), 1u);
-    EXPECT_EQ(peer().publicationMetric()["dropped"].asUInt64(), 2u);
+    const Json::Value publications = peer().metricDetails()["publications"];
+    EXPECT_EQ(publications["buffered"].asUInt64(), 1u);
+    EXPECT_EQ(publications["dropped"].asUInt64(), 2u);
+    EXPECT_EQ(publications["lostInFlight"].asUInt64(), 0u);
 
     // "AVAILABLE" carries the key of the client certificate in use.
     Json::Value available;
@@ -299,6 +301,16 @@ TEST_F(InboundTest, CommandIsAnsweredOnceWithItsIdAndMetadataAndBadOnesAreDroppe
     EXPECT_TRUE(reg_.log().contains("Found duplicate message for ID: c1, dropping the message"));
     EXPECT_TRUE(reg_.log().contains("COMMAND object is not a string"));
     EXPECT_EQ(peer().pendingCommandCount(), 0u);
+    // For the metrics: every command message, the two answers with their
+    // times, the one redelivery.
+    Json::Value counted;
+    ASSERT_TRUE(test::waitUntil([&] {
+        counted = peer().metricDetails()["commands"];
+        return counted["answered"].asUInt64() == 2;
+    }));
+    EXPECT_EQ(counted["received"].asUInt64(), 4u);
+    EXPECT_EQ(counted["duplicates"].asUInt64(), 1u);
+    EXPECT_EQ(counted["answerLatency"]["count"].asUInt64(), 2u);
 }
 
 // An ID is taken as the text it is written as, for the duplicate filter and
