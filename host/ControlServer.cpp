@@ -1,5 +1,6 @@
 #include "host/ControlServer.h"
 
+#include "host/AcceptLoop.h"
 #include "host/MetricsFile.h"
 
 #include <config/MqttManagerUtil.h>
@@ -149,22 +150,8 @@ void ControlServer::stop() {
 
 void ControlServer::run() {
     platform::setCurrentThreadOsName("AgentCtl");
-    for (;;) {
-        platform::LocalStream client;
-        std::string error;
-        const platform::IoResult accepted = listener_->accept(client, stop_, error);
-        if (accepted == platform::IoResult::Stopped) {
-            return;
-        }
-        if (accepted != platform::IoResult::Ok) {
-            // Out of descriptors, say: let it pass rather than spin on it.
-            CORE::__SysMessage(kSource, CORE::kLogWarning, "agentctl: cannot accept: %s",
-                               error.c_str());
-            stop_.wait(std::chrono::milliseconds(500));
-            continue;
-        }
-        serve(client);
-    }
+    acceptUntilStopped(*listener_, stop_, "agentctl",
+                       [this](platform::LocalStream& client) { serve(client); });
 }
 
 void ControlServer::serve(platform::LocalStream& client) {

@@ -1,5 +1,7 @@
 #include "host/MetricsFile.h"
 
+#include "host/PrometheusText.h"
+
 #include <platform/Paths.h>
 
 #include <json/reader.h>
@@ -31,6 +33,33 @@ Json::Value valueOf(const std::string& text) {
     return Json::Value(text);
 }
 
+// Meant for the monitoring tools, which need not run as this process's user:
+// readable by everyone, set explicitly because the host's umask keeps
+// everything else private. Written aside and renamed, so a reader never sees
+// half a file. The folder is made when the first try finds none: a write
+// every collection need not walk the path each time.
+void writePublic(const std::filesystem::path& file, const std::string& text) {
+    namespace fs = std::filesystem;
+    constexpr auto kFileMode = fs::perms::owner_read | fs::perms::owner_write |
+                               fs::perms::group_read | fs::perms::others_read;
+    const auto tmp = file.string() + ".tmp";
+    std::ofstream out(tmp, std::ios::trunc);
+    if (!out) {
+        std::string error;
+        if (!createRunFolder(file.parent_path(), error)) {
+            return;
+        }
+        out.open(tmp, std::ios::trunc);
+    }
+    out << text;
+    out.close();
+    std::error_code ec;
+    fs::permissions(tmp, kFileMode, ec);
+    fs::rename(tmp, file, ec);
+}
+
+constexpr const char* kModuleKey = "MQTTMetrics";
+
 }  // namespace
 
 bool createRunFolder(const std::filesystem::path& dir, std::string& error) {
@@ -40,7 +69,8 @@ bool createRunFolder(const std::filesystem::path& dir, std::string& error) {
     return platform::paths::createDirectories(dir, kFolderMode, error);
 }
 
-MetricsFile::MetricsFile(std::filesystem::path file) : file_(std::move(file)) {}
+MetricsFile::MetricsFile(std::filesystem::path file, std::filesystem::path textfile)
+    : file_(std::move(file)), textfile_(std::move(textfile)) {}
 
 bool MetricsFile::sendData(const CORE::MetricRecord& record) {
     Json::Value entry(Json::objectValue);
@@ -59,27 +89,18 @@ Json::Value MetricsFile::latest(const std::string& key) const {
     return latest_.get(key, Json::Value());
 }
 
+std::string MetricsFile::prometheus() const {
+    std::lock_guard lock(mutex_);
+    return prometheusText(latest_.get(kModuleKey, Json::Value()).get("value", Json::Value()));
+}
+
 void MetricsFile::writeLockHeld() {
-    // Meant for the monitoring tools, which need not run as this process's
-    // user: readable by everyone, set explicitly because the host's umask
-    // keeps everything else private.
-    namespace fs = std::filesystem;
-    constexpr auto kFileMode = fs::perms::owner_read | fs::perms::owner_write |
-                               fs::perms::group_read | fs::perms::others_read;
-    std::string error;
-    if (!createRunFolder(file_.parent_path(), error)) {
-        return;
+    writePublic(file_, Json::writeString(Json::StreamWriterBuilder(), latest_) + '\n');
+    if (!textfile_.empty()) {
+        writePublic(
+            textfile_,
+            prometheusText(latest_.get(kModuleKey, Json::Value()).get("value", Json::Value())));
     }
-    // Written aside and renamed, so a reader never sees half a file.
-    const auto tmp = file_.string() + ".tmp";
-    {
-        std::ofstream out(tmp, std::ios::trunc);
-        Json::StreamWriterBuilder writer;
-        out << Json::writeString(writer, latest_) << '\n';
-    }
-    std::error_code ec;
-    fs::permissions(tmp, kFileMode, ec);
-    fs::rename(tmp, file_, ec);
 }
 
 bool MetricsCollector::TimerCallback() {

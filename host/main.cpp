@@ -7,6 +7,7 @@
 #include "host/EventWriter.h"
 #include "host/HostSettings.h"
 #include "host/JournalLogSink.h"
+#include "host/MetricsEndpoint.h"
 #include "host/MetricsFile.h"
 #include "host/ServiceLoop.h"
 #include "host/SystemWorker.h"
@@ -31,6 +32,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <optional>
 
 namespace {
 constexpr const char* kSource = "agenthost";
@@ -48,6 +51,8 @@ int main(int argc, char** argv) {
     int logLevel = CORE::kLogInfo;
     std::string logFile;
     int metricsSeconds = 15;
+    int metricsPort = -1;
+    std::optional<std::string> metricsTextfile;
     std::string journalSocket;
     std::string rebootMode;
     std::string logTarget = "auto";
@@ -65,6 +70,13 @@ int main(int argc, char** argv) {
     app.add_option("--metrics-interval", metricsSeconds, "Seconds between metric collections")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
+    app.add_option("--metrics-port", metricsPort,
+                   "Serve the metrics for Prometheus at http://127.0.0.1:PORT/metrics (0: a "
+                   "free port, logged). Off unless given")
+        ->check(CLI::Range(0, 65535));
+    app.add_option("--metrics-textfile", metricsTextfile,
+                   "Where the metrics are written for node_exporter's textfile collector, "
+                   "empty for nowhere (default: under the root, run/Brasswick/metrics.prom)");
     app.add_option("--journal-socket", journalSocket,
                    "The journal's socket, where agent events are written "
                    "(default: under the root, run/systemd/journal/socket)");
@@ -122,11 +134,27 @@ int main(int argc, char** argv) {
     }
     settings->start();
 
-    const auto metrics =
-        std::make_shared<ndpx::host::MetricsFile>(ndpx::platform::paths::runDir() / "metrics.json");
+    const auto metrics = std::make_shared<ndpx::host::MetricsFile>(
+        ndpx::platform::paths::runDir() / "metrics.json",
+        metricsTextfile ? std::filesystem::path(*metricsTextfile)
+                        : ndpx::platform::paths::runDir() / "metrics.prom");
     CORE::setMetricsSink(metrics);
     ndpx::host::MetricsCollector collector;
     collector.start(static_cast<std::uint32_t>(metricsSeconds) * 1000u);
+    // Without it the metrics are still in the files: the agent's work does
+    // not depend on a scraper.
+    ndpx::host::MetricsEndpoint endpoint(metrics);
+    if (metricsPort >= 0) {
+        std::string error;
+        if (endpoint.start(static_cast<std::uint16_t>(metricsPort), error)) {
+            CORE::__SysMessage(kSource, CORE::kLogInfo,
+                               "agenthost: metrics at http://127.0.0.1:%u/metrics",
+                               static_cast<unsigned>(endpoint.port()));
+        } else {
+            CORE::__SysMessage(kSource, CORE::kLogError, "agenthost: no metrics endpoint: %s",
+                               error.c_str());
+        }
+    }
 
     CORE::PluginLoader loader;
     ndpx::host::EventWriter events(ndpx::platform::makeJournal(journalSocket));
@@ -172,6 +200,7 @@ int main(int argc, char** argv) {
     ndpx::platform::notifyStopping();
 
     control.stop();
+    endpoint.stop();
     loader.unloadAll();
     collector.stop();
     settings->stop();

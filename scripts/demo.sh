@@ -70,7 +70,7 @@ say "Starting agenthost with ndpx_mqtt.so for a new desktop (root $root); it tru
 "$regctl" --root "$root" set "$node_manager" mqtt_IPCServerEnabled true
 "$regctl" --root "$root" set "$node_manager\ipcincludelist" ipcctl 1
 "$build/host/agenthost" --root "$root" --plugin "$build/plugin/ndpx_mqtt.so" \
-  --log-level 1 --log-file "$work/agent.log" --metrics-interval 2 2>/dev/null &
+  --log-level 1 --log-file "$work/agent.log" --metrics-interval 2 --metrics-port 0 2>/dev/null &
 agent=$!
 pids+=($agent)
 wait_for "$work/agent.log" "MQTT_STATE_WAITING_CONFIG" 30
@@ -163,6 +163,13 @@ shown "written while the broker was away"
 say "The agent's own account (agentctl status, from its metrics of the last 2 s)"
 wait_for "$root/run/Brasswick/metrics.json" "MQTT_STATE_CONNECTED" 10
 "$agentctl" --root "$root" status | sed 's/^/  /'
+
+metrics_port=$(grep -om1 'metrics at http://127.0.0.1:[0-9]*' "$work/agent.log" | sed 's/.*://')
+say "What Prometheus scrapes at http://127.0.0.1:$metrics_port/metrics (without the buckets and the zero-valued labels)"
+exec 3<>"/dev/tcp/127.0.0.1/$metrics_port"
+printf 'GET /metrics HTTP/1.0\r\n\r\n' >&3
+sed '1,/^\r$/d' <&3 | grep -Ev '^#|_bucket|\} 0$' | sed 's/^/  /'
+exec 3<&-
 
 say "Stopping the agent (SIGTERM)"
 kill -TERM "$agent"

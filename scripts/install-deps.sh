@@ -18,7 +18,7 @@ packages=(
   libcpp-httplib-dev
   libcli11-dev
   mosquitto mosquitto-clients
-  python3 python3-paho-mqtt
+  python3 python3-paho-mqtt python3-prometheus-client
   procps
   tinyproxy
   lintian help2man

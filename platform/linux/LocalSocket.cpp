@@ -1,6 +1,8 @@
 #include <platform/LocalSocket.h>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -57,6 +59,25 @@ bool socketAddress(const std::filesystem::path& path, sockaddr_un& address, std:
     }
     std::memcpy(address.sun_path, text.c_str(), text.size() + 1);
     return true;
+}
+
+IoResult acceptOn(int listening, LocalStream& out, const StopSignal& stop, std::string& error) {
+    for (;;) {
+        const IoResult ready = waitFor(listening, POLLIN, kNoDeadline, &stop);
+        if (ready != IoResult::Ok) {
+            error = ioResultText(ready);
+            return ready;
+        }
+        UniqueFd client(::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (client) {
+            out = LocalStream(std::move(client));
+            return IoResult::Ok;
+        }
+        if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
+            error = errnoText(errno);
+            return IoResult::Failed;
+        }
+    }
 }
 
 }  // namespace
@@ -231,22 +252,38 @@ bool LocalListener::listen(const std::filesystem::path& path, std::string& error
 }
 
 IoResult LocalListener::accept(LocalStream& out, const StopSignal& stop, std::string& error) {
-    for (;;) {
-        const IoResult ready = waitFor(fd_.get(), POLLIN, kNoDeadline, &stop);
-        if (ready != IoResult::Ok) {
-            error = ioResultText(ready);
-            return ready;
-        }
-        UniqueFd client(::accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (client) {
-            out = LocalStream(std::move(client));
-            return IoResult::Ok;
-        }
-        if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
-            error = errnoText(errno);
-            return IoResult::Failed;
-        }
+    return acceptOn(fd_.get(), out, stop, error);
+}
+
+bool LoopbackListener::listen(std::uint16_t port, std::string& error) {
+    UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd) {
+        error = errnoText(errno);
+        return false;
     }
+    const int one = 1;
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(fd.get(), 8) != 0) {
+        error = "127.0.0.1:" + std::to_string(port) + ": " + errnoText(errno);
+        return false;
+    }
+    socklen_t length = sizeof address;
+    if (::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        error = errnoText(errno);
+        return false;
+    }
+    port_ = ntohs(address.sin_port);
+    fd_ = std::move(fd);
+    return true;
+}
+
+IoResult LoopbackListener::accept(LocalStream& out, const StopSignal& stop, std::string& error) {
+    return acceptOn(fd_.get(), out, stop, error);
 }
 
 }  // namespace ndpx::platform

@@ -194,7 +194,7 @@ TEST_F(AgentHostTest, StateIsPublishedAsAMetric) {
     stopHost(*host);
 }
 
-TEST_F(AgentHostTest, WhatTheHostCreatesIsTheOwnersAloneButTheMetricsFile) {
+TEST_F(AgentHostTest, WhatTheHostCreatesIsTheOwnersAloneButTheMetricsFiles) {
     namespace fs = std::filesystem;
     const fs::path root = root_.path();
     auto host = startHost();
@@ -203,11 +203,12 @@ TEST_F(AgentHostTest, WhatTheHostCreatesIsTheOwnersAloneButTheMetricsFile) {
     ASSERT_TRUE(waitUntil([&] { return fs::exists(root / "AzureData"); }));
     stopHost(*host);
 
-    // Monitoring tools read the metrics file, through the folders above it.
+    // Monitoring tools read the metrics files, through the folders above them.
     const std::map<fs::path, unsigned> forOthers = {
         {root / "run", 0755},
         {root / "run/Brasswick", 0755},
         {root / "run/Brasswick/metrics.json", 0644},
+        {root / "run/Brasswick/metrics.prom", 0644},
     };
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
         const auto mode = static_cast<unsigned>(entry.symlink_status().permissions());

@@ -81,4 +81,19 @@ private:
     std::filesystem::path path_;
 };
 
+// A TCP listener on the loopback address only, for a scraper on the same
+// machine; its streams are LocalStreams without peer credentials.
+class LoopbackListener {
+public:
+    // Port 0 takes a free port; port() tells which.
+    bool listen(std::uint16_t port, std::string& error);
+    std::uint16_t port() const { return port_; }
+    // Waits for the next client; Stopped when `stop` is set.
+    IoResult accept(LocalStream& out, const StopSignal& stop, std::string& error);
+
+private:
+    UniqueFd fd_;
+    std::uint16_t port_ = 0;
+};
+
 }  // namespace ndpx::platform
