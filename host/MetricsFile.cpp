@@ -91,15 +91,17 @@ Json::Value MetricsFile::latest(const std::string& key) const {
 
 std::string MetricsFile::prometheus() const {
     std::lock_guard lock(mutex_);
+    return prometheusLockHeld();
+}
+
+std::string MetricsFile::prometheusLockHeld() const {
     return prometheusText(latest_.get(kModuleKey, Json::Value()).get("value", Json::Value()));
 }
 
 void MetricsFile::writeLockHeld() {
     writePublic(file_, Json::writeString(Json::StreamWriterBuilder(), latest_) + '\n');
     if (!textfile_.empty()) {
-        writePublic(
-            textfile_,
-            prometheusText(latest_.get(kModuleKey, Json::Value()).get("value", Json::Value())));
+        writePublic(textfile_, prometheusLockHeld());
     }
 }
 

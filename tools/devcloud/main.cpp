@@ -24,6 +24,7 @@
 #include <platform/UniqueFd.h>
 
 #include <json/json.h>
+#include <openssl/crypto.h>
 #include <CLI/CLI.hpp>
 
 #include <poll.h>
@@ -440,6 +441,11 @@ int setId(const Home& home, const std::string& host, int port, const std::string
 }  // namespace
 
 int main(int argc, char** argv) {
+    // The MQTT library's threads end after the last client is destroyed,
+    // on their own time; one still ending when main returns would take a
+    // lock that OpenSSL's exit handler has already freed. The process's end
+    // frees OpenSSL's memory anyway.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     CLI::App app{"devcloud: the development control plane"};
     app.require_subcommand(1);
     std::string dir = "devcloud";

@@ -33,6 +33,7 @@ public:
 
 private:
     void writeLockHeld();
+    std::string prometheusLockHeld() const;
 
     const std::filesystem::path file_;
     const std::filesystem::path textfile_;

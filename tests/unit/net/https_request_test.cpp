@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -418,6 +419,7 @@ TEST(HttpsRequestTime, ACallbackMayReleaseTheLastOwner) {
     TestServer server = serverFor(pki().leaf, test::answer(200, "ok"));
     for (int round = 0; round < 3; ++round) {
         Completions done;
+        std::promise<void> released;
         auto request = makeRequest();
         auto* raw = request.get();
         auto report = done.callback();
@@ -425,9 +427,13 @@ TEST(HttpsRequestTime, ACallbackMayReleaseTheLastOwner) {
                                                     HttpRequest* r, std::string body) mutable {
             report(r, std::move(body));
             owner.reset();  // the object is destroyed on its own completion thread
+            released.set_value();
         }));
         ASSERT_TRUE(done.wait());
         EXPECT_EQ(done.body, "ok");
+        // The destruction hands the completion thread to the process's
+        // reaper; the test (and the process) must not end before it has.
+        ASSERT_EQ(released.get_future().wait_for(10s), std::future_status::ready);
     }
     EXPECT_EQ(server.requests(), 3);
 }
