@@ -80,7 +80,7 @@ bool MetricsFile::sendData(const CORE::MetricRecord& record) {
     entry["value"] = valueOf(record.value);
     std::lock_guard lock(mutex_);
     latest_[record.key] = std::move(entry);
-    writeLockHeld();
+    writeLockHeld(record.key == kModuleKey);
     return true;
 }
 
@@ -98,9 +98,9 @@ std::string MetricsFile::prometheusLockHeld() const {
     return prometheusText(latest_.get(kModuleKey, Json::Value()).get("value", Json::Value()));
 }
 
-void MetricsFile::writeLockHeld() {
+void MetricsFile::writeLockHeld(bool moduleChanged) {
     writePublic(file_, Json::writeString(Json::StreamWriterBuilder(), latest_) + '\n');
-    if (!textfile_.empty()) {
+    if (moduleChanged && !textfile_.empty()) {
         writePublic(textfile_, prometheusLockHeld());
     }
 }

@@ -32,7 +32,8 @@ public:
     std::string prometheus() const;
 
 private:
-    void writeLockHeld();
+    // The textfile holds only the module's record: rewritten when it changed.
+    void writeLockHeld(bool moduleChanged);
     std::string prometheusLockHeld() const;
 
     const std::filesystem::path file_;

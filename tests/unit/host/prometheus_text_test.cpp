@@ -16,6 +16,7 @@
 
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 namespace ndpx::host {
 namespace {
@@ -60,18 +61,23 @@ TEST(PrometheusTextTest, EveryFamilyOfAFullMetricIsWellFormedWithItsValue) {
     EXPECT_EQ(f.at("ndpx_module_reporting").value("ndpx_module_reporting"), 1.0);
     EXPECT_EQ(f.at("ndpx_mqtt_state").value("ndpx_mqtt_state", {{"state", "MQTT_STATE_CONNECTED"}}),
               1.0);
-    EXPECT_EQ(one("ndpx_mqtt_connected_seconds_total", "counter"), 95);
-    EXPECT_EQ(one("ndpx_mqtt_reconnects_total", "counter"), 1);
-    EXPECT_EQ(one("ndpx_mqtt_lost_sessions_total", "counter"), 0);
-    EXPECT_EQ(one("ndpx_mqtt_publications_buffered_total", "counter"), 3);
-    EXPECT_EQ(one("ndpx_mqtt_publications_dropped_total", "counter"), 0);
-    EXPECT_EQ(one("ndpx_mqtt_publications_lost_in_flight_total", "counter"), 1);
-    EXPECT_EQ(one("ndpx_mqtt_commands_received_total", "counter"), 3);
-    EXPECT_EQ(one("ndpx_mqtt_commands_answered_total", "counter"), 2);
-    EXPECT_EQ(one("ndpx_mqtt_commands_duplicate_total", "counter"), 1);
-    EXPECT_EQ(one("ndpx_client_certificate_expiry_seconds", "gauge"), 2591000);
-    EXPECT_EQ(one("ndpx_pairing_attempts_total", "counter"), 1);
-    EXPECT_EQ(one("ndpx_ipc_clients", "gauge"), 2);
+    const std::tuple<const char*, const char*, double> singles[] = {
+        {"ndpx_mqtt_connected_seconds_total", "counter", 95},
+        {"ndpx_mqtt_reconnects_total", "counter", 1},
+        {"ndpx_mqtt_lost_sessions_total", "counter", 0},
+        {"ndpx_mqtt_publications_buffered_total", "counter", 3},
+        {"ndpx_mqtt_publications_dropped_total", "counter", 0},
+        {"ndpx_mqtt_publications_lost_in_flight_total", "counter", 1},
+        {"ndpx_mqtt_commands_received_total", "counter", 3},
+        {"ndpx_mqtt_commands_answered_total", "counter", 2},
+        {"ndpx_mqtt_commands_duplicate_total", "counter", 1},
+        {"ndpx_client_certificate_expiry_seconds", "gauge", 2591000},
+        {"ndpx_pairing_attempts_total", "counter", 1},
+        {"ndpx_ipc_clients", "gauge", 2},
+    };
+    for (const auto& [name, type, expected] : singles) {
+        EXPECT_EQ(one(name, type), expected) << name;
+    }
 
     const auto& latency = f.at("ndpx_mqtt_command_answer_seconds");
     EXPECT_EQ(latency.type, "histogram");
