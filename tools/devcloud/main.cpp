@@ -20,7 +20,6 @@
 #include <mfw/moduleLog.h>
 #include <platform/UniqueFd.h>
 
-#include <openssl/crypto.h>
 #include <CLI/CLI.hpp>
 
 #include <poll.h>
@@ -32,6 +31,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -223,14 +223,7 @@ int clientCert(const Home& home, const std::string& cn, const std::string& prefi
     return 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    // The MQTT library's threads end after the last client is destroyed,
-    // on their own time; one still ending when main returns would take a
-    // lock that OpenSSL's exit handler has already freed. The process's end
-    // frees OpenSSL's memory anyway.
-    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+int run(int argc, char** argv) {
     CLI::App app{"devcloud: the development control plane"};
     app.require_subcommand(1);
     std::string dir = "devcloud";
@@ -493,4 +486,18 @@ int main(int argc, char** argv) {
         return 1;
     }
     return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int status = run(argc, argv);
+    // The MQTT library's threads end after the last client is destroyed, on
+    // their own time, and may still be ending now. Exit handlers (OpenSSL's
+    // clean-up, which frees the locks such a thread takes) would race them;
+    // the process ends without them once its output is out.
+    std::cout.flush();
+    std::cerr.flush();
+    std::fflush(nullptr);
+    std::_Exit(status);
 }
